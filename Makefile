@@ -1,0 +1,30 @@
+# Two commands do everything: `make run` and `make test`. Each installs what
+# is missing (Debian packages), configures, builds and does its job.
+BUILD ?= build
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: all deps configure build test run clean format
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+configure: deps
+	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+
+build: configure
+	@cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	@cd $(BUILD) && ctest -j $(JOBS) --output-on-failure
+
+run: build
+	@$(BUILD)/tools/quorbpfd $(ARGS)
+
+format:
+	@find include service ipc bpf diag tools tests -name '*.h' -o -name '*.cpp' | xargs clang-format -i
+
+clean:
+	@rm -rf $(BUILD)

@@ -1,0 +1,91 @@
+#include "diag/quor_bpf_error_log.h"
+
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <list>
+
+#include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_strings.h"
+
+namespace Quor {
+namespace Bpf {
+
+namespace {
+
+constexpr int kMaxOldLines = 4999;
+
+std::string LocalTimeText() {
+    char text[64] = {};
+    const time_t now = time(nullptr);
+    struct tm local = {};
+    if (localtime_r(&now, &local) != nullptr) {
+        strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+    }
+    return text;
+}
+
+std::string CommandLine() {
+    std::ifstream in("/proc/self/cmdline", std::ios::binary);
+    if (!in.is_open()) return std::string();
+    std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    for (char& c : cmdline) {
+        if (c == '\0') c = ' ';
+    }
+    if (!cmdline.empty() && cmdline.back() == ' ') cmdline.pop_back();
+    return cmdline;
+}
+
+std::string ThreadName() {
+    char name[17] = {};
+    if (prctl(PR_GET_NAME, name, 0, 0, 0) != 0) return std::string();
+    return name;
+}
+
+}  // namespace
+
+int InitBpfServiceErrorLog() {
+    (void)mkdir(BPF_SERVICE_LOG_DIR, 0775);
+    return rename(BPF_SERVICE_ERROR_LOG, BPF_SERVICE_ERROR_OLD_LOG);
+}
+
+void RecordBpfServiceErrorInfo(int32_t code, const std::string& message) {
+    std::list<std::string> lines;
+    lines.push_back(StringPrintf(
+        "----------\nTime: %s\nPid: %d\nTid: %d\nCmdline: %s\nComm: %s\nErrorCode: %d\nError: %s\n",
+        LocalTimeText().c_str(), getpid(), gettid(), CommandLine().c_str(), ThreadName().c_str(),
+        code, message.c_str()));
+
+    std::ifstream old(BPF_SERVICE_ERROR_LOG);
+    if (!old.is_open()) {
+        QLOGE(QUOR_TAG_UTILS, "failed to read %s, error: %s", BPF_SERVICE_ERROR_LOG,
+              strerror(errno));
+    } else {
+        std::string line;
+        for (int count = 0; count < kMaxOldLines && std::getline(old, line); ++count) {
+            lines.push_back(line);
+        }
+        old.close();
+    }
+
+    std::ofstream out(BPF_SERVICE_ERROR_LOG, std::ios::out | std::ios::trunc);
+    if (!out.is_open()) {
+        QLOGE(QUOR_TAG_UTILS, "failed to write %s, error: %s", BPF_SERVICE_ERROR_LOG,
+              strerror(errno));
+        return;
+    }
+    for (const std::string& element : lines) {
+        out << element << "\n";
+        out.flush();
+    }
+}
+
+}  // namespace Bpf
+}  // namespace Quor

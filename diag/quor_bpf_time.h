@@ -1,0 +1,25 @@
+// Process-wide time base: monotonic clocks shifted by the boot time.
+//
+// InitBasetime() reads the boot time (epoch seconds, the "btime" line of
+// /proc/stat) once; afterwards every clock below except
+// GetSystemBootNanosencondsTime() is monotonic time since boot plus that base,
+// i.e. an approximate wall clock that never jumps. Before InitBasetime() the
+// base is 0. All functions are reentrant; the base is written once at start,
+// before the threads that read it exist.
+#pragma once
+
+#include <cstdint>
+
+namespace Quor {
+namespace Bpf {
+
+bool InitBasetime();
+int64_t GetBasetime();
+int64_t GetSystemBootNanosencondsTime();
+int64_t GetSystemNanosencondsTime();
+int64_t GetSystemMicrosencondsTime();
+int64_t GetSystemMillisecondsTime(bool precise);
+int64_t GetSystemSecondsTime();
+
+}  // namespace Bpf
+}  // namespace Quor

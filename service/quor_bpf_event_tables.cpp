@@ -1,0 +1,54 @@
+#include "service/quor_bpf_event_tables.h"
+
+#include "service/quor_bpf_service.h"
+
+namespace Quor {
+namespace Bpf {
+
+const char* EventTypeName(int32_t type) {
+    static const char* const kNames[QUOR_STAT_SLOTS] = {
+        "quor_task_init",   "kmem_rss_info",    "sched_task_create",
+        "sched_task_exit",  "dmabuf_size_info", "cgroup_attach_cpuset_info",
+        "fd_update_info",   "dmabuf_update",    "PollCount",
+    };
+    if (type < 0 || type >= QUOR_STAT_SLOTS) return "UNKNOW";
+    return kNames[type];
+}
+
+// Built once at library load by static initialisation and never changed.
+const BpfProgTable QuorBpfService::PROG_EVENT_MAP = {
+    {"QuorBpfDefineset",
+     {
+         {BPF_ATTACH_TRACEPOINT,
+          {
+              {"sched_sched_switch", "sched", "sched_switch", "5.0+"},
+              {"sched_sched_process_exit", "sched", "sched_process_exit", "5.0+"},
+              {"sched_sched_process_fork", "sched", "sched_process_fork", "5.0+"},
+              {"kmem_rss_stat", "kmem", "rss_stat", "5.0+"},
+          }},
+         {BPF_ATTACH_KPROBE,
+          {
+              {"enter_fd_install", "fd_install", "", "5.0+"},
+          }},
+         {BPF_ATTACH_KRETPROBE, {}},
+     }},
+};
+
+const BpfProgTable QuorBpfService::PROG_GPL_EVENT_MAP = {
+    {"QuorBpfGplDefineset",
+     {
+         {BPF_ATTACH_TRACEPOINT,
+          {
+              {"sched_sched_process_exit", "sched", "sched_process_exit", "5.0+"},
+              {"cgroup_cgroup_attach_task", "cgroup", "cgroup_attach_task", "5.0+"},
+          }},
+         {BPF_ATTACH_KPROBE,
+          {
+              {"dma_buf_file_release", "dma_buf_file_release", "", "6.1+"},
+              {"dma_buf_stats_setup", "dma_buf_stats_setup", "", "6.1+"},
+          }},
+     }},
+};
+
+}  // namespace Bpf
+}  // namespace Quor

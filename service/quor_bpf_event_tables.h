@@ -1,0 +1,37 @@
+// Vocabulary shared with the kernel side: event type names and the pinned
+// object paths. The programme tables themselves are static members of
+// QuorBpfService (quor_bpf_event_tables.cpp).
+#pragma once
+
+#include <cstdint>
+
+#include "quor/quor_bpf_records.h"
+
+namespace Quor {
+namespace Bpf {
+
+constexpr const char* QUOR_BPF_BASE_PATH = "/sys/fs/bpf/quor/";
+constexpr const char* QUOR_BPF_OBJECT = "QuorBpfDefineset";
+constexpr const char* QUOR_BPF_GPL_OBJECT = "QuorBpfGplDefineset";
+
+// Ring-buffer index 0 is the main set, 1 the GPL set.
+constexpr int RINGBUF_MAIN = 0;
+constexpr int RINGBUF_GPL = 1;
+constexpr const char* RINGBUF_MAP_PATHS[2] = {
+    "/sys/fs/bpf/quor/map_QuorBpfDefineset_ringbuf_map",
+    "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_ringbuf_map",
+};
+constexpr const char* RINGBUF_STATUS_PATHS[2] = {
+    "/sys/fs/bpf/quor/map_QuorBpfDefineset_ringbuf_status",
+    "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_ringbuf_status",
+};
+
+// Statistics slots: kernel types 0..7 and the poll counter.
+constexpr int QUOR_STAT_SLOTS = 9;
+
+// Statistics name of a kernel event type 0..7, "PollCount" for slot 8 and
+// "UNKNOW" for anything else.
+const char* EventTypeName(int32_t type);
+
+}  // namespace Bpf
+}  // namespace Quor

@@ -1,0 +1,152 @@
+#include "service/quor_bpf_service.h"
+
+#include <android-base/properties.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <system_error>
+
+#include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_time.h"
+
+namespace Quor {
+namespace Bpf {
+
+QuorBpfService* QuorBpfService::instance = nullptr;
+std::mutex QuorBpfService::servicelock;
+
+namespace {
+
+// The service's threads share CPUs 0-2 and leave the rest to the device.
+bool PinToServiceCpus() {
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    for (int cpu = 0; cpu <= 2; ++cpu) CPU_SET(cpu, &cpus);
+    return sched_setaffinity(gettid(), sizeof(cpus), &cpus) == 0;
+}
+
+}  // namespace
+
+QuorBpfService* QuorBpfService::GetInstance() {
+    std::lock_guard<std::mutex> lock(servicelock);
+    if (instance == nullptr) instance = new QuorBpfService();
+    return instance;
+}
+
+QuorBpfService::QuorBpfService() {
+    // A process that still carries a generic name has not yet taken its final
+    // one; the memory-event handler re-reads such a process from procfs.
+    refreshNameMap_["main"] = "re-initialized>";
+}
+
+QuorBpfService::~QuorBpfService() = default;
+
+void QuorBpfService::launchProducer(std::thread* handle, std::atomic<bool>* alive,
+                                    int (QuorBpfService::*body)()) {
+    alive->store(true);
+    try {
+        *handle = std::thread([this, alive, body] {
+            (this->*body)();
+            alive->store(false);
+        });
+    } catch (const std::system_error& e) {
+        alive->store(false);
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] thread constructor failed: %s", e.what());
+    }
+}
+
+void QuorBpfService::reapEndedProducer(std::thread* handle, std::atomic<bool>* alive,
+                                       int (QuorBpfService::*body)()) {
+    if (handle->joinable() && !alive->load()) handle->join();
+    if (!handle->joinable()) launchProducer(handle, alive, body);
+}
+
+bool QuorBpfService::start() {
+    std::lock_guard<std::mutex> lock(servicelock);
+    if (producer_.joinable()) {
+        QLOGW(QUOR_TAG_SERVICE, "[QuorBpfService][start] producer thread already running");
+        return true;
+    }
+    running_.store(true);
+    launchProducer(&producer_, &producerAlive_, &QuorBpfService::eventProduceThread);
+    return true;
+}
+
+int QuorBpfService::stop() {
+    {
+        std::lock_guard<std::mutex> lock(servicelock);
+        running_.store(false);
+    }
+    std::lock_guard<std::mutex> lock(stopMutex_);
+    stopCv_.notify_all();
+    return 0;
+}
+
+void QuorBpfService::sleepUnlessStopped(int seconds) {
+    std::unique_lock<std::mutex> lock(stopMutex_);
+    stopCv_.wait_for(lock, std::chrono::seconds(seconds), [this] { return !running_.load(); });
+}
+
+int QuorBpfService::Wait() {
+    while (running_.load()) {
+        {
+            std::lock_guard<std::mutex> lock(servicelock);
+            reapEndedProducer(&producer_, &producerAlive_, &QuorBpfService::eventProduceThread);
+            // The GPL thread is started by the producer once the kernel side is
+            // ready; only restart it after that has happened once.
+            if (gplProducer_.joinable()) {
+                reapEndedProducer(&gplProducer_, &gplProducerAlive_,
+                                  &QuorBpfService::gpleventProduceThread);
+            }
+        }
+        sleepUnlessStopped(60);
+    }
+    if (producer_.joinable()) producer_.join();
+    if (gplProducer_.joinable()) gplProducer_.join();
+    return 0;
+}
+
+int QuorBpfService::eventProduceThread() {
+    prctl(PR_SET_NAME, "BpfServicePoll", 0, 0, 0);
+    if (!PinToServiceCpus()) {
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] set thread affinity failed. %s",
+              strerror(errno));
+    }
+
+    // The kernel side is loaded by someone else; wait until it says so.
+    while (android::base::GetProperty(QUOR_BPF_READY, "0") == "0") {
+        if (!running_.load()) return 0;
+        sleep(1);
+    }
+
+    if (!InitBasetime()) {
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
+              strerror(errno));
+    }
+
+    {
+        std::lock_guard<std::mutex> lock(servicelock);
+        if (!gplProducer_.joinable()) {
+            launchProducer(&gplProducer_, &gplProducerAlive_,
+                           &QuorBpfService::gpleventProduceThread);
+        }
+    }
+    return 0;
+}
+
+int QuorBpfService::gpleventProduceThread() {
+    prctl(PR_SET_NAME, "BpfServicePGpl", 0, 0, 0);
+    if (!PinToServiceCpus()) {
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][gpleventProduceThread] set thread affinity failed. %s",
+              strerror(errno));
+    }
+    return 0;
+}
+
+}  // namespace Bpf
+}  // namespace Quor

@@ -1,0 +1,104 @@
+// QuorBpfService: the one service object of libquorbpfservice.
+//
+// It owns the socket server through which clients subscribe to kernel events,
+// the table that maps ring-buffer event types to their handlers, and two
+// producer threads:
+//   "BpfServicePoll"  starts the socket server, waits for the readiness
+//                     property, prepares the time base and kernel maps,
+//                     starts the GPL thread, attaches the main programme set
+//                     and drains the main ring buffer;
+//   "BpfServicePGpl"  attaches the GPL programme set and drains its ring buffer.
+// Both are pinned to CPUs 0-2. Wait() supervises them and restarts one that
+// has ended. The instance is created lazily under `servicelock` and never
+// destroyed by the library.
+//
+// Lifecycle: created -> started (start()) -> serving -> stopping (stop())
+// -> joined (Wait() returns). The monitors block in their ring-buffer poll
+// without a time-out and notice stop() only at their next record, so a host
+// that wants to end quickly ends its process after stop().
+#pragma once
+
+#include <android-base/unique_fd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bpf/quor_bpf_prog_table.h"
+
+namespace Quor {
+namespace Bpf {
+
+class QuorBpfService {
+public:
+    using EventHandler = std::function<int(char*, long)>;
+
+    static QuorBpfService* GetInstance();
+    // The instance or null; the caller holds `servicelock`.
+    static QuorBpfService* GetInstanceLocked() { return instance; }
+
+    // Starts the producer thread. Calling it again while that thread is still
+    // held logs a warning and changes nothing.
+    bool start();
+    // Stops the socket server and clears the running flag.
+    int stop();
+    // Supervisory loop: restarts an ended producer thread, checking every
+    // 60 seconds, until stop(); then joins both threads.
+    int Wait();
+
+    int eventProduceThread();
+    int gpleventProduceThread();
+
+    bool isRunning() const { return running_.load(); }
+
+    static const BpfProgTable PROG_EVENT_MAP;
+    static const BpfProgTable PROG_GPL_EVENT_MAP;
+    static constexpr const char* QUOR_BPF_READY = "sys.quor_bpf_ready";
+    static std::mutex servicelock;
+
+    ~QuorBpfService();
+
+private:
+    QuorBpfService();
+    QuorBpfService(const QuorBpfService&) = delete;
+    QuorBpfService& operator=(const QuorBpfService&) = delete;
+
+    // Runs a thread body and records that it ended, so Wait() can restart it.
+    void launchProducer(std::thread* handle, std::atomic<bool>* alive,
+                        int (QuorBpfService::*body)());
+    void reapEndedProducer(std::thread* handle, std::atomic<bool>* alive,
+                           int (QuorBpfService::*body)());
+    // Sleeps up to `seconds`, returning early when stop() is called.
+    void sleepUnlessStopped(int seconds);
+
+    std::map<int32_t, EventHandler> eventHandlers_;
+    std::atomic<bool> running_{false};
+    int64_t lastRingBuffCheck_[2] = {0, 0};
+    android::base::unique_fd ringBuffFd_;
+    android::base::unique_fd gplRingBuffFd_;
+    android::base::unique_fd ringBuffStatusFd_;
+    android::base::unique_fd gplRingBuffStatusFd_;
+    std::map<std::string, std::string> refreshNameMap_;
+
+    std::thread producer_;
+    std::thread gplProducer_;
+    std::atomic<bool> producerAlive_{false};
+    std::atomic<bool> gplProducerAlive_{false};
+
+    android::base::unique_fd processInodeMapFd_;
+    android::base::unique_fd processMmapInfos_;
+
+    std::mutex stopMutex_;
+    std::condition_variable stopCv_;
+
+    static QuorBpfService* instance;
+};
+
+}  // namespace Bpf
+}  // namespace Quor

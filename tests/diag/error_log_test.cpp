@@ -1,0 +1,97 @@
+// Runs inside a private mount namespace with a tmpfs on /data.
+#include "diag/quor_bpf_error_log.h"
+
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace Quor::Bpf;
+
+namespace {
+
+std::string ReadFile(const char* path) {
+    std::ifstream in(path);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+std::vector<std::string> ReadLines(const char* path) {
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+void WriteFile(const char* path, const std::string& text) { std::ofstream(path) << text; }
+
+class ErrorLogTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(system("rm -rf /data/quorlog && mkdir -p /data/quorlog/stability"), 0);
+    }
+};
+
+}  // namespace
+
+TEST_F(ErrorLogTest, RotationKeepsOnlyThePreviousRun) {
+    EXPECT_EQ(InitBpfServiceErrorLog(), -1);  // nothing to rotate yet
+    struct stat st = {};
+    ASSERT_EQ(stat(BPF_SERVICE_LOG_DIR, &st), 0);
+
+    WriteFile(BPF_SERVICE_ERROR_LOG, "first run\n");
+    EXPECT_EQ(InitBpfServiceErrorLog(), 0);
+    EXPECT_EQ(ReadFile(BPF_SERVICE_ERROR_OLD_LOG), "first run\n");
+    EXPECT_NE(access(BPF_SERVICE_ERROR_LOG, F_OK), 0);
+
+    WriteFile(BPF_SERVICE_ERROR_LOG, "second run\n");
+    EXPECT_EQ(InitBpfServiceErrorLog(), 0);
+    EXPECT_EQ(ReadFile(BPF_SERVICE_ERROR_OLD_LOG), "second run\n");
+}
+
+TEST_F(ErrorLogTest, RecordCarriesProcessThreadAndCommandLine) {
+    InitBpfServiceErrorLog();
+    std::thread([] {
+        prctl(PR_SET_NAME, "BpfServiceTr", 0, 0, 0);
+        RecordBpfServiceErrorInfo(2, "Ipc package damage");
+    }).join();
+
+    const std::string text = ReadFile(BPF_SERVICE_ERROR_LOG);
+    const std::regex format(
+        "----------\nTime: \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\nPid: (\\d+)\nTid: (\\d+)\n"
+        "Cmdline: ([^\n]*)\nComm: BpfServiceTr\nErrorCode: 2\nError: Ipc package damage\n\n");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(text, m, format)) << text;
+    EXPECT_EQ(std::stoi(m[1]), getpid());
+    EXPECT_NE(std::stoi(m[2]), getpid());  // written from the other thread
+    // NUL separators become blanks, no trailing blank.
+    const std::string cmdline = m[3];
+    EXPECT_NE(cmdline.find("error_log_test"), std::string::npos);
+    EXPECT_NE(cmdline.back(), ' ');
+}
+
+TEST_F(ErrorLogTest, NewestFirstAndBoundedTo4999OldLines) {
+    InitBpfServiceErrorLog();
+    RecordBpfServiceErrorInfo(1, "older");
+    RecordBpfServiceErrorInfo(3, "newer");
+    std::vector<std::string> lines = ReadLines(BPF_SERVICE_ERROR_LOG);
+    ASSERT_EQ(lines.size(), 18u);
+    EXPECT_EQ(lines[7], "Error: newer");
+    EXPECT_EQ(lines[16], "Error: older");
+
+    std::string old;
+    for (int i = 0; i < 5000; ++i) old += "line " + std::to_string(i) + "\n";
+    WriteFile(BPF_SERVICE_ERROR_LOG, old);
+    RecordBpfServiceErrorInfo(6, "B&A Ipc Package queue full 10000");
+    lines = ReadLines(BPF_SERVICE_ERROR_LOG);
+    ASSERT_EQ(lines.size(), 9u + 4999u);
+    EXPECT_EQ(lines[6], "ErrorCode: 6");
+    EXPECT_EQ(lines[9], "line 0");
+    EXPECT_EQ(lines.back(), "line 4998");  // the oldest line is dropped
+}

@@ -1,0 +1,122 @@
+// quorbpfd: the host process of libquorbpfservice on a Linux machine.
+//
+// On a device the platform sets properties, creates the log directory and
+// loads the kernel programmes before it starts the service. Here this daemon
+// plays that part: it takes properties from the command line, sets
+// "ro.kernel.version" from uname, creates the log directory, starts the
+// service and blocks until SIGINT or SIGTERM, which stop it (exit code 0).
+#include <android-base/properties.h>
+#include <errno.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "diag/quor_bpf_log.h"
+#include "quor/bpf_service_main.h"
+
+namespace {
+
+constexpr const char* kTag = "quorbpfd";
+constexpr const char* kLogDir = "/data/quorlog/stability/quorbpfframework/";
+
+void Usage(FILE* out) {
+    fprintf(out,
+            "usage: quorbpfd [--property KEY=VALUE]...\n"
+            "\n"
+            "Starts the kernel-event service in the foreground. SIGINT or SIGTERM stop it.\n"
+            "\n"
+            "  --property KEY=VALUE  set a system property before the service starts\n"
+            "                        (repeatable); \"ro.kernel.version\" defaults to the\n"
+            "                        running kernel's major.minor\n"
+            "  -h, --help            show this text\n"
+            "\n"
+            "examples:\n"
+            "  quorbpfd --property sys.quor_bpf_ready=1\n"
+            "  quorbpfd --property persist.sys.stability.bpfframework.disable=1\n");
+}
+
+std::string KernelMajorMinor() {
+    utsname name = {};
+    if (uname(&name) != 0) return "0.0";
+    int major = 0;
+    int minor = 0;
+    if (sscanf(name.release, "%d.%d", &major, &minor) != 2) return "0.0";
+    return std::to_string(major) + "." + std::to_string(minor);
+}
+
+// mkdir -p: each missing level is created with mode 0775.
+bool MakeDirs(const std::string& path) {
+    for (size_t pos = 1; pos <= path.size(); ++pos) {
+        if (pos != path.size() && path[pos] != '/') continue;
+        const std::string prefix = path.substr(0, pos);
+        if (mkdir(prefix.c_str(), 0775) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::map<std::string, std::string> properties;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            Usage(stdout);
+            return 0;
+        }
+        std::string assignment;
+        if (arg == "--property" && i + 1 < argc) {
+            assignment = argv[++i];
+        } else if (arg.rfind("--property=", 0) == 0) {
+            assignment = arg.substr(strlen("--property="));
+        } else {
+            fprintf(stderr, "quorbpfd: unknown argument '%s'\n\n", arg.c_str());
+            Usage(stderr);
+            return 2;
+        }
+        const size_t eq = assignment.find('=');
+        if (eq == std::string::npos || eq == 0) {
+            fprintf(stderr, "quorbpfd: --property needs KEY=VALUE, got '%s'\n", assignment.c_str());
+            return 2;
+        }
+        properties[assignment.substr(0, eq)] = assignment.substr(eq + 1);
+    }
+    if (properties.count("ro.kernel.version") == 0) {
+        properties["ro.kernel.version"] = KernelMajorMinor();
+    }
+    for (const auto& [key, value] : properties) android::base::SetProperty(key, value);
+
+    if (!MakeDirs(kLogDir)) {
+        QLOGW(kTag, "[quorbpfd] cannot create %s: %s", kLogDir, strerror(errno));
+    }
+
+    // Block the stop signals before the service creates its threads, so that
+    // only sigwait() below sees them; the dump signals stay deliverable.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    if (Quor::Bpf::BpfServiceMain() == 0) return 0;
+
+    std::thread supervisor([] { Quor::Bpf::WaitBpfService(); });
+    supervisor.detach();
+
+    int signo = 0;
+    while (sigwait(&stopSignals, &signo) != 0) {
+    }
+    QLOGI(kTag, "[quorbpfd] %s received, stopping", strsignal(signo));
+    Quor::Bpf::StopBpfService();
+    // The monitors block in their ring-buffer poll until the next record;
+    // end the process now instead of waiting for it.
+    fflush(nullptr);
+    _exit(0);
+}
