@@ -57,6 +57,34 @@ public:
 
     bool isRunning() const { return running_.load(); }
 
+    // Ring-buffer monitors (quor_bpf_service_monitor.cpp). Index 0 is the
+    // main ring buffer, 1 the GPL one; an index above 1 does nothing.
+    int eventMonitor();
+    int gpleventMonitor();
+    int handleBpfRingBuffEvent(void* ctx, void* data, size_t size);
+    int checkBpfRingBuffStatus(int index, bool force);
+    bool enableCoreBpf(int index, bool enable);
+    bool enableNormalBpf(int index, bool enable);
+
+    // Kernel event handlers (quor_bpf_service_handlers.cpp); each returns 0.
+    int handleQuorTaskInitEvent(char* data, long len);
+    int handleKmem_RssStat(char* data, long len);
+    int handleSched_SchedProcessFork(char* data, long len);
+    int handleSched_SchedProcessExit(char* data, long len);
+    int handleBpfPassthrough(char* data, long len);
+
+    // Procfs readers (bpf/quor_bpf_proc_info.cpp).
+    void initTaskInfo();
+    int getProcessInfo(int pid, struct UpdateProcessExdata* out);
+    static int64_t GetFdSize(const std::string& path);
+    static uint64_t GetFdInode(const std::string& path);
+
+    // Dmabuf and open-descriptor kernel maps (bpf/quor_bpf_dmabuf_maps.cpp).
+    int initBpfMap();
+    int initFdBpfProg();
+    int initDmabufBpfProg();
+    int cleanUpDmabufMap(int pid);
+
     static const BpfProgTable PROG_EVENT_MAP;
     static const BpfProgTable PROG_GPL_EVENT_MAP;
     static constexpr const char* QUOR_BPF_READY = "sys.quor_bpf_ready";
