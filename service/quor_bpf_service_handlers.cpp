@@ -1,0 +1,221 @@
+// Kernel records -> task registry updates and the service's own events.
+//
+// Handlers run on both producer threads. Registry records are changed only
+// through QuorTaskManager::UpdateQuorTask (under the registry lock), procfs is
+// read outside that lock, and events are sent after it is released, so no
+// handler holds two locks at once.
+#include <cstring>
+
+#include "bpf/quor_bpf_proc_info.h"
+#include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_strings.h"
+#include "diag/quor_bpf_task_manager.h"
+#include "diag/quor_bpf_time.h"
+#include "quor/quor_bpf_records.h"
+#include "service/event_manager.h"
+#include "service/quor_bpf_service.h"
+
+namespace Quor {
+namespace Bpf {
+
+namespace {
+
+constexpr int64_t kSettleTimeNs = 3000000000LL;  // a new process's first 3 s
+constexpr int32_t kThreadReportDelta = 11;
+constexpr int64_t kRssReportBytes = 16384;
+constexpr int64_t kRefreshIntervalS = 2;
+constexpr int32_t kKernelThreadParent = 2;
+constexpr int32_t kLowestReportedPid = 300;
+constexpr uint32_t kMemoryEventMmId = 1000;
+
+// Copies a record of type T out of the ring buffer; false when it is shorter
+// than T (nothing is read beyond the record).
+template <typename T>
+bool ReadRecord(const char* data, long len, T* out) {
+    if (data == nullptr || len < static_cast<long>(sizeof(T))) return false;
+    memcpy(out, data, sizeof(T));
+    return true;
+}
+
+template <typename T>
+void SendEvent(const T& event) {
+    EventManager::GetInstance()->AppendEvent(
+        const_cast<char*>(reinterpret_cast<const char*>(&event)), sizeof(T));
+}
+
+void CopyComm(char (&dst)[QUOR_COMM_LEN], const char* src) {
+    memcpy(dst, src, QUOR_COMM_LEN);
+    dst[QUOR_COMM_LEN - 1] = '\0';
+}
+
+int64_t* CurrentSize(QuorTask& task, int32_t member) {
+    switch (member) {
+        case QUOR_RSS_FILE: return &task.rssFileSize;
+        case QUOR_RSS_ANON: return &task.rssAnonSize;
+        case QUOR_RSS_SWAP: return &task.rssSwapSize;
+        case QUOR_RSS_SHMEM: return &task.rssShmemSize;
+        default: return nullptr;
+    }
+}
+
+bool ExcludedFromRssReports(const QuorTask& task) {
+    if (task.pid != 1 && task.pid <= kLowestReportedPid) return true;
+    if (task.ppid == kKernelThreadParent) return true;
+    return strncmp(task.comm, "dumpsys", 7) == 0 || strncmp(task.comm, "sh", 2) == 0;
+}
+
+// Applies a thread created (+1) or ended (-1) to `pid`; fills `event` and
+// returns true when the change since the last report is worth one.
+bool ApplyThreadChange(int32_t pid, uint64_t eventTime, int32_t step,
+                       quor_thread_change_event* event) {
+    bool report = false;
+    QuorTaskManager::GetInstance()->UpdateQuorTask(pid, [&](QuorTask& task) {
+        if (task.createTime >= static_cast<int64_t>(eventTime)) return;
+        task.threadNum += step;
+        if (static_cast<int64_t>(eventTime) - task.createTime < kSettleTimeNs) return;
+        if (SubAbs(task.threadNum, task.oldThreadNum) < kThreadReportDelta) return;
+        *event = {QUOR_SERVICE_THREAD_CHANGE, task.pid,         task.ppid,
+                  task.uid,                   task.oldThreadNum, task.threadNum};
+        task.oldThreadNum = task.threadNum;
+        report = true;
+    });
+    return report;
+}
+
+}  // namespace
+
+void TestHandleEvent(char* /*data*/, long /*len*/) {}
+
+int QuorBpfService::handleQuorTaskInitEvent(char* data, long len) {
+    quor_task_init_record rec;
+    if (!ReadRecord(data, len, &rec)) return 0;
+    QuorTask task = {};
+    task.pid = rec.pid;
+    task.ppid = rec.ppid;
+    task.uid = rec.uid;
+    task.threadNum = rec.thread_count;
+    task.oldThreadNum = rec.thread_count;
+    CopyComm(task.comm, rec.comm);
+    task.rssFileSize = task.rssFileOldSize = rec.rss_file;
+    task.rssAnonSize = task.rssAnonOldSize = rec.rss_anon;
+    task.rssSwapSize = task.rssSwapOldSize = rec.swap;
+    task.rssShmemSize = task.rssShmemOldSize = rec.rss_shmem;
+    task.initTimeStamp = rec.start_time_s;
+    task.createTime = static_cast<int64_t>(rec.header.timestamp_ns);
+    QuorTaskManager::GetInstance()->AddQuorTask(rec.pid, task);
+    return 0;
+}
+
+int QuorBpfService::handleSched_SchedProcessFork(char* data, long len) {
+    quor_fork_record rec;
+    if (!ReadRecord(data, len, &rec)) return 0;
+    QuorTaskManager* tasks = QuorTaskManager::GetInstance();
+    if (rec.kind == QUOR_TASK_KIND_PROCESS) {
+        QuorTask existing;
+        if (tasks->GetQuorTaskCopy(rec.pid, &existing)) return 0;
+        QuorTask task = {};
+        task.pid = rec.pid;
+        task.ppid = rec.ppid;
+        task.uid = rec.tid;
+        CopyComm(task.comm, rec.comm);
+        if (task.ppid == 0) {
+            UpdateProcessExdata info = {};
+            if (getProcessInfo(rec.pid, &info) == 0) {
+                task.ppid = info.ppid;
+                CopyComm(task.comm, info.comm);
+            }
+        }
+        task.threadNum = task.oldThreadNum = 1;
+        task.initTimeStamp = GetSystemSecondsTime();
+        task.createTime = static_cast<int64_t>(rec.header.timestamp_ns);
+        tasks->AddQuorTask(rec.pid, task);
+
+        quor_task_new_event event = {QUOR_SERVICE_TASK_NEW, task.pid, task.ppid, task.uid, {}};
+        CopyComm(event.comm, task.comm);
+        SendEvent(event);
+    } else if (rec.kind == QUOR_TASK_KIND_THREAD) {
+        quor_thread_change_event event;
+        if (ApplyThreadChange(rec.pid, rec.header.timestamp_ns, +1, &event)) SendEvent(event);
+    } else {
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] Task Create raw event (SCHED__TASK_CREATE) error!");
+    }
+    return 0;
+}
+
+int QuorBpfService::handleSched_SchedProcessExit(char* data, long len) {
+    quor_exit_record rec;
+    if (!ReadRecord(data, len, &rec)) return 0;
+    if (rec.kind == QUOR_TASK_KIND_PROCESS) {
+        (void)QuorTaskManager::GetInstance()->DelQuorTask(rec.pid);
+        quor_task_exit_event event = {QUOR_SERVICE_TASK_EXIT, rec.pid, {}};
+        CopyComm(event.comm, rec.comm);
+        SendEvent(event);
+        (void)cleanUpDmabufMap(rec.pid);
+    } else if (rec.kind == QUOR_TASK_KIND_THREAD) {
+        quor_thread_change_event event;
+        if (ApplyThreadChange(rec.pid, rec.header.timestamp_ns, -1, &event)) SendEvent(event);
+    } else {
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!");
+    }
+    return 0;
+}
+
+int QuorBpfService::handleKmem_RssStat(char* data, long len) {
+    quor_rss_record rec;
+    if (!ReadRecord(data, len, &rec)) return 0;
+    if (rec.size < 0 || rec.member < QUOR_RSS_FILE || rec.member > QUOR_RSS_SHMEM) return 0;
+
+    QuorTaskManager* tasks = QuorTaskManager::GetInstance();
+    QuorTask snapshot;
+    if (!tasks->GetQuorTaskCopy(rec.pid, &snapshot)) return 0;
+
+    // A process still carrying a generic name is re-read from procfs, at most
+    // every 2 seconds; the read happens outside the registry lock.
+    const int64_t now = GetSystemSecondsTime();
+    const bool refresh = refreshNameMap_.count(snapshot.comm) != 0 &&
+                         now - snapshot.refreshTime > kRefreshIntervalS;
+    UpdateProcessExdata info = {};
+    const bool refreshed = refresh && getProcessInfo(rec.pid, &info) == 0;
+
+    bool report = false;
+    quor_rss_change_event event = {};
+    tasks->UpdateQuorTask(rec.pid, [&](QuorTask& task) {
+        if (refresh) {
+            if (refreshed) {
+                task.ppid = info.ppid;
+                CopyComm(task.comm, info.comm);
+            }
+            task.refreshTime = now;
+        }
+        task.mmId = kMemoryEventMmId;
+        *CurrentSize(task, rec.member) = rec.size;
+        const int64_t change = SubAbs(task.rssFileSize, task.rssFileOldSize) +
+                               SubAbs(task.rssAnonSize, task.rssAnonOldSize) +
+                               SubAbs(task.rssSwapSize, task.rssSwapOldSize) +
+                               SubAbs(task.rssShmemSize, task.rssShmemOldSize);
+        if (ExcludedFromRssReports(task)) return;
+        if (static_cast<int64_t>(rec.header.timestamp_ns) - task.createTime < kSettleTimeNs) return;
+        if (change < kRssReportBytes) return;
+        event = {QUOR_SERVICE_RSS_CHANGE, task.pid, task.ppid, task.uid, {},
+                 task.rssFileSize, task.rssAnonSize, task.rssSwapSize, task.rssShmemSize,
+                 task.rssFileOldSize, task.rssAnonOldSize, task.rssSwapOldSize,
+                 task.rssShmemOldSize};
+        CopyComm(event.comm, task.comm);
+        task.rssFileOldSize = task.rssFileSize;
+        task.rssAnonOldSize = task.rssAnonSize;
+        task.rssSwapOldSize = task.rssSwapSize;
+        task.rssShmemOldSize = task.rssShmemSize;
+        report = true;
+    });
+    if (report) SendEvent(event);
+    return 0;
+}
+
+int QuorBpfService::handleBpfPassthrough(char* data, long len) {
+    if (data == nullptr || len <= 0) return 0;
+    EventManager::GetInstance()->AppendEvent(data, static_cast<unsigned long>(len));
+    return 0;
+}
+
+}  // namespace Bpf
+}  // namespace Quor

@@ -1,0 +1,198 @@
+// Draining the two ring buffers, and the status words that switch the kernel
+// programmes on in two stages and report overflow.
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "diag/quor_bpf_dump_signals.h"
+#include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_state.h"
+#include "service/event_manager.h"
+#include "service/quor_bpf_event_tables.h"
+#include "service/quor_bpf_service.h"
+
+namespace Quor {
+namespace Bpf {
+
+namespace {
+
+constexpr int kMaxConsecutivePollErrors = 5;
+constexpr int64_t kStatusCheckIntervalS = 30;
+
+int RingBufferCallback(void* ctx, void* data, size_t size) {
+    return QuorBpfService::GetInstance()->handleBpfRingBuffEvent(ctx, data, size);
+}
+
+uint64_t LookupStatus(int mapFd, uint32_t key) {
+    uint64_t value = 0;
+    (void)bpf_map_lookup_elem(mapFd, &key, &value);
+    return value;
+}
+
+// Sets or clears `bits` in the status word. The caller holds servicelock.
+bool UpdateStatusBits(int mapFd, uint64_t bits, bool set) {
+    const uint32_t key = QUOR_STATUS_KEY_FLAGS;
+    uint64_t word = LookupStatus(mapFd, key);
+    word = set ? (word | bits) : (word & ~bits);
+    return bpf_map_update_elem(mapFd, &key, &word, BPF_ANY) == 0;
+}
+
+struct MonitorText {
+    const char* prefix;
+    const char* stopMessage;
+};
+
+constexpr MonitorText kMonitorText[2] = {
+    {"[QuorBpfService][eventMonitor]",
+     "[QuorBpfService][eventMonitor] Stop Event Produce Thread..."},
+    {"[QuorBpfService][gpleventMonitor]",
+     "[QuorBpfService][gpleventMonitor] Stop GPL Event Produce Thread..."},
+};
+
+}  // namespace
+
+int QuorBpfService::eventMonitor() { return runMonitor(RINGBUF_MAIN); }
+
+int QuorBpfService::gpleventMonitor() { return runMonitor(RINGBUF_GPL); }
+
+void QuorBpfService::runInitialScan(int index) {
+    if (index == RINGBUF_MAIN) {
+        initTaskInfo();
+        (void)initFdBpfProg();
+    } else {
+        (void)initDmabufBpfProg();
+    }
+}
+
+int QuorBpfService::runMonitor(int index) {
+    const char* prefix = kMonitorText[index].prefix;
+    android::base::unique_fd& ringFd = index == RINGBUF_MAIN ? ringBuffFd_ : gplRingBuffFd_;
+    android::base::unique_fd& statusFd =
+        index == RINGBUF_MAIN ? ringBuffStatusFd_ : gplRingBuffStatusFd_;
+
+    InstallDumpSignalHandlers();
+
+    ringFd.reset(bpf_obj_get(RINGBUF_MAP_PATHS[index]));
+    if (ringFd.get() < 0) {
+        QLOGE(QUOR_TAG_SERVICE, "%s QUORBPF: get ringbuf failed: %s, map fd: %d", prefix,
+              strerror(errno), ringFd.get());
+        errno = 0;
+        return -1;
+    }
+    statusFd.reset(bpf_obj_get(RINGBUF_STATUS_PATHS[index]));
+    if (statusFd.get() < 0) {
+        QLOGE(QUOR_TAG_SERVICE, "%s QUORBPF: get ringbuf status map failed: %s, map fd: %d",
+              prefix, strerror(errno), statusFd.get());
+        errno = 0;
+        return -1;
+    }
+    ring_buffer* rb = ring_buffer__new(ringFd.get(), RingBufferCallback, nullptr, nullptr);
+    if (rb == nullptr) {
+        QLOGE(QUOR_TAG_SERVICE, "%s QUORBPF: Set up ringbuf failed: %s, ringbufMap fd: %d", prefix,
+              strerror(errno), ringFd.get());
+        errno = 0;
+        return -1;
+    }
+
+    // Core records (fork, exit) flow while existing state is scanned, so
+    // nothing that changes during the scan is missed; the rest only after.
+    {
+        std::lock_guard<std::mutex> lock(servicelock);
+        (void)UpdateStatusBits(statusFd.get(), QUOR_STATUS_CORE_ON, true);
+    }
+    runInitialScan(index);
+    {
+        std::lock_guard<std::mutex> lock(servicelock);
+        (void)UpdateStatusBits(statusFd.get(), QUOR_STATUS_NORMAL_ON, true);
+    }
+
+    int consecutiveErrors = 0;
+    while (true) {
+        if (!running_.load()) {
+            QLOGW(QUOR_TAG_SERVICE, "%s", kMonitorText[index].stopMessage);
+            ring_buffer__free(rb);
+            return 0;
+        }
+        const int ret = ring_buffer__poll(rb, -1);
+        if (ret >= 0) {
+            QuorBpfDataState::GetInstance()->RecordEvent(QUOR_EVENT_POLL_COUNT, 1);
+            (void)checkBpfRingBuffStatus(index, false);
+            consecutiveErrors = 0;
+            continue;
+        }
+        const int pollErrno = errno;
+        (void)checkBpfRingBuffStatus(index, true);
+        if (pollErrno == EINTR) continue;
+        QLOGE(QUOR_TAG_SERVICE, "%s QUORBPF: ret %d .Error ring buf poll. %s", prefix, ret,
+              strerror(pollErrno));
+        errno = 0;
+        sleep(1);
+        if (consecutiveErrors++ >= kMaxConsecutivePollErrors) {
+            ring_buffer__free(rb);
+            return -1;
+        }
+    }
+}
+
+int QuorBpfService::handleBpfRingBuffEvent(void* /*ctx*/, void* data, size_t size) {
+    // Records come from the kernel but are still bounds-checked: nothing is
+    // read beyond what the ring buffer reported.
+    if (data == nullptr || size < sizeof(uint32_t)) return -1;
+    uint32_t type = 0;
+    memcpy(&type, data, sizeof(type));
+    QuorBpfDataState::GetInstance()->RecordEvent(static_cast<int>(type), 1);
+    if (type > QUOR_EVENT_KERNEL_MAX) {
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] handleEvent ERROR!!! Type: %u", type);
+        return -1;
+    }
+    EventManager::GetInstance()->AppendEvent(static_cast<char*>(data), size);
+    const auto handler = eventHandlers_.find(static_cast<int32_t>(type));
+    if (handler == eventHandlers_.end()) return 0;
+    return handler->second(static_cast<char*>(data), static_cast<long>(size));
+}
+
+int QuorBpfService::checkBpfRingBuffStatus(int index, bool force) {
+    if (index < 0 || index > 1) return 0;
+    const int64_t now = time(nullptr);
+    if (!force && now - lastRingBuffCheck_[index] < kStatusCheckIntervalS) return 1;
+    lastRingBuffCheck_[index] = now;
+
+    const int mapFd = index == RINGBUF_MAIN ? ringBuffStatusFd_.get() : gplRingBuffStatusFd_.get();
+    const uint64_t avail = LookupStatus(mapFd, QUOR_STATUS_KEY_AVAIL_DATA);
+    uint64_t word = LookupStatus(mapFd, QUOR_STATUS_KEY_FLAGS);
+    if ((word & QUOR_STATUS_OVERFLOW) == 0) return 1;
+
+    word &= ~static_cast<uint64_t>(QUOR_STATUS_OVERFLOW);
+    QLOGW(QUOR_TAG_SERVICE, "[QuorBpfService][checkBpfRingBuffStatus] bpf ringbuff full!");
+    QLOGW(QUOR_TAG_SERVICE,
+          "[QuorBpfService][checkBpfRingBuffStatus] avail data: %lu, ringbuf size: %lu, cons "
+          "pos: %lu, prod pos: %lu",
+          static_cast<unsigned long>(avail),
+          static_cast<unsigned long>(LookupStatus(mapFd, QUOR_STATUS_KEY_RING_SIZE)),
+          static_cast<unsigned long>(LookupStatus(mapFd, QUOR_STATUS_KEY_CONS_POS)),
+          static_cast<unsigned long>(LookupStatus(mapFd, QUOR_STATUS_KEY_PROD_POS)));
+    const uint32_t key = QUOR_STATUS_KEY_FLAGS;
+    (void)bpf_map_update_elem(mapFd, &key, &word, BPF_ANY);
+    return 0;
+}
+
+bool QuorBpfService::enableCoreBpf(int index, bool enable) {
+    if (index < 0 || index > 1) return false;
+    std::lock_guard<std::mutex> lock(servicelock);
+    const int mapFd = index == RINGBUF_MAIN ? ringBuffStatusFd_.get() : gplRingBuffStatusFd_.get();
+    return UpdateStatusBits(mapFd, QUOR_STATUS_CORE_ON, enable);
+}
+
+bool QuorBpfService::enableNormalBpf(int index, bool enable) {
+    if (index < 0 || index > 1) return false;
+    std::lock_guard<std::mutex> lock(servicelock);
+    const int mapFd = index == RINGBUF_MAIN ? ringBuffStatusFd_.get() : gplRingBuffStatusFd_.get();
+    return UpdateStatusBits(mapFd, QUOR_STATUS_NORMAL_ON, enable);
+}
+
+}  // namespace Bpf
+}  // namespace Quor
