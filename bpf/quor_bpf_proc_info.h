@@ -1,7 +1,9 @@
 // Procfs readers of the service: what it learns about processes that already
 // ran before the kernel programmes were attached, and single values the
 // dmabuf scan needs. The member functions getProcessInfo(), GetFdSize() and
-// GetFdInode() of QuorBpfService are implemented beside these helpers.
+// GetFdInode() of QuorBpfService are implemented beside these helpers;
+// initTaskInfo(), which feeds ReadTaskInitRecord()'s records to the record
+// handler, is in quor_bpf_task_seed.cpp.
 //
 // Procfs text is treated as untrusted: a value that is not a number reads as
 // 0, lines are bounded (QuorBpfLineReader), names are copied into fixed
