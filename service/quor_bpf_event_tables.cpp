@@ -5,16 +5,6 @@
 namespace Quor {
 namespace Bpf {
 
-const char* EventTypeName(int32_t type) {
-    static const char* const kNames[QUOR_STAT_SLOTS] = {
-        "quor_task_init",   "kmem_rss_info",    "sched_task_create",
-        "sched_task_exit",  "dmabuf_size_info", "cgroup_attach_cpuset_info",
-        "fd_update_info",   "dmabuf_update",    "PollCount",
-    };
-    if (type < 0 || type >= QUOR_STAT_SLOTS) return "UNKNOW";
-    return kNames[type];
-}
-
 // Built once at library load by static initialisation and never changed.
 const BpfProgTable QuorBpfService::PROG_EVENT_MAP = {
     {"QuorBpfDefineset",

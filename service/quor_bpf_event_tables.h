@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "diag/quor_bpf_event_names.h"  // EventTypeName, QUOR_STAT_SLOTS
 #include "quor/quor_bpf_records.h"
 
 namespace Quor {
@@ -25,13 +26,6 @@ constexpr const char* RINGBUF_STATUS_PATHS[2] = {
     "/sys/fs/bpf/quor/map_QuorBpfDefineset_ringbuf_status",
     "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_ringbuf_status",
 };
-
-// Statistics slots: kernel types 0..7 and the poll counter.
-constexpr int QUOR_STAT_SLOTS = 9;
-
-// Statistics name of a kernel event type 0..7, "PollCount" for slot 8 and
-// "UNKNOW" for anything else.
-const char* EventTypeName(int32_t type);
 
 }  // namespace Bpf
 }  // namespace Quor

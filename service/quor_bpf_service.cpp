@@ -127,6 +127,9 @@ int QuorBpfService::eventProduceThread() {
         QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
               strerror(errno));
     }
+    if (initBpfMap() != 0) {
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Init bpf map failed");
+    }
 
     {
         std::lock_guard<std::mutex> lock(servicelock);

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "bpf/quor_bpf_prog_table.h"
+#include "quor/quor_bpf_records.h"
 
 namespace Quor {
 namespace Bpf {
@@ -88,6 +89,32 @@ public:
     static const BpfProgTable PROG_EVENT_MAP;
     static const BpfProgTable PROG_GPL_EVENT_MAP;
     static constexpr const char* QUOR_BPF_READY = "sys.quor_bpf_ready";
+
+    // Procfs files read by the procfs readers and the dmabuf scan. A %s is the
+    // pid as decimal text (the /proc entry's name), a %d the pid as a number.
+    static constexpr const char* PROC_FS_PATH = "/proc";
+    static constexpr const char* TASK_STATUS_TEMPLATE = "/proc/%s/status";
+    static constexpr const char* TASK_STATUS_PID_TEMPLATE = "/proc/%d/status";
+    static constexpr const char* TASK_STAT_TEMPLATE = "/proc/%s/stat";
+    static constexpr const char* TASK_FD_TEMPLATE = "/proc/%s/fd";
+    static constexpr const char* TASK_FDINFO_TEMPLATE = "/proc/%s/fdinfo/%s";
+    static constexpr const char* TASK_MAPS_TEMPLATE = "/proc/%s/maps";
+    static constexpr const char* TASK_DMABUF_PREFIX = "/dmabuf";
+    // Keys of "Key:\tvalue" lines in status and fdinfo files.
+    static constexpr const char* TASK_COMM_PREFIX = "Name:\t";
+    static constexpr const char* TASK_PPID_PREFIX = "PPid:\t";
+    static constexpr const char* TASK_RSS_ANON_PREFIX = "RssAnon:\t";
+    static constexpr const char* TASK_RSS_FILE_PREFIX = "RssFile:\t";
+    static constexpr const char* TASK_RSS_SHMEM_PREFIX = "RssShmem:\t";
+    static constexpr const char* TASK_VM_SWAP_PREFIX = "VmSwap:\t";
+    static constexpr const char* TASK_PROC_UID_PREFIX = "Uid:\t";
+    static constexpr const char* TASK_DMABUF_SIZE_PREFIX = "size:\t";
+    static constexpr const char* TASK_DMABUF_INO_PREFIX = "ino:\t";
+    // The two per-process dmabuf maps that cleanUpDmabufMap() prunes.
+    static constexpr const char* DMABUF_BPF_PROCESS_INODE_MAP_PATH =
+        "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_process_inode_map";
+    static constexpr const char* DMABUF_BPF_PROCESS_MMAP_INFOS_PATH =
+        "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_process_mmap_infos";
     static std::mutex servicelock;
 
     ~QuorBpfService();
@@ -121,6 +148,14 @@ private:
 
     android::base::unique_fd processInodeMapFd_;
     android::base::unique_fd processMmapInfos_;
+
+    // What initDmabufBpfProg() found in procfs, kept after seeding: the
+    // buffers by inode (last holder seen, size), each holder's total, the
+    // descriptors per (pid, inode) and the mappings per (pid, start address).
+    std::map<uint64_t, dmabuf_info> dmabufInfoByInode;
+    std::map<int32_t, dmabuf_stat> dmabufStatByPid;
+    std::map<int32_t, std::map<uint64_t, uint64_t>> processInodes;
+    std::map<int32_t, std::map<uint64_t, uint64_t>> processMmaps;
 
     std::mutex stopMutex_;
     std::condition_variable stopCv_;

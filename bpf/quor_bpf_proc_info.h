@@ -1,0 +1,68 @@
+// Procfs readers of the service: what it learns about processes that already
+// ran before the kernel programmes were attached, and single values the
+// dmabuf scan needs. The member functions getProcessInfo(), GetFdSize() and
+// GetFdInode() of QuorBpfService are implemented beside these helpers;
+// initTaskInfo(), which feeds ReadTaskInitRecord()'s records to the record
+// handler, is in quor_bpf_task_seed.cpp.
+//
+// Procfs text is treated as untrusted: a value that is not a number reads as
+// 0, lines are bounded (QuorBpfLineReader), names are copied into fixed
+// 16-byte fields and never past them. Nothing here throws.
+//
+// "Key:\tvalue" lines: a line is taken for a key when the key (with its colon
+// and tab) occurs anywhere in it; the value is the line with its first
+// key-length bytes cut off, since procfs writes the key at the start. Numbers
+// are decimal, leading blanks allowed, trailing text ("kB", further
+// tab-separated numbers) ignored.
+//
+// Every function is reentrant; none keeps state or takes a lock.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "quor/quor_bpf_records.h"
+
+namespace Quor {
+namespace Bpf {
+
+// A process's parent and name, as read from its status file on demand. The
+// caller hands it in zero-filled.
+struct UpdateProcessExdata {
+    int32_t pid;
+    int32_t ppid;
+    char comm[QUOR_COMM_LEN];  // at most 15 significant bytes, comm[15] is 0
+};
+
+// The value of `line` for `key`, or false when the key does not occur in it.
+bool ProcLineValue(const std::string& line, const char* key, std::string* value);
+
+// Decimal text to a number; 0 when the text does not start with one. Values
+// out of range saturate, as strtoll/strtoull do.
+int64_t ProcToInt64(const std::string& text);
+uint64_t ProcToUint64(const std::string& text);
+// Pid-sized fields (pid, ppid, uid, thread count): the 64-bit value cut to
+// 32 bits, so a uid above INT32_MAX keeps its bit pattern.
+int32_t ProcToInt32(const std::string& text);
+
+// A "kB" figure in bytes, saturating at INT64_MAX instead of wrapping.
+int64_t ProcKbToBytes(const std::string& text);
+
+// Copies at most QUOR_COMM_LEN bytes of `name` (no terminator) into `comm`,
+// then forces comm[QUOR_COMM_LEN - 1] to 0. Bytes past a shorter name keep
+// what they held.
+void CopyProcName(const std::string& name, char* comm);
+
+// Calls `visit` with the name of every /proc entry that is all digits. Returns
+// 0, or -1 with errno set when /proc cannot be opened or read; entries
+// visited before a read error stay visited.
+int ForEachProcPid(const std::function<void(const std::string& pidName)>& visit);
+
+// Builds the task-init record of the process whose /proc entry is `pidName`
+// from its status and stat files. False when either file does not open (the
+// process is gone); then *out holds no meaningful record.
+bool ReadTaskInitRecord(const std::string& pidName, quor_task_init_record* out);
+
+}  // namespace Bpf
+}  // namespace Quor

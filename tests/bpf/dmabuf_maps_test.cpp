@@ -1,0 +1,283 @@
+// Seeding and pruning of the dmabuf and open-descriptor maps, against real
+// maps pinned in the test's private bpffs. This machine has no dmabuf
+// exporter, so the dmabuf scan reads a crafted tree mounted over /proc.
+#include <bpf/bpf.h>
+#include <gtest/gtest.h>
+#include <linux/magic.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "fake_proc.h"
+#include "quor/quor_bpf_records.h"
+#include "service/quor_bpf_service.h"
+
+using namespace Quor::Bpf;
+
+namespace {
+
+constexpr const char* kDir = "/sys/fs/bpf/quor";
+
+struct MapSpec {
+    const char* pin;
+    uint32_t keySize;
+    uint32_t valueSize;
+};
+enum MapId { kOpenFd, kAllocate, kSize, kPerprocess, kInode, kMmap, kMapCount };
+const MapSpec kMaps[kMapCount] = {
+    {"/sys/fs/bpf/quor/map_QuorBpfDefineset_open_fd_caller_map", 4, 48},
+    {"/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_allocate_map", 8, 16},
+    {"/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_size_map", 4, 16},
+    {"/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_perprocess_size_map", 4, 16},
+    {"/sys/fs/bpf/quor/map_QuorBpfGplDefineset_process_inode_map", 16, 8},
+    {"/sys/fs/bpf/quor/map_QuorBpfGplDefineset_process_mmap_infos", 16, 8},
+};
+
+int RunMember(const std::string& procRoot, int (QuorBpfService::*fn)(), ChildRun* run) {
+    *run = RunInChild(procRoot,
+                      [fn] { return std::to_string((QuorBpfService::GetInstance()->*fn)()); });
+    return run->exitCode == 0 ? std::stoi(run->out) : -1000 - run->exitCode;
+}
+
+class DmabufMapsTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        struct statfs fs;
+        if (statfs("/sys/fs/bpf", &fs) != 0 || fs.f_type != BPF_FS_MAGIC) {
+            GTEST_SKIP() << "no private bpffs on /sys/fs/bpf (run through run_isolated.sh)";
+        }
+        (void)mkdir(kDir, 0700);
+        for (int i = 0; i < kMapCount; ++i) {
+            fds_[i] = bpf_map_create(BPF_MAP_TYPE_HASH, nullptr, kMaps[i].keySize,
+                                     kMaps[i].valueSize, 8192, nullptr);
+            if (fds_[i] < 0 && (errno == EPERM || errno == ENOSYS)) {
+                GTEST_SKIP() << "cannot create BPF maps: " << strerror(errno);
+            }
+            ASSERT_GE(fds_[i], 0) << strerror(errno);
+            ASSERT_EQ(bpf_obj_pin(fds_[i], kMaps[i].pin), 0) << strerror(errno);
+        }
+    }
+    void TearDown() override {
+        for (int i = 0; i < kMapCount; ++i) {
+            (void)unlink(kMaps[i].pin);
+            if (fds_[i] >= 0) close(fds_[i]);
+        }
+    }
+
+    size_t Count(MapId id) const {
+        unsigned char key[16], next[16];
+        size_t n = 0;
+        for (int rc = bpf_map_get_next_key(fds_[id], nullptr, key); rc == 0;
+             rc = bpf_map_get_next_key(fds_[id], key, next), memcpy(key, next, sizeof(key))) {
+            ++n;
+        }
+        return n;
+    }
+    template <typename K, typename V>
+    bool Get(MapId id, const K& key, V* value) const {
+        return bpf_map_lookup_elem(fds_[id], &key, value) == 0;
+    }
+    template <typename K, typename V>
+    void Put(MapId id, const K& key, const V& value) {
+        ASSERT_EQ(bpf_map_update_elem(fds_[id], &key, &value, BPF_ANY), 0);
+    }
+
+    int fds_[kMapCount] = {-1, -1, -1, -1, -1, -1};
+};
+
+// pid 100 holds two buffers (one through two descriptors) and maps both;
+// pid 200 holds one of them and has no maps file; pid 300 holds none.
+void BuildDmabufTree(FakeProc* proc) {
+    const auto fd = [proc](const std::string& pid, int n, const std::string& target,
+                           const std::string& fdinfo) {
+        proc->Link(pid + "/fd/" + std::to_string(n), target);
+        proc->File(pid + "/fdinfo/" + std::to_string(n), fdinfo);
+    };
+    fd("100", 3, "/dmabuf:gpu", "pos:\t0\nflags:\t02\nsize:\t4096\nino:\t5001\nexp_name:\tsys\n");
+    fd("100", 4, "/dmabuf:gpu", "size:\t4096\nino:\t5001\n");
+    fd("100", 5, "/dmabuf:", "size:\t8192\nino:\t5002\n");
+    fd("100", 6, "/dmabuf:empty", "size:\t0\nino:\t5003\n");
+    fd("100", 7, "/dev/null", "size:\t999\nino:\t7\n");
+    fd("100", 8, "/dmabuf:", "size:\t64\n");
+    proc->File("100/maps",
+               "7f0000-7f1000 rw-s 00000000 00:0f 5001                       /dmabuf:gpu\n"
+               "7f2000 rw-s 00000000 00:0f 5002   /dmabuf:\n"
+               "7f3000-7f4000 r-xp 00000000 08:01 1234  /usr/lib/libc.so\n"
+               "garbage\n"
+               "7f5000-7f6000 rw-s 00000000 00:0f 5002 /dmabuf:\n");
+    fd("200", 9, "/dmabuf:", "size:\t8192\nino:\t5002\n");
+    fd("300", 0, "/dev/null", "size:\t1\nino:\t1\n");
+    proc->File("300/maps", "1000-2000 rw-s 00000000 00:0f 7000 /dmabuf:\n");
+    proc->File("400/status", "Name:\tnofds\n");
+    fd("self", 3, "/dmabuf:", "size:\t1\nino:\t6000\n");
+}
+
+}  // namespace
+
+TEST_F(DmabufMapsTest, SeedsBuffersHoldersAndMappingsFromProc) {
+    FakeProc proc;
+    BuildDmabufTree(&proc);
+    ChildRun run;
+    const int rc = RunMember(proc.root(), &QuorBpfService::initDmabufBpfProg, &run);
+    if (run.exitCode == kChildCannotMount) GTEST_SKIP() << "cannot mount a tree over /proc";
+    ASSERT_EQ(rc, 0) << run.log;
+
+    // A buffer held by two processes belongs to the one visited last.
+    int32_t lastHolder = 0;
+    for (const auto& pid : proc.PidOrder()) {
+        if (pid == "100" || pid == "200") lastHolder = std::stoi(pid);
+    }
+    dmabuf_info info;
+    EXPECT_EQ(Count(kAllocate), 2u);
+    ASSERT_TRUE(Get(kAllocate, uint64_t{5001}, &info));
+    EXPECT_EQ(info.pid, 100);
+    EXPECT_EQ(info.size, 4096u);
+    ASSERT_TRUE(Get(kAllocate, uint64_t{5002}, &info));
+    EXPECT_EQ(info.pid, lastHolder);
+    EXPECT_EQ(info.size, 8192u);
+
+    for (const MapId id : {kSize, kPerprocess}) {
+        dmabuf_stat stat;
+        EXPECT_EQ(Count(id), 2u);
+        ASSERT_TRUE(Get(id, int32_t{100}, &stat));
+        EXPECT_EQ(stat.total_size, 4096u + 8192u);  // the shared descriptor counted once
+        EXPECT_EQ(stat.reserved, 0u);
+        ASSERT_TRUE(Get(id, int32_t{200}, &stat));
+        EXPECT_EQ(stat.total_size, 8192u);
+    }
+
+    uint64_t value = 0;
+    EXPECT_EQ(Count(kInode), 3u);
+    ASSERT_TRUE(Get(kInode, quor_process_inode_key{100, 0, 5001}, &value));
+    EXPECT_EQ(value, 2u);
+    ASSERT_TRUE(Get(kInode, quor_process_inode_key{100, 0, 5002}, &value));
+    EXPECT_EQ(value, 1u);
+    ASSERT_TRUE(Get(kInode, quor_process_inode_key{200, 0, 5002}, &value));
+    EXPECT_EQ(value, 1u);
+
+    EXPECT_EQ(Count(kMmap), 2u);
+    ASSERT_TRUE(Get(kMmap, quor_process_mmap_key{100, 0, 0x7f0000}, &value));
+    EXPECT_EQ(value, 5001u);
+    ASSERT_TRUE(Get(kMmap, quor_process_mmap_key{100, 0, 0x7f5000}, &value));
+    EXPECT_EQ(value, 5002u);
+    EXPECT_NE(run.log.find("Task not exists, so we skip it (/proc/200/maps)"), std::string::npos);
+    EXPECT_EQ(run.log.find("/proc/300/maps"), std::string::npos);
+}
+
+TEST_F(DmabufMapsTest, MissingOrForeignMapSeedsNothing) {
+    FakeProc proc;
+    BuildDmabufTree(&proc);
+    ASSERT_EQ(unlink(kMaps[kMmap].pin), 0);
+    ChildRun run;
+    EXPECT_EQ(RunMember(proc.root(), &QuorBpfService::initDmabufBpfProg, &run), -1);
+    EXPECT_NE(run.log.find("get processMmapInfos(-1) failed!"), std::string::npos) << run.log;
+    EXPECT_EQ(Count(kAllocate) + Count(kSize) + Count(kInode), 0u);
+    EXPECT_EQ(RunMember("", &QuorBpfService::initBpfMap, &run), -1);
+
+    // A map whose keys are wider than the service's would be written past by
+    // the kernel: refused.
+    const int wide = bpf_map_create(BPF_MAP_TYPE_HASH, nullptr, 24, 8, 16, nullptr);
+    ASSERT_GE(wide, 0);
+    ASSERT_EQ(bpf_obj_pin(wide, kMaps[kMmap].pin), 0);
+    close(wide);
+    EXPECT_EQ(RunMember("", &QuorBpfService::initBpfMap, &run), -1);
+    EXPECT_NE(run.log.find("get processMmapInfos failed: Invalid argument"), std::string::npos)
+        << run.log;
+    EXPECT_EQ(RunMember(proc.root(), &QuorBpfService::initDmabufBpfProg, &run), -1);
+    EXPECT_EQ(Count(kAllocate) + Count(kSize) + Count(kInode), 0u);
+}
+
+TEST_F(DmabufMapsTest, CleanUpRemovesOnlyThatProcess) {
+    for (uint64_t i = 1; i <= 200; ++i) {
+        Put(kInode, quor_process_inode_key{i % 2 ? 100 : 200, 0, i}, i);
+        Put(kMmap, quor_process_mmap_key{i % 4 ? 300 : 100, 0, i << 12}, i);
+    }
+    const auto cleanUp = [](int pid) {
+        return [pid] {
+            QuorBpfService* service = QuorBpfService::GetInstance();
+            const int before = service->cleanUpDmabufMap(pid);
+            const int init = service->initBpfMap();
+            return std::to_string(before) + " " + std::to_string(init) + " " +
+                   std::to_string(service->cleanUpDmabufMap(pid));
+        };
+    };
+    // Before initBpfMap there is nothing to clean: a warning, 0, no change.
+    ChildRun run = RunInChild("", cleanUp(555));
+    EXPECT_EQ(run.out, "0 0 0") << run.log;
+    EXPECT_NE(run.log.find("processInodeMapFd and processMmapInfos not exists"), std::string::npos);
+    EXPECT_EQ(Count(kInode), 200u);
+    EXPECT_EQ(Count(kMmap), 200u);
+
+    run = RunInChild("", cleanUp(100));
+    EXPECT_EQ(run.out, "0 0 0") << run.log;
+    EXPECT_EQ(Count(kInode), 100u);
+    EXPECT_EQ(Count(kMmap), 150u);
+    uint64_t value = 0;
+    EXPECT_TRUE(Get(kInode, quor_process_inode_key{200, 0, 2}, &value));
+    EXPECT_FALSE(Get(kInode, quor_process_inode_key{100, 0, 1}, &value));
+    EXPECT_FALSE(Get(kMmap, quor_process_mmap_key{100, 0, 4 << 12}, &value));
+}
+
+TEST_F(DmabufMapsTest, OpenDescriptorCountsOfRealProcesses) {
+    QuorBpfService* service = QuorBpfService::GetInstance();
+    const int32_t self = getpid();
+    quor_open_fd_value before;
+    ASSERT_EQ(service->initFdBpfProg(), 0);
+    ASSERT_TRUE(Get(kOpenFd, self, &before));
+
+    std::vector<int> extra;
+    for (int i = 0; i < 25; ++i) extra.push_back(eventfd(0, EFD_CLOEXEC));
+    quor_open_fd_value after;
+    ASSERT_EQ(service->initFdBpfProg(), 0);
+    for (const int fd : extra) close(fd);
+    ASSERT_TRUE(Get(kOpenFd, self, &after));
+    EXPECT_EQ(after.open_fds, before.open_fds + 25);
+    EXPECT_EQ(after.open_fds_again, after.open_fds);
+    EXPECT_EQ(after.pid, self);
+    EXPECT_EQ(after.comm[15], '\0');
+    EXPECT_GT(Count(kOpenFd), 1u);  // every process, not only this one
+}
+
+TEST_F(DmabufMapsTest, OpenDescriptorNameBufferCarriesOver) {
+    FakeProc proc;
+    for (const char* pid : {"10", "20", "30"}) proc.Dir(pid);
+    const std::vector<std::string> order = proc.PidOrder();
+    ASSERT_EQ(order.size(), 3u);
+    // In visiting order: a 14-character name with three descriptors, a
+    // 4-character name with one, no name line and no descriptors.
+    proc.File(order[0] + "/status", "Name:\tfourteen_chars\n");
+    for (const char* n : {"0", "1", "2"}) proc.Link(order[0] + "/fd/" + n, "/dev/null");
+    proc.File(order[1] + "/status", "Name:\tabcd\nPPid:\t1\n");
+    proc.Link(order[1] + "/fd/0", "/dev/null");
+    proc.File(order[1] + "/fd/.hidden", "");
+    proc.File(order[2] + "/status", "PPid:\t1\n");
+    proc.Dir(order[2] + "/fd");
+    proc.File("500/status", "PPid:\t1\n");  // no fd directory: not seeded
+
+    ChildRun run;
+    const int rc = RunMember(proc.root(), &QuorBpfService::initFdBpfProg, &run);
+    if (run.exitCode == kChildCannotMount) GTEST_SKIP() << "cannot mount a tree over /proc";
+    ASSERT_EQ(rc, 0) << run.log;
+
+    EXPECT_EQ(Count(kOpenFd), 3u);
+    quor_open_fd_value value;
+    const auto comm = [&value] { return std::string(value.comm, 16); };
+    ASSERT_TRUE(Get(kOpenFd, int32_t{std::stoi(order[0])}, &value));
+    EXPECT_EQ(value.open_fds, 3u);
+    EXPECT_EQ(comm(), std::string("fourteen_chars\0\0", 16));
+    ASSERT_TRUE(Get(kOpenFd, int32_t{std::stoi(order[1])}, &value));
+    EXPECT_EQ(value.open_fds, 1u);
+    EXPECT_EQ(value.pid, std::stoi(order[1]));
+    // The shorter name leaves the tail of the one before.
+    EXPECT_EQ(comm(), std::string("abcdteen_chars\0\0", 16));
+    ASSERT_TRUE(Get(kOpenFd, int32_t{std::stoi(order[2])}, &value));
+    EXPECT_EQ(value.open_fds, 0u);
+    EXPECT_EQ(comm(), std::string("abcdteen_chars\0\0", 16));  // no name line: kept
+}

@@ -1,0 +1,164 @@
+// Runs inside a private mount namespace with a tmpfs on /data.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "diag/quor_bpf_state.h"
+
+using namespace Quor::Bpf;
+
+namespace {
+
+const char* kStateFile = QuorBpfDataState::QUORTASK_DUMP_TEMPLATE;
+const std::string kHeaderNames =
+    "EventCount, quor_task_init, kmem_rss_info, sched_task_create, sched_task_exit, "
+    "dmabuf_size_info, cgroup_attach_cpuset_info, fd_update_info, dmabuf_update, PollCount, ";
+
+std::atomic<int64_t> fakeNow{5000};
+int64_t FakeClock() {
+    return fakeNow.load();
+}
+
+// Lines of the state file without their "\r\n" (asserts every line has one).
+std::vector<std::string> ReadRows() {
+    std::ifstream in(kStateFile, std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<std::string> rows;
+    size_t start = 0;
+    for (size_t end; (end = text.find("\r\n", start)) != std::string::npos; start = end + 2) {
+        rows.push_back(text.substr(start, end - start));
+    }
+    EXPECT_EQ(start, text.size()) << "unterminated last line";
+    return rows;
+}
+
+std::vector<long long> Numbers(const std::string& row) {
+    std::vector<long long> out;
+    std::istringstream in(row);
+    for (std::string field; std::getline(in, field, ',');) {
+        if (field.find_first_not_of(' ') != std::string::npos) out.push_back(std::stoll(field));
+    }
+    return out;
+}
+
+class StateTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(system("rm -rf /data/quorlog && mkdir -p /data/quorlog/stability"), 0);
+        fakeNow = 5000;
+        state = std::make_unique<QuorBpfDataState>(FakeClock);
+    }
+    std::unique_ptr<QuorBpfDataState> state;
+};
+
+}  // namespace
+
+TEST_F(StateTest, CountsPerTypePollsApartAndBadTypesIgnored) {
+    state->DumpState();
+    auto rows = ReadRows();
+    ASSERT_EQ(rows.size(), 2u);  // a fresh state has one second
+    EXPECT_EQ(rows[0], kHeaderNames + "0, 0 ");
+    EXPECT_EQ(rows[1], "0, 0, 0, 0, 0, 0, 0, 0, 0, 0, ");
+
+    state->RecordEvent(0, 1);
+    state->RecordEvent(0, 41);
+    state->RecordEvent(3, 2);
+    state->RecordEvent(7, 1);
+    state->RecordEvent(8, 5);   // polls: not part of the event sum
+    state->RecordEvent(9, 1);   // beyond the table
+    state->RecordEvent(-1, 1);  // before the table
+    state->RecordEvent(-8, 100);
+    state->DumpState();
+    rows = ReadRows();
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[1], "45, 42, 0, 0, 2, 0, 0, 0, 1, 5, ");
+}
+
+TEST_F(StateTest, SilentSecondsGetZeroRowsNewestFirst) {
+    state->RecordEvent(1, 1);
+    fakeNow += 3;
+    state->RecordEvent(2, 2);
+    state->DumpState();
+    const auto rows = ReadRows();
+    ASSERT_EQ(rows.size(), 5u);
+    EXPECT_EQ(rows[0], kHeaderNames + "3, 0 ");
+    EXPECT_EQ(Numbers(rows[1]), (std::vector<long long>{2, 0, 0, 2, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(Numbers(rows[2]), std::vector<long long>(10, 0));
+    EXPECT_EQ(Numbers(rows[3]), std::vector<long long>(10, 0));
+    EXPECT_EQ(Numbers(rows[4]), (std::vector<long long>{1, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(StateTest, WindowKeeps1800SecondsAndReusedSlotsStartEmpty) {
+    // Second i gets i events of type 4, for 2000 seconds: slots wrap, and a
+    // reused slot must not carry the count of the second it held before.
+    for (int i = 0; i < 2000; ++i) {
+        if (i > 0) fakeNow += 1;
+        state->RecordEvent(4, i);
+    }
+    state->DumpState();
+    auto rows = ReadRows();
+    ASSERT_EQ(rows.size(), 1u + 1800u);
+    EXPECT_EQ(rows[0], kHeaderNames + "1999, 200 ");
+    EXPECT_EQ(Numbers(rows[1])[5], 1999);
+    EXPECT_EQ(Numbers(rows[1800])[5], 200);
+    for (size_t r = 1; r < rows.size(); ++r) {
+        ASSERT_EQ(Numbers(rows[r])[0], 2000 - static_cast<long long>(r)) << r;
+    }
+
+    // A jump far beyond the window (the time base is set after start-up)
+    // clears the window once instead of once per skipped second.
+    fakeNow += 1700000000;
+    state->RecordEvent(5, 1);
+    state->DumpState();
+    rows = ReadRows();
+    ASSERT_EQ(rows.size(), 1u + 1800u);
+    EXPECT_EQ(rows[0], kHeaderNames + "1700001999, 1700000200 ");
+    EXPECT_EQ(Numbers(rows[1]), (std::vector<long long>{1, 0, 0, 0, 0, 0, 1, 0, 0, 0}));
+    for (size_t r = 2; r < rows.size(); ++r) ASSERT_EQ(Numbers(rows[r])[0], 0) << r;
+}
+
+TEST_F(StateTest, ConcurrentRecordersLoseNothingWhileDumping) {
+    constexpr int kPerThread = 200000;
+    std::atomic<bool> done{false};
+    std::thread dumper([&] {
+        while (!done.load()) state->DumpState();
+    });
+    auto recorder = [&](int32_t type) {
+        for (int i = 0; i < kPerThread; ++i) state->RecordEvent(type, 1);
+    };
+    std::thread a(recorder, 1);
+    std::thread b(recorder, 8);
+    std::thread c([&] {
+        // Moves the clock now and then so that slots advance under contention.
+        for (int i = 0; i < 100; ++i) {
+            state->RecordEvent(2, 1);
+            fakeNow += 1;
+        }
+    });
+    a.join();
+    b.join();
+    c.join();
+    done = true;
+    dumper.join();
+
+    state->DumpState();
+    const auto rows = ReadRows();
+    long long type1 = 0, polls = 0, type2 = 0;
+    for (size_t r = 1; r < rows.size(); ++r) {
+        const auto n = Numbers(rows[r]);
+        type1 += n[2];
+        type2 += n[3];
+        polls += n[9];
+    }
+    EXPECT_EQ(type1, kPerThread);
+    EXPECT_EQ(polls, kPerThread);
+    EXPECT_EQ(type2, 100);
+}

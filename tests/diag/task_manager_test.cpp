@@ -1,0 +1,283 @@
+// Runs inside a private mount namespace with a tmpfs on /data.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "diag/quor_bpf_task_manager.h"
+
+using namespace Quor::Bpf;
+
+namespace {
+
+const char* kDumpFile = QuorTaskManager::QUORTASK_DUMP_TEMPLATE;
+
+const std::string kFullColumns =
+    "comm               pid         ppid        threadNum   oldThreadNum mmId        "
+    "rssAnonSize         rssAnonOldSize      rssFileSize         rssFileOldSize      "
+    "rssShmemSize        rssShmemOldSize     rssSwapSize         rssSwapOldSize      "
+    "initTimeStamp       ";
+const std::string kNormalColumns =
+    "comm               pid         ppid        threadNum   mmId        rssAnonSize         "
+    "rssFileSize         rssShmemSize        rssSwapSize         initTimeStamp       ";
+
+std::string Sp(int n) {
+    return std::string(n, ' ');
+}
+
+std::vector<std::string> ReadLines(const char* path) {
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+QuorTask MakeTask(int32_t pid, const char* comm, int64_t anon, int64_t file = 0) {
+    QuorTask t;
+    t.pid = pid;
+    t.ppid = 1;
+    t.threadNum = 1;
+    memcpy(t.comm, comm, std::min(strlen(comm), sizeof(t.comm)));
+    t.rssAnonSize = anon;
+    t.rssFileSize = file;
+    return t;
+}
+
+// The registry is a process-wide singleton: every test removes what it added.
+class TaskManagerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(system("rm -rf /data/quorlog && mkdir -p /data/quorlog/stability"), 0);
+        tasks = QuorTaskManager::GetInstance();
+        ASSERT_EQ(tasks->GetQuorTaskCount(), 0u);
+    }
+    void TearDown() override {
+        for (int32_t pid : added) (void)tasks->DelQuorTask(pid);
+    }
+    void Add(const QuorTask& t) {
+        added.insert(t.pid);
+        tasks->AddQuorTask(t.pid, t);
+    }
+
+    QuorTaskManager* tasks = nullptr;
+    std::set<int32_t> added;
+};
+
+}  // namespace
+
+TEST_F(TaskManagerTest, AddReplaceGetDelete) {
+    EXPECT_EQ(tasks->GetQuorTask(42), nullptr);
+    EXPECT_FALSE(tasks->GetQuorTaskCopy(42, nullptr));
+    EXPECT_EQ(tasks->GetQuorTaskCount(), 0u);  // lookups never insert
+
+    Add(MakeTask(42, "first", 4096));
+    QuorTask* stored = tasks->GetQuorTask(42);
+    ASSERT_NE(stored, nullptr);
+
+    QuorTask second = MakeTask(42, "second", 0, 8192);
+    second.initTimeStamp = 200;
+    second.uid = 7;
+    EXPECT_EQ(tasks->AddQuorTask(42, second), 0);
+    EXPECT_EQ(tasks->GetQuorTaskCount(), 1u);
+    // Replaced whole, in place: the earlier pointer sees the new record.
+    EXPECT_EQ(tasks->GetQuorTask(42), stored);
+    QuorTask copy;
+    ASSERT_TRUE(tasks->GetQuorTaskCopy(42, &copy));
+    EXPECT_EQ(memcmp(&copy, &second, sizeof(copy)), 0);
+
+    bool ran = false;
+    EXPECT_FALSE(tasks->UpdateQuorTask(43, [&](QuorTask&) { ran = true; }));
+    EXPECT_FALSE(ran);
+    EXPECT_TRUE(tasks->UpdateQuorTask(42, [](QuorTask& t) { t.threadNum += 10; }));
+    EXPECT_EQ(stored->threadNum, 11);
+
+    errno = EINVAL;
+    EXPECT_EQ(tasks->DelQuorTask(42), 0);
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(tasks->DelQuorTask(42), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(tasks->GetQuorTaskCount(), 0u);
+}
+
+TEST_F(TaskManagerTest, MmIndexAndRssTempTables) {
+    Add(MakeTask(10, "a", 0));
+    Add(MakeTask(11, "b", 0));
+    QuorTask* a = tasks->GetQuorTask(10);
+    QuorTask* b = tasks->GetQuorTask(11);
+    EXPECT_EQ(tasks->AddMmidIndex(100, a), 0);
+    EXPECT_EQ(tasks->AddMmidIndex(101, a), 0);
+    EXPECT_EQ(tasks->AddMmidIndex(200, b), 0);
+    EXPECT_EQ(tasks->GetQuorTaskByMmid(100), a);
+
+    // Deleting a record takes every index entry that points at it along, so
+    // none is left dangling; other entries stay.
+    EXPECT_EQ(tasks->DelQuorTask(10), 0);
+    EXPECT_EQ(tasks->GetQuorTaskByMmid(100), nullptr);
+    EXPECT_EQ(tasks->GetQuorTaskByMmid(101), nullptr);
+    EXPECT_EQ(tasks->GetQuorTaskByMmid(200), b);
+
+    EXPECT_EQ(tasks->DelMmidIndex(200), 0);
+    EXPECT_EQ(tasks->DelMmidIndex(200), -1);
+    EXPECT_EQ(errno, ENOENT);
+
+    EXPECT_EQ(tasks->AddRssTempTask(5, MakeTask(0, "tmp", 1)), 0);
+    EXPECT_EQ(tasks->DelRssTempTask(5), 0);
+    // Absence is reported through errno only.
+    EXPECT_EQ(tasks->DelRssTempTask(5), 0);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(CompareQuorTaskTest, OrdersByExactTotalEvenAtTheLimits) {
+    // Sizes come from kernel records; sums and differences that would wrap in
+    // 64 bits must still give a consistent order (std::sort relies on it).
+    std::vector<QuorTask> v;
+    const int64_t sizes[] = {INT64_MAX, INT64_MIN, 0, -1, 1, INT64_MAX / 2, INT64_MIN / 2};
+    for (int64_t a : sizes) {
+        for (int64_t f : sizes) {
+            QuorTask t;
+            t.rssAnonSize = a;
+            t.rssFileSize = f;
+            t.rssSwapSize = a;
+            v.push_back(t);
+        }
+    }
+    std::sort(v.begin(), v.end(), CompareQuorTask);
+    auto total = [](const QuorTask& t) {
+        return static_cast<long double>(t.rssAnonSize) + t.rssFileSize + t.rssSwapSize;
+    };
+    for (size_t i = 1; i < v.size(); ++i) EXPECT_GE(total(v[i - 1]), total(v[i])) << i;
+}
+
+TEST_F(TaskManagerTest, RowsLineUpForFifteenAndSixteenCharacterNames) {
+    QuorTask a = MakeTask(1234, "abcdefghijklmno", 2048, 10240);
+    a.threadNum = 5;
+    a.oldThreadNum = 4;
+    a.mmId = 77;
+    a.rssAnonOldSize = 1024;
+    a.rssShmemSize = -1536;  // truncates toward zero: -1 KB
+    a.rssSwapSize = 1023;    // 0 KB
+    a.rssSwapOldSize = 4096;
+    a.initTimeStamp = 1700000000;
+    Add(a);
+    // All 16 bytes used, no terminator: the name ends at the field's end.
+    QuorTask b = MakeTask(99, "abcdefghijklmnop", 1024);
+    b.ppid = 0;
+    b.mmId = 4294967295u;
+    b.initTimeStamp = -5;
+    Add(b);
+
+    tasks->DumpQuorTaskInfo();
+    auto lines = ReadLines(kDumpFile);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_NE(lines[0].find("(count: 2, "), std::string::npos);
+    EXPECT_EQ(lines[2], "abcdefghijklmno" + Sp(1) + Sp(3) + "1234" + Sp(8) + "1" + Sp(11) + "5" +
+                            Sp(11) + "4" + Sp(12) + "77" + Sp(10) + Sp(9) + "2 KB" + Sp(16) +
+                            "1 KB" + Sp(15) + "10 KB" + Sp(16) + "0 KB" + Sp(15) + "-1 KB" +
+                            Sp(16) + "0 KB" + Sp(16) + "0 KB" + Sp(16) + "4 KB" + Sp(10) +
+                            "1700000000");
+    EXPECT_EQ(lines[3], "abcdefghijklmnop" + Sp(3) + "99" + Sp(10) + "0" + Sp(11) + "1" + Sp(11) +
+                            "0" + Sp(12) + "4294967295" + Sp(2) + Sp(9) + "1 KB" + Sp(16) + "0 KB" +
+                            Sp(16) + "0 KB" + Sp(16) + "0 KB" + Sp(16) + "0 KB" + Sp(16) + "0 KB" +
+                            Sp(16) + "0 KB" + Sp(16) + "0 KB" + Sp(18) + "-5");
+
+    tasks->DumpQuorTaskInfoNormal();
+    lines = ReadLines(kDumpFile);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[2], "abcdefghijklmno" + Sp(1) + Sp(3) + "1234" + Sp(8) + "1" + Sp(11) + "5" +
+                            Sp(11) + "77" + Sp(10) + Sp(9) + "2 KB" + Sp(15) + "10 KB" + Sp(15) +
+                            "-1 KB" + Sp(16) + "0 KB" + Sp(10) + "1700000000");
+}
+
+TEST_F(TaskManagerTest, HeadersKernelTasksAndOrder) {
+    const time_t before = time(nullptr);
+    tasks->DumpQuorTaskInfo();
+    auto lines = ReadLines(kDumpFile);
+    ASSERT_EQ(lines.size(), 2u);  // empty registry: the two header lines only
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(
+        lines[0], m,
+        std::regex(
+            "============ DUMP ALL QUOR TASKS INFO \\(count: 0, time: (\\d+)\\) ============")))
+        << lines[0];
+    EXPECT_GE(std::stol(m[1]), before);
+    EXPECT_LE(std::stol(m[1]), time(nullptr));
+    EXPECT_EQ(lines[1], kFullColumns);
+
+    Add(MakeTask(2, "kthreadd", 0));  // all sizes zero: a kernel task
+    Add(MakeTask(3, "small", 1024));
+    Add(MakeTask(4, "large", 1024, 1 << 30));
+    Add(MakeTask(5, "middle", 1 << 20));
+    Add(MakeTask(6, "negative", -4096));
+    auto names = [] {
+        std::vector<std::string> out;
+        for (const auto& line : ReadLines(kDumpFile)) out.push_back(line.substr(0, line.find(' ')));
+        return out;
+    };
+    tasks->DumpQuorTaskIgnoreKernelTaskInfoNormal();
+    EXPECT_EQ(names(), (std::vector<std::string>{"============", "comm", "large", "middle", "small",
+                                                 "negative"}));
+    lines = ReadLines(kDumpFile);
+    EXPECT_NE(lines[0].find("(count: 5, "), std::string::npos);  // counts kernel tasks too
+    EXPECT_EQ(lines[1], kNormalColumns);
+    tasks->DumpQuorTaskInfoNormal();
+    EXPECT_EQ(names().size(), 7u);
+    tasks->DumpQuorTaskIgnoreKernelTaskInfo();
+    EXPECT_EQ(names().size(), 6u);
+}
+
+TEST_F(TaskManagerTest, ConcurrentWritersAndDumper) {
+    // Two handler-like threads churn disjoint pid ranges while a third dumps.
+    constexpr int kPids = 200;
+    constexpr int kRounds = 50;
+    std::atomic<int> dumps{0};
+    auto writer = [&](int32_t base) {
+        // Start once the dumper is under way, so the two really overlap.
+        while (dumps.load() == 0) std::this_thread::yield();
+        for (int round = 0; round < kRounds; ++round) {
+            for (int32_t pid = base; pid < base + kPids; ++pid) {
+                tasks->AddQuorTask(pid, MakeTask(pid, "w", pid));
+                tasks->UpdateQuorTask(pid, [round](QuorTask& t) {
+                    t.threadNum++;
+                    t.oldThreadNum = round;
+                });
+                if (pid % 2 == 0) (void)tasks->DelQuorTask(pid);
+            }
+        }
+    };
+    for (int32_t pid = 10000; pid < 10000 + kPids; ++pid) added.insert(pid);
+    for (int32_t pid = 20000; pid < 20000 + kPids; ++pid) added.insert(pid);
+
+    std::atomic<bool> done{false};
+    std::thread dumper([&] {
+        while (!done.load()) {
+            tasks->DumpQuorTaskInfo();
+            tasks->DumpQuorTaskIgnoreKernelTaskInfoNormal();
+            dumps++;
+        }
+    });
+    std::thread w1(writer, 10000);
+    std::thread w2(writer, 20000);
+    w1.join();
+    w2.join();
+    done = true;
+    dumper.join();
+
+    EXPECT_EQ(tasks->GetQuorTaskCount(), static_cast<uint32_t>(kPids));  // odd pids survive
+    QuorTask t;
+    ASSERT_TRUE(tasks->GetQuorTaskCopy(10001, &t));
+    EXPECT_EQ(t.threadNum, 2);
+    EXPECT_EQ(t.oldThreadNum, kRounds - 1);
+    tasks->DumpQuorTaskInfo();
+    EXPECT_EQ(ReadLines(kDumpFile).size(), 2u + kPids);
+}
