@@ -12,6 +12,7 @@
 
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_time.h"
+#include "service/event_manager.h"
 
 namespace Quor {
 namespace Bpf {
@@ -38,12 +39,21 @@ QuorBpfService* QuorBpfService::GetInstance() {
 }
 
 QuorBpfService::QuorBpfService() {
+    initClientServer();
     // A process that still carries a generic name has not yet taken its final
     // one; the memory-event handler re-reads such a process from procfs.
     refreshNameMap_["main"] = "re-initialized>";
 }
 
-QuorBpfService::~QuorBpfService() = default;
+QuorBpfService::~QuorBpfService() {
+    // The socket thread reaches the client map through the callbacks: end it
+    // before the map goes, and unhook the fan-out from the map.
+    server_.reset();
+    EventManager* events = EventManager::GetInstance();
+    std::lock_guard<std::mutex> lock(EventManager::quorRawEventManagerLock);
+    events->setClientMapLocked(nullptr);
+    events->setServerLocked(nullptr);
+}
 
 void QuorBpfService::launchProducer(std::thread* handle, std::atomic<bool>* alive,
                                     int (QuorBpfService::*body)()) {
@@ -79,6 +89,7 @@ bool QuorBpfService::start() {
 int QuorBpfService::stop() {
     {
         std::lock_guard<std::mutex> lock(servicelock);
+        if (server_) server_->stop();
         running_.store(false);
     }
     std::lock_guard<std::mutex> lock(stopMutex_);
@@ -105,6 +116,7 @@ int QuorBpfService::Wait() {
         }
         sleepUnlessStopped(60);
     }
+    if (server_) server_->stop();
     if (producer_.joinable()) producer_.join();
     if (gplProducer_.joinable()) gplProducer_.join();
     return 0;
@@ -113,9 +125,13 @@ int QuorBpfService::Wait() {
 int QuorBpfService::eventProduceThread() {
     prctl(PR_SET_NAME, "BpfServicePoll", 0, 0, 0);
     if (!PinToServiceCpus()) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] set thread affinity failed. %s",
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][eventProduceThread] set thread affinity failed. %s",
               strerror(errno));
     }
+
+    // Clients may connect and subscribe before the kernel side is ready.
+    if (server_) server_->start();
 
     // The kernel side is loaded by someone else; wait until it says so.
     while (android::base::GetProperty(QUOR_BPF_READY, "0") == "0") {
@@ -124,7 +140,8 @@ int QuorBpfService::eventProduceThread() {
     }
 
     if (!InitBasetime()) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
               strerror(errno));
     }
     if (initBpfMap() != 0) {

@@ -25,19 +25,23 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "bpf/quor_bpf_prog_table.h"
+#include "ipc/ipc_package_handler.h"
+#include "ipc/ipc_package_manager.h"
+#include "ipc/unix_ipc_manager.h"
 #include "quor/quor_bpf_records.h"
 
 namespace Quor {
 namespace Bpf {
 
 class QuorBpfService {
-public:
+  public:
     using EventHandler = std::function<int(char*, long)>;
 
     static QuorBpfService* GetInstance();
@@ -86,6 +90,19 @@ public:
     int initDmabufBpfProg();
     int cleanUpDmabufMap(int pid);
 
+    // Client connections (quor_bpf_service_clients.cpp); all but
+    // notifyClientEventReady run on the socket thread "BpfServiceTr".
+    int onClientLibConnection(int fd);
+    int onClientLibReadable(int fd, BufferState* buf);
+    int onClientLibWriteable(int fd, BufferState* buf);
+    int onClientLibClose(int fd);
+    int onEventProvideReqCallBack(int fd, char* data, long len);
+    void notifyClientEventReady(const std::vector<int32_t>& fds);
+
+    static constexpr const char* QUOR_BPF_DISPATCHER_SOCKET = "/mnt/bpfframework/quorbpfdispatcher";
+    // Distinct event types one client may subscribe to; there are twelve.
+    static constexpr size_t MAX_SUBSCRIPTIONS_PER_CLIENT = 256;
+
     static const BpfProgTable PROG_EVENT_MAP;
     static const BpfProgTable PROG_GPL_EVENT_MAP;
     static constexpr const char* QUOR_BPF_READY = "sys.quor_bpf_ready";
@@ -119,7 +136,7 @@ public:
 
     ~QuorBpfService();
 
-private:
+  private:
     QuorBpfService();
     QuorBpfService(const QuorBpfService&) = delete;
     QuorBpfService& operator=(const QuorBpfService&) = delete;
@@ -131,6 +148,9 @@ private:
                            int (QuorBpfService::*body)());
     // Sleeps up to `seconds`, returning early when stop() is called.
     void sleepUnlessStopped(int seconds);
+    // Builds the socket server, the request dispatcher and the client map's
+    // link to EventManager (quor_bpf_service_clients.cpp).
+    void initClientServer();
 
     std::map<int32_t, EventHandler> eventHandlers_;
     std::atomic<bool> running_{false};
@@ -145,6 +165,14 @@ private:
     std::thread gplProducer_;
     std::atomic<bool> producerAlive_{false};
     std::atomic<bool> gplProducerAlive_{false};
+
+    std::unique_ptr<UnixIpcManager> server_;
+    std::unique_ptr<IpcPackageManager> packageManager_;
+    std::unique_ptr<IpcPackageHandler> packageHandler_;
+    // Outgoing queue per client descriptor. Changed only on the socket thread
+    // and under EventManager::quorRawEventManagerLock (the producers read it
+    // under that lock while fanning out).
+    std::map<int, IpcPackageManager> clients_;
 
     android::base::unique_fd processInodeMapFd_;
     android::base::unique_fd processMmapInfos_;

@@ -1,0 +1,77 @@
+// IpcPackageManager: the outgoing package queue of one connection.
+//
+// Producers build typed packages into it (each append copies the caller's
+// bytes into one fresh block, built before the queue lock is taken); the
+// connection's write handler drains it frame by frame into the write buffer,
+// in queue order, never cutting a frame. A slow reader cannot make the queue
+// grow without bound: an append that finds more than 10000 packages queued
+// drops the oldest until 5000 remain (recorded with error codes 3 to 6).
+//
+//   mgr.buildAndAppendSecondIpcPackage(IPC_PACKAGE_EVENT, record, len);
+//   server->notifyNeedWriteData(fd);
+//   ... on the socket thread:  while (mgr.fillNextIpcPackageToBuffer(buf)) {}
+//
+// Threading: any number of producers and one consumer; every queue operation
+// takes the queue's own mutex and no other lock while holding it.
+// getIpcPackageCount() and notifyEventReady() take no lock.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <mutex>
+
+#include "ipc/ipc_package.h"
+
+class IpcPackageManager {
+  public:
+    // Queue bound: an append that finds more than QUEUE_HIGH_WATER packages
+    // drops the oldest until QUEUE_LOW_WATER remain.
+    static constexpr size_t QUEUE_HIGH_WATER = 10000;
+    static constexpr size_t QUEUE_LOW_WATER = 5000;
+
+    IpcPackageManager() = default;
+    ~IpcPackageManager();
+    IpcPackageManager(const IpcPackageManager&) = delete;
+    IpcPackageManager& operator=(const IpcPackageManager&) = delete;
+
+    // Response package (type 1): 24-byte header then resp->dataSize bytes.
+    void appendRespIpcPackage(QuorRespIpcPackage* resp);
+    // Request package (type 0): 12-byte header then req->dataSize bytes.
+    void appendReqIpcPackage(QuorReqIpcPackage* req);
+    // `size` caller-built bytes queued as the typed package unchanged.
+    void buildAndAppendIpcPackage(char* data, unsigned long size);
+    // Typed package of `type` (0 to 3) with `len` body bytes; false for any
+    // other type or a body too long for the 32-bit length field.
+    bool buildAndAppendSecondIpcPackage(unsigned int type, char* data, unsigned long len);
+
+    // Moves the front package into the buffer as one frame. False when the
+    // queue is empty, when the frame does not fit the room left (it stays
+    // first) or when it can never fit the buffer (dropped, error code 8).
+    bool fillNextIpcPackageToBuffer(BufferState* state);
+    // As many whole frames as fit; false for an empty queue or after dropping
+    // a package that can never fit (error code 7).
+    bool fillIpcPackageToBuffer(BufferState* state);
+
+    // Waits up to timeoutMs until the queue holds a package.
+    void waitEventReady(int timeoutMs);
+    void notifyEventReady();
+    unsigned long getIpcPackageCount() const { return count_.load(std::memory_order_relaxed); }
+    // Drops every queued package (a connection that is gone); returns how many.
+    size_t dropAllIpcPackages();
+
+  private:
+    // Queues a built package; errorCode and logPrefix name the caller in the
+    // overflow record.
+    void appendPackage(QuorIpcPackage package, int errorCode, const char* logPrefix);
+    // Copies the front package as one frame; the caller holds mutex_ and has
+    // checked that it fits.
+    void moveFrontToBuffer(BufferState* state);
+    void popFront();
+
+    std::mutex mutex_;
+    std::deque<QuorIpcPackage> queue_;
+    std::condition_variable cv_;
+    std::atomic<unsigned long> count_{0};
+};

@@ -1,0 +1,564 @@
+#include "ipc/unix_ipc_manager.h"
+
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+#include "diag/quor_bpf_error_log.h"
+#include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_strings.h"
+#include "ipc/socket_utils.h"
+
+using Quor::Bpf::ConvertToHexString;
+using Quor::Bpf::RecordBpfServiceErrorInfo;
+using Quor::Bpf::StringPrintf;
+
+namespace {
+
+constexpr const char* kDefaultName = "BpfUtils";
+constexpr int32_t kErrorSendRetriesExhausted = 1;
+// EAGAIN results tolerated before a stalled peer gets its last try...
+constexpr int kEagainBeforeLastTry = 10;
+// ...which comes this much later.
+constexpr int kLastTryDelayMs = 1000;
+
+int64_t MonotonicMs() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+UnixIpcManager::UnixIpcManager(bool server, int size, std::string socketPath,
+                               IpcHandlerState handlers, const char* managerName, cpu_set_t cpus,
+                               int epollSize, int maxEvents)
+    : path(std::move(socketPath)),
+      isServer(server),
+      bufferSize(size),
+      handlerState(std::move(handlers)),
+      name(managerName != nullptr ? managerName : kDefaultName) {
+    epollManager = std::make_unique<EpollManager>(epollSize, maxEvents, makeInitFunc(),
+                                                  name.c_str(), cpus, -1);
+}
+
+UnixIpcManager::UnixIpcManager(bool server, int size, std::string socketPath,
+                               IpcHandlerState handlers, const char* managerName, int epollSize,
+                               int maxEvents)
+    : path(std::move(socketPath)),
+      isServer(server),
+      bufferSize(size),
+      handlerState(std::move(handlers)),
+      name(managerName != nullptr ? managerName : kDefaultName) {
+    epollManager =
+        std::make_unique<EpollManager>(epollSize, maxEvents, makeInitFunc(), name.c_str(), -1);
+}
+
+UnixIpcManager::UnixIpcManager(bool server, int size, std::string socketPath,
+                               IpcHandlerState handlers, int epollSize, int maxEvents)
+    : UnixIpcManager(server, size, std::move(socketPath), std::move(handlers), kDefaultName,
+                     epollSize, maxEvents) {}
+
+UnixIpcManager::~UnixIpcManager() {
+    stopRequested.store(true);
+    {
+        std::lock_guard<std::mutex> lock(retryMutex);
+        retryCv.notify_all();
+    }
+    epollManager.reset();  // stops and joins the loop thread
+    // Nothing runs on the sockets any more; release them so that the name can
+    // be bound again and peers see the close.
+    for (const int fd : connections) (void)close(fd);
+    const int fd = socketFd.load();
+    if (fd != -1 && connections.count(fd) == 0) (void)close(fd);
+    connections.clear();
+    socketFd.store(-1);
+    if (!clearAllBuffer()) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager][~UnixIpcManager] Clear all buffer failed: %d, message: %s", errno,
+              strerror(errno));
+    }
+}
+
+std::function<int()> UnixIpcManager::makeInitFunc() {
+    return [this]() -> int { return (isServer ? createServer() : connect()) ? 1 : 0; };
+}
+
+bool UnixIpcManager::start() {
+    if (!epollManager) {
+        QLOGE(name.c_str(), "[UnixIpcManager] epoll manager not exists!");
+        return false;
+    }
+    QLOGI(name.c_str(), "[UnixIpcManager][start] Start epoll Manager...");
+    if (isServer) {
+        QLOGI(name.c_str(), "[UnixIpcManager][start] Create server: %s", path.c_str());
+    } else {
+        QLOGI(name.c_str(), "[UnixIpcManager][start] Connection to server: %s", path.c_str());
+    }
+    stopRequested.store(false);
+    return epollManager->start();
+}
+
+bool UnixIpcManager::stop() {
+    QLOGI(name.c_str(), "[UnixIpcManager][stop] Stop epoll Manager...");
+    if (!epollManager) return false;
+    stopRequested.store(true);
+    {
+        std::lock_guard<std::mutex> lock(retryMutex);
+        retryCv.notify_all();
+    }
+    epollManager->stop();
+    return true;
+}
+
+bool UnixIpcManager::createServer() {
+    if (!isServer) {
+        QLOGE(name.c_str(), "[UnixIpcManager] Create server in client manager");
+        return false;
+    }
+    const int fd = CreateNonblockingServerSocket(path.c_str());
+    if (fd == -1) {
+        QLOGE(name.c_str(), "[UnixIpcManager] Create server Socket failed: %d, message: %s", errno,
+              strerror(errno));
+        return false;
+    }
+    socketFd.store(fd);
+    EpollCallback callback;
+    callback.readCallback = [this](epoll_event event) { return onServerReadableCallback(event); };
+    callback.closeCallback = [this](epoll_event event) { return onServerCloseCallback(event); };
+    (void)epollManager->addMonitorFd(fd, std::move(callback));
+    return true;
+}
+
+bool UnixIpcManager::waitBeforeReconnect() {
+    std::unique_lock<std::mutex> lock(retryMutex);
+    retryCv.wait_for(lock, std::chrono::milliseconds(retryIntervalMs.load()),
+                     [this] { return stopRequested.load(); });
+    return !stopRequested.load();
+}
+
+bool UnixIpcManager::connect() {
+    if (isServer) {
+        QLOGE(name.c_str(), "[UnixIpcManager] Create client in server manager");
+        return false;
+    }
+    int fd = -1;
+    for (;;) {
+        if (stopRequested.load()) return false;
+        fd = ConnectToServer(path.c_str());
+        if (fd != -1) break;
+        const int err = errno;
+        QLOGE(name.c_str(),
+              "[UnixIpcManager] Connect failed: %d, message: %s, clientFd: %d, Wait 5 senconds",
+              err, strerror(err), fd);
+        if (onFailedAttempt && !onFailedAttempt(err)) return false;
+        if (!waitBeforeReconnect()) return false;
+    }
+    socketFd.store(fd);
+    setSocketBufferSizes(fd);
+    if (!setUpConnection(fd)) {
+        (void)close(fd);
+        socketFd.store(-1);
+        return false;
+    }
+    if (handlerState.connectionHandler) handlerState.connectionHandler(fd);
+    return true;
+}
+
+void UnixIpcManager::setSocketBufferSizes(int fd) {
+    const int size = bufferSize;
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) == -1) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager] Set send buffer size failed: %d, message: %s, clientFd: %d", errno,
+              strerror(errno), fd);
+    }
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)) == -1) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager] Set recv buffer size failed: %d, message: %s, clientFd: %d", errno,
+              strerror(errno), fd);
+    }
+}
+
+bool UnixIpcManager::setUpConnection(int fd) {
+    EpollCallback callback;
+    callback.closeCallback = [this](epoll_event event) { return onClientCloseCallback(event); };
+    if (handlerState.readHandler) {
+        callback.readCallback = [this](epoll_event event) {
+            return onClientReadableCallback(event);
+        };
+        if (!allocateReadBufferForFd(fd)) {
+            QLOGE(name.c_str(),
+                  "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: "
+                  "%d, message: %s",
+                  fd, errno, strerror(errno));
+            return false;
+        }
+    }
+    if (handlerState.writeHandler) {
+        callback.writeCallback = [this](epoll_event event) { return onCommWriteCallback(event); };
+        if (!allocateWriteBufferForFd(fd)) {
+            QLOGE(
+                name.c_str(),
+                "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: "
+                "%d, message: %s",
+                fd, errno, strerror(errno));
+            (void)freeBufferForFd(fd);
+            return false;
+        }
+    }
+    if (!epollManager->addMonitorFd(fd, std::move(callback))) {
+        (void)freeBufferForFd(fd);
+        return false;
+    }
+    connections.insert(fd);
+    return true;
+}
+
+bool UnixIpcManager::notifyNeedWriteData(int fd) {
+    return epollManager && epollManager->notifyWriteEventReady(fd);
+}
+
+bool UnixIpcManager::writeDataNow(int fd) {
+    return epollManager && epollManager->writeEventNow(fd);
+}
+
+int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
+    const int fd = accept4(socketFd.load(), nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd == -1) {
+        QLOGE(name.c_str(), "[UnixIpcManager] Accept client failed: %d, message: %s", errno,
+              strerror(errno));
+        return -1;
+    }
+    if (!Setnonblocking(fd)) {
+        const int err = errno;
+        (void)close(fd);
+        QLOGE(name.c_str(), "[UnixIpcManager] Setnonblocking (client) failed: %d, message: %s", err,
+              strerror(err));
+        return -1;
+    }
+    setSocketBufferSizes(fd);
+    if (!setUpConnection(fd)) {
+        (void)close(fd);
+        return -1;
+    }
+    if (handlerState.connectionHandler) handlerState.connectionHandler(fd);
+    return 1;
+}
+
+bool UnixIpcManager::releaseConnection(int fd) {
+    (void)epollManager->delMonitorFd(fd);
+    connections.erase(fd);
+    if (close(fd) == -1) {
+        // Linux releases the descriptor even when close reports an error, so
+        // the owner is still told below.
+        QLOGE(name.c_str(), "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s",
+              fd, errno, strerror(errno));
+    }
+    if (!freeBufferForFd(fd)) {
+        QLOGE(name.c_str(), "[UnixIpcManager][ServerCallback] free buffer failed: %d, message: %s",
+              errno, strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+int UnixIpcManager::closeAfterReadFailure(int fd, const char* abnormalMessage,
+                                          const char* restartMessage) {
+    const bool freed = releaseConnection(fd);
+    // The owner must hear of every close: it keeps per-connection state that
+    // a new connection on the same descriptor number must not inherit.
+    if (handlerState.closeHandler) handlerState.closeHandler(fd);
+    if (!freed) return -2;
+    if (!isServer && fd == socketFd.load()) {
+        socketFd.store(-1);
+        QLOGE(name.c_str(), abnormalMessage, path.c_str());
+        if (!connect()) QLOGE(name.c_str(), restartMessage, path.c_str());
+    }
+    return -2;
+}
+
+int UnixIpcManager::onClientReadableCallback(epoll_event event) {
+    const int fd = event.data.fd;
+    auto it = readBuffers.find(fd);
+    if (it == readBuffers.end()) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager][ClientCallback] Not allocate read buffer for the fd(%d)!", fd);
+        return -1;
+    }
+    BufferState* state = &it->second;
+    if (handlerState.keepUnusedBytes) SaveUnuseBuffer(state);
+
+    const bool full = state->bufferDataCursor >= state->bufferSize;
+    ssize_t received = -1;
+    if (!full) {
+        received = recv(fd, state->buffer + state->bufferDataCursor,
+                        state->bufferSize - state->bufferDataCursor, MSG_DONTWAIT);
+        // Nothing to read after all: not a failure of the connection.
+        if (received == -1 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return 0;
+    }
+    if (full || received == -1) {
+        if (state->bufferCursor == state->bufferDataCursor) {
+            QLOGE(name.c_str(), "[UnixIpcManager] client readable callback buffer exception!");
+            QLOGE(name.c_str(),
+                  "[UnixIpcManager] client readable cb buffersize: %zd, bufferDataCursor: %zd",
+                  static_cast<ssize_t>(state->bufferSize),
+                  static_cast<ssize_t>(state->bufferDataCursor));
+            QLOGE(name.c_str(), "[UnixIpcManager] client readable buffer hexdump: %s",
+                  ConvertToHexString(state->buffer, static_cast<int32_t>(state->bufferDataCursor))
+                      .c_str());
+        } else {
+            QLOGE(name.c_str(), "[UnixIpcManager] Recv data failed: %d, message: %s", errno,
+                  strerror(errno));
+        }
+        state->bufferCursor = 0;
+        state->bufferDataCursor = 0;
+        if (handlerState.closeOnReadFailure) {
+            return closeAfterReadFailure(fd, "[UnixIpcManager] Server socket abnormal close!! (%s)",
+                                         "[UnixIpcManager] Reconnect to server failed! (%s)");
+        }
+        return -1;
+    }
+    if (received == 0) return -3;  // the hang-up event closes it
+
+    state->bufferDataCursor += received;
+    if (!handlerState.readHandler) return 0;
+    if (handlerState.readHandler(fd, state) != -1) return 0;
+
+    QLOGE(name.c_str(), "[UnixIpcManager] Callback ipc read handler failed: %d, message: %s", errno,
+          strerror(errno));
+    state->bufferCursor = 0;
+    state->bufferDataCursor = 0;
+    if (handlerState.closeOnReadFailure) {
+        return closeAfterReadFailure(fd, "[UnixIpcManager] Server socket abnormal close! (%s)",
+                                     "[UnixIpcManager] Restart server failed! (%s)");
+    }
+    return 0;
+}
+
+int UnixIpcManager::onCommWriteCallback(epoll_event event) {
+    const int fd = event.data.fd;
+    WriteChannel* channel = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(bufferMutex);
+        auto it = writeBuffers.find(fd);
+        if (it != writeBuffers.end()) channel = &it->second;
+    }
+    if (channel == nullptr) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(%d)!", fd);
+        return -1;
+    }
+    std::lock_guard<std::mutex> lock(channel->mutex);
+    BufferState* state = &channel->state;
+    // Bytes of a stalled send go out before anything new is filled in behind
+    // them; a frame is never cut.
+    const bool stalled = channel->lastTryAtMs != 0 && state->bufferCursor < state->bufferDataCursor;
+    if (!stalled) {
+        state->bufferCursor = 0;
+        state->bufferDataCursor = 0;
+        if (handlerState.writeHandler && handlerState.writeHandler(fd, state) == -1) {
+            QLOGE(name.c_str(),
+                  "[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno,
+                  strerror(errno));
+            return -1;
+        }
+        if (state->bufferCursor == state->bufferDataCursor) return -3;
+    }
+    if (!ensureDataSend(fd, channel)) {
+        QLOGE(name.c_str(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", errno,
+              strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
+    BufferState* state = &channel->state;
+    if (state->bufferCursor >= state->bufferDataCursor) {
+        state->bufferCursor = 0;
+        state->bufferDataCursor = 0;
+        channel->tryCount = 0;
+        channel->lastTryAtMs = 0;
+        return true;
+    }
+    for (;;) {
+        const ssize_t pending = state->bufferDataCursor - state->bufferCursor;
+        const ssize_t sent =
+            send(fd, state->buffer + state->bufferCursor, pending, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent > 0) {
+            state->bufferCursor += sent;
+            if (channel->lastTryAtMs != 0) {  // the peer reads again
+                channel->lastTryAtMs = 0;
+                channel->tryCount = 0;
+            }
+            if (state->bufferCursor >= state->bufferDataCursor) {
+                state->bufferCursor = 0;
+                state->bufferDataCursor = 0;
+                channel->tryCount = 0;
+                return true;
+            }
+            continue;
+        }
+        const int err = sent == -1 ? errno : EIO;
+        if (err == EINTR) continue;
+        if (err != EAGAIN && err != EWOULDBLOCK) {
+            QLOGE(name.c_str(),
+                  "[UnixIpcManager] Send data failed! leftSize: %zd, error: %d, message: %s, "
+                  "clientFd: %d",
+                  pending, err, strerror(err), fd);
+            channel->tryCount = 0;
+            channel->lastTryAtMs = 0;
+            errno = err;
+            return false;
+        }
+        if (channel->lastTryAtMs != 0) {
+            // Woken before the last try is due: keep waiting for the socket.
+            if (MonotonicMs() < channel->lastTryAtMs) return true;
+            QLOGE(name.c_str(),
+                  "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: "
+                  "%s, clientFd: %d",
+                  pending, err, strerror(err), fd);
+            QLOGE(name.c_str(), "[UnixIpcManager] Clear send buffer");
+            RecordBpfServiceErrorInfo(
+                kErrorSendRetriesExhausted,
+                StringPrintf("Send data 10 times failed. bufferCursor: %zd, bufferDataCursor: %zd",
+                             static_cast<ssize_t>(state->bufferCursor),
+                             static_cast<ssize_t>(state->bufferDataCursor)));
+            state->bufferCursor = 0;
+            state->bufferDataCursor = 0;
+            channel->tryCount = 0;
+            channel->lastTryAtMs = 0;
+            errno = err;
+            return false;
+        }
+        channel->tryCount += 1;
+        QLOGW(name.c_str(), "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s",
+              channel->tryCount, strerror(err));
+        if (channel->tryCount >= kEagainBeforeLastTry) {
+            // Waiting here would stall every other connection of this loop:
+            // the last try comes from the loop a second later, or earlier as
+            // soon as the socket drains.
+            channel->lastTryAtMs = MonotonicMs() + kLastTryDelayMs;
+            (void)epollManager->scheduleWriteRetry(fd, kLastTryDelayMs);
+            return true;
+        }
+        sched_yield();
+    }
+}
+
+int UnixIpcManager::onClientCloseCallback(epoll_event event) {
+    const int fd = event.data.fd;
+    if (!releaseConnection(fd)) return -1;
+    if (handlerState.closeHandler) handlerState.closeHandler(fd);
+    if (!isServer && fd == socketFd.load()) {
+        socketFd.store(-1);
+        QLOGE(name.c_str(),
+              "[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! (%s)",
+              path.c_str());
+        if (!connect()) {
+            QLOGE(name.c_str(), "[UnixIpcManager] Restart server failed! (%s)", path.c_str());
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int UnixIpcManager::onServerCloseCallback(epoll_event event) {
+    const int fd = event.data.fd;
+    (void)epollManager->delMonitorFd(fd);
+    if (close(fd) == -1) {
+        QLOGE(name.c_str(), "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s",
+              fd, errno, strerror(errno));
+    }
+    if (fd != socketFd.load()) {
+        connections.erase(fd);
+        if (handlerState.closeHandler) handlerState.closeHandler(fd);
+        if (!freeBufferForFd(fd)) {
+            QLOGE(name.c_str(),
+                  "[UnixIpcManager][ServerCallback] free buffer failed: %d, message: %s", errno,
+                  strerror(errno));
+            return -1;
+        }
+        return 0;
+    }
+    QLOGE(name.c_str(),
+          "[UnixIpcManager][onServerCloseCallback] Server socket abnormal close! (%s)",
+          path.c_str());
+    socketFd.store(-1);
+    if (handlerState.closeHandler) handlerState.closeHandler(fd);
+    if (!createServer()) {
+        QLOGE(name.c_str(), "[UnixIpcManager] Restart server failed! (%s)", path.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+bool UnixIpcManager::allocateReadBufferForFd(int fd) {
+    std::lock_guard<std::mutex> lock(bufferMutex);
+    char* block = static_cast<char*>(malloc(bufferSize));
+    if (block == nullptr) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager] Allocate read buffer for fd(%d) failed: %d, message: %s", fd, errno,
+              strerror(errno));
+        return false;
+    }
+    BufferState& state = readBuffers[fd];
+    free(state.buffer);  // a stale block of an earlier connection, if any
+    state = BufferState{0, 0, bufferSize, block};
+    return true;
+}
+
+bool UnixIpcManager::allocateWriteBufferForFd(int fd) {
+    std::lock_guard<std::mutex> lock(bufferMutex);
+    char* block = static_cast<char*>(malloc(bufferSize));
+    if (block == nullptr) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager] Allocate write buffer for fd(%d) failed: %d, message: %s", fd,
+              errno, strerror(errno));
+        return false;
+    }
+    WriteChannel& channel = writeBuffers[fd];
+    std::lock_guard<std::mutex> channelLock(channel.mutex);
+    free(channel.state.buffer);
+    channel.state = BufferState{0, 0, bufferSize, block};
+    channel.tryCount = 0;
+    channel.lastTryAtMs = 0;
+    return true;
+}
+
+bool UnixIpcManager::freeBufferForFd(int fd) {
+    std::lock_guard<std::mutex> lock(bufferMutex);
+    auto read = readBuffers.find(fd);
+    if (read != readBuffers.end()) {
+        free(read->second.buffer);
+        readBuffers.erase(read);
+    }
+    auto write = writeBuffers.find(fd);
+    if (write != writeBuffers.end()) {
+        {
+            std::lock_guard<std::mutex> channelLock(write->second.mutex);
+            free(write->second.state.buffer);
+            write->second.state.buffer = nullptr;
+        }
+        writeBuffers.erase(write);
+    }
+    return true;
+}
+
+bool UnixIpcManager::clearAllBuffer() {
+    std::lock_guard<std::mutex> lock(bufferMutex);
+    for (auto& read : readBuffers) free(read.second.buffer);
+    readBuffers.clear();
+    for (auto& write : writeBuffers) {
+        std::lock_guard<std::mutex> channelLock(write.second.mutex);
+        free(write.second.state.buffer);
+        write.second.state.buffer = nullptr;
+    }
+    writeBuffers.clear();
+    return true;
+}

@@ -1,0 +1,151 @@
+// UnixIpcManager: one endpoint of the local-socket IPC.
+//
+// Server mode listens on an abstract socket, accepts clients and keeps a read
+// and a write buffer per client. Client mode connects (retrying until it
+// succeeds or is stopped), keeps the same two buffers for its one connection
+// and reconnects whenever that connection closes. What the bytes mean is left
+// to the owner's handlers (IpcHandlerState):
+//   readHandler(fd, readBuffer)   consumes received bytes; -1 = bad stream
+//   writeHandler(fd, writeBuffer) fills whole frames to send; -1 = failure
+//   connectionHandler(fd)         a connection was accepted / established
+//   closeHandler(fd)              a connection was closed, for whatever reason
+//
+// Use: construct, start() (the socket is created or connected on the loop
+// thread), call notifyNeedWriteData(fd) after queueing data for fd, stop().
+// The destructor stops the loop and closes every socket it holds.
+//
+// Sending never blocks the loop: when a peer stops reading, the unsent bytes
+// stay in its write buffer and the loop serves everyone else. After ten
+// EAGAIN results in a row the connection gets one last try a second later;
+// if that fails too, the unsent bytes are dropped (error code 1) and the next
+// notice starts afresh.
+//
+// Threading: every callback, handler, createServer() and connect() runs on
+// the loop thread. Other threads may call notifyNeedWriteData(), and
+// writeDataNow() for a connection that is not being closed at the same time.
+// Lock order: bufferMutex before a descriptor's write mutex.
+#pragma once
+
+#include <sched.h>
+#include <sys/epoll.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "ipc/epoll_manager.h"
+#include "ipc/ipc_package.h"
+
+struct IpcHandlerState {
+    // Move unconsumed read bytes to the buffer start before each receive, so
+    // a frame split across receives survives.
+    bool keepUnusedBytes = false;
+    // Close the connection when a receive or the read handler fails.
+    bool closeOnReadFailure = false;
+    // Carried for the owner; the transport does not consult it.
+    bool spareFlag = false;
+    std::function<int(int, BufferState*)> readHandler;
+    std::function<int(int, BufferState*)> writeHandler;
+    std::function<int(int)> connectionHandler;
+    std::function<int(int)> closeHandler;
+};
+
+class UnixIpcManager {
+  public:
+    UnixIpcManager(bool isServer, int bufferSize, std::string path, IpcHandlerState handlers,
+                   const char* name, cpu_set_t cpus, int epollSize, int maxEvents);
+    // With the calling thread's affinity.
+    UnixIpcManager(bool isServer, int bufferSize, std::string path, IpcHandlerState handlers,
+                   const char* name, int epollSize, int maxEvents);
+    // With the calling thread's affinity, named "BpfUtils".
+    UnixIpcManager(bool isServer, int bufferSize, std::string path, IpcHandlerState handlers,
+                   int epollSize, int maxEvents);
+    virtual ~UnixIpcManager();
+
+    UnixIpcManager(const UnixIpcManager&) = delete;
+    UnixIpcManager& operator=(const UnixIpcManager&) = delete;
+
+    virtual bool createServer();
+    virtual bool connect();
+    virtual bool start();
+    virtual bool stop();
+
+    bool notifyNeedWriteData(int fd);
+    bool writeDataNow(int fd);
+
+    bool allocateReadBufferForFd(int fd);
+    bool allocateWriteBufferForFd(int fd);
+    bool freeBufferForFd(int fd);
+    bool clearAllBuffer();
+
+    // Client mode: pause between connection attempts (5000 ms unless set);
+    // may be changed at any time, the next pause uses it.
+    void setConnectRetryInterval(int intervalMs) { retryIntervalMs.store(intervalMs); }
+    // Client mode: told of every failed connection attempt with its errno, on
+    // the loop thread; returning false ends the attempts and connect() fails.
+    // Set it before start().
+    void setConnectFailureObserver(std::function<bool(int)> observer) {
+        onFailedAttempt = std::move(observer);
+    }
+
+    // The listening socket (server) or the connection (client); -1 if none.
+    int getSocketFd() const { return socketFd.load(); }
+    bool isServerMode() const { return isServer; }
+
+    int onServerReadableCallback(epoll_event event);
+    int onServerCloseCallback(epoll_event event);
+    int onClientReadableCallback(epoll_event event);
+    int onCommWriteCallback(epoll_event event);
+    int onClientCloseCallback(epoll_event event);
+
+  private:
+    // One connection's outgoing side.
+    struct WriteChannel {
+        BufferState state{};
+        std::mutex mutex;  // held for a whole write callback
+        int tryCount = 0;  // EAGAIN results since the last progress
+        // Set once ten EAGAINs came in a row: the last try is due then
+        // (monotonic ms); 0 when no send is stalled.
+        int64_t lastTryAtMs = 0;
+    };
+
+    // Sends the pending bytes of a write buffer. True when everything went
+    // out or the rest waits for the socket; false on failure (after a stall
+    // the unsent bytes are then dropped).
+    bool ensureDataSend(int fd, WriteChannel* channel);
+    // Buffers, epoll callbacks and registration of a new connection.
+    bool setUpConnection(int fd);
+    // Close sequence after a failed receive or read handler.
+    int closeAfterReadFailure(int fd, const char* abnormalMessage, const char* restartMessage);
+    bool releaseConnection(int fd);
+    void setSocketBufferSizes(int fd);
+    std::function<int()> makeInitFunc();
+    // Waits out the retry interval; false when stop() interrupted it.
+    bool waitBeforeReconnect();
+
+    std::string path;
+    bool isServer;
+    std::mutex spareMutex;
+    std::mutex bufferMutex;
+    int bufferSize;
+    std::map<int, BufferState> readBuffers;
+    std::map<int, WriteChannel> writeBuffers;
+    std::unique_ptr<EpollManager> epollManager;
+    IpcHandlerState handlerState;
+    std::atomic<int> socketFd{-1};
+    std::string name;
+
+    // Connections accepted or connected and not yet closed (loop thread).
+    std::set<int> connections;
+    std::atomic<bool> stopRequested{false};
+    std::mutex retryMutex;
+    std::condition_variable retryCv;
+    std::atomic<int> retryIntervalMs{5000};
+    std::function<bool(int)> onFailedAttempt;
+};

@@ -1,0 +1,98 @@
+#include "service/event_manager.h"
+
+#include <algorithm>
+
+#include "diag/quor_bpf_log.h"
+#include "ipc/unix_ipc_manager.h"
+
+namespace Quor {
+namespace Bpf {
+
+EventManager* EventManager::instance = nullptr;
+std::mutex EventManager::quorRawEventManagerLock;
+
+namespace {
+
+void EraseValue(std::vector<int>* values, int value) {
+    values->erase(std::remove(values->begin(), values->end(), value), values->end());
+}
+
+}  // namespace
+
+EventManager* EventManager::GetInstance() {
+    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    if (instance == nullptr) instance = new EventManager();
+    return instance;
+}
+
+void EventManager::AddObserverEvent(int fd, int eventType) {
+    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    std::vector<int>& types = observers_[fd];
+    if (std::find(types.begin(), types.end(), eventType) != types.end()) return;
+    types.push_back(eventType);
+    events_[eventType].push_back(fd);
+}
+
+void EventManager::DelObserverEvent(int fd, int eventType) {
+    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    auto observer = observers_.find(fd);
+    if (observer != observers_.end()) EraseValue(&observer->second, eventType);
+    auto event = events_.find(eventType);
+    if (event != events_.end()) EraseValue(&event->second, fd);
+}
+
+void EventManager::EraseObserver(int fd) {
+    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    auto observer = observers_.find(fd);
+    if (observer == observers_.end()) return;
+    for (const int type : observer->second) {
+        auto event = events_.find(type);
+        if (event != events_.end()) EraseValue(&event->second, fd);
+    }
+    observers_.erase(observer);
+}
+
+int EventManager::AppendEvent(char* data, unsigned long len) {
+    if (data == nullptr || len < sizeof(int32_t)) return 0;  // no type to route by
+    const int32_t type = IpcReadS32(data);
+    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    if (events_.empty()) return 0;
+    auto event = events_.find(type);
+    if (event == events_.end() || clients_ == nullptr) return 0;
+    for (const int fd : event->second) {
+        auto client = clients_->find(fd);
+        if (client == clients_->end()) {
+            QLOGE(QUOR_TAG_SERVICE, "[EventManager][AppendEvent] no client for subscriber fd %d",
+                  fd);
+            continue;
+        }
+        (void)client->second.buildAndAppendSecondIpcPackage(IPC_PACKAGE_EVENT, data, len);
+    }
+    if (server_ != nullptr) {
+        for (const int fd : event->second) {
+            if (clients_->count(fd) != 0) (void)server_->notifyNeedWriteData(fd);
+        }
+    }
+    return 0;
+}
+
+std::vector<int> EventManager::GetObserverEvents(int fd) {
+    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    auto observer = observers_.find(fd);
+    return observer == observers_.end() ? std::vector<int>() : observer->second;
+}
+
+size_t EventManager::CountObserverEvents(int fd) {
+    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    auto observer = observers_.find(fd);
+    return observer == observers_.end() ? 0 : observer->second.size();
+}
+
+std::vector<int> EventManager::GetEventObservers(int eventType) {
+    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    auto event = events_.find(eventType);
+    return event == events_.end() ? std::vector<int>() : event->second;
+}
+
+}  // namespace Bpf
+}  // namespace Quor

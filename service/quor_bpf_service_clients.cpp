@@ -1,0 +1,154 @@
+// The service's side of client connections: one outgoing queue per client,
+// subscription requests, and the socket callbacks that move bytes between the
+// clients and those queues. Everything here runs on the socket thread
+// "BpfServiceTr" except notifyClientEventReady.
+#include <cerrno>
+#include <cstring>
+
+#include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_strings.h"
+#include "service/event_manager.h"
+#include "service/quor_bpf_service.h"
+
+namespace Quor {
+namespace Bpf {
+
+namespace {
+
+constexpr int kServerBufferSize = 32768;
+constexpr const char* kServerThreadName = "BpfServiceTr";
+constexpr int kEpollSizeHint = 10;
+constexpr int kEpollMaxEvents = 32;
+// reqId, command, the unread word, event type.
+constexpr long kRequestBodyRead = 16;
+
+cpu_set_t ServiceCpus() {
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    for (int cpu = 0; cpu <= 2; ++cpu) CPU_SET(cpu, &cpus);
+    return cpus;
+}
+
+}  // namespace
+
+void QuorBpfService::initClientServer() {
+    IpcHandlerState handlers;
+    handlers.keepUnusedBytes = true;
+    handlers.closeOnReadFailure = true;
+    handlers.spareFlag = true;
+    handlers.readHandler = [this](int fd, BufferState* buf) {
+        return onClientLibReadable(fd, buf);
+    };
+    handlers.writeHandler = [this](int fd, BufferState* buf) {
+        return onClientLibWriteable(fd, buf);
+    };
+    handlers.connectionHandler = [this](int fd) { return onClientLibConnection(fd); };
+    handlers.closeHandler = [this](int fd) { return onClientLibClose(fd); };
+    server_ = std::make_unique<UnixIpcManager>(true, kServerBufferSize, QUOR_BPF_DISPATCHER_SOCKET,
+                                               std::move(handlers), kServerThreadName,
+                                               ServiceCpus(), kEpollSizeHint, kEpollMaxEvents);
+
+    packageManager_ = std::make_unique<IpcPackageManager>();
+    std::map<unsigned int, IpcPackageHandler::PackageCallback> requestCallbacks;
+    requestCallbacks[IPC_PACKAGE_REQUEST] = [this](int fd, char* data, long len) {
+        return onEventProvideReqCallBack(fd, data, len);
+    };
+    requestCallbacks[IPC_PACKAGE_RESPONSE] = nullptr;
+    requestCallbacks[IPC_PACKAGE_RESERVED] = nullptr;
+    requestCallbacks[IPC_PACKAGE_EVENT] = nullptr;
+    packageHandler_ = std::make_unique<IpcPackageHandler>(std::move(requestCallbacks));
+
+    EventManager* events = EventManager::GetInstance();
+    std::lock_guard<std::mutex> lock(EventManager::quorRawEventManagerLock);
+    events->setClientMapLocked(&clients_);
+    events->setServerLocked(server_.get());
+}
+
+int QuorBpfService::onClientLibConnection(int fd) {
+    std::lock_guard<std::mutex> lock(EventManager::quorRawEventManagerLock);
+    (void)clients_.try_emplace(fd);
+    return 0;
+}
+
+int QuorBpfService::onClientLibReadable(int fd, BufferState* buf) {
+    if (buf->bufferCursor >= buf->bufferDataCursor) return 0;
+    for (;;) {
+        long headerSize = 0;
+        long dataSize = 0;
+        if (!CheckIpcPackageComplete(buf, &headerSize, &dataSize)) return 0;
+        char* package = buf->buffer + buf->bufferCursor + headerSize;
+        if (packageHandler_->handleSecondIpcPackage(fd, package, dataSize) == -1) {
+            QLOGE(QUOR_TAG_SERVICE,
+                  "[QuorBpfService] Resv event: bufferCursor (%zd), numSize (%ld), dataSize (%ld), "
+                  "readCount (%zd)",
+                  static_cast<ssize_t>(buf->bufferCursor), headerSize, dataSize,
+                  static_cast<ssize_t>(buf->bufferDataCursor));
+            // The frame is complete, so these bytes all lie in the buffer.
+            QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] BUFFER HEXDUMP: %s",
+                  ConvertToHexString(buf->buffer + buf->bufferCursor,
+                                     static_cast<int32_t>(headerSize + dataSize))
+                      .c_str());
+            return -1;
+        }
+        buf->bufferCursor += headerSize + dataSize;
+        if (buf->bufferCursor >= buf->bufferDataCursor) return 0;
+    }
+}
+
+int QuorBpfService::onClientLibWriteable(int fd, BufferState* buf) {
+    // Only this thread changes the map, so reading it here needs no lock.
+    auto client = clients_.find(fd);
+    if (client == clients_.end()) return 0;
+    while (client->second.fillNextIpcPackageToBuffer(buf)) {
+    }
+    return 0;
+}
+
+int QuorBpfService::onClientLibClose(int fd) {
+    EventManager::GetInstance()->EraseObserver(fd);
+    std::lock_guard<std::mutex> lock(EventManager::quorRawEventManagerLock);
+    (void)clients_.erase(fd);
+    return 0;
+}
+
+int QuorBpfService::onEventProvideReqCallBack(int fd, char* data, long len) {
+    QuorRespIpcPackage resp = {};
+    resp.status = -1;
+    if (len >= 4) resp.reqId = IpcReadU32(data);
+    // A body too short to hold the event type is answered -1 and changes
+    // nothing.
+    if (len >= kRequestBodyRead) {
+        const uint32_t command = IpcReadU32(data + 4);
+        const int32_t eventType = IpcReadS32(data + 12);
+        EventManager* events = EventManager::GetInstance();
+        if (command == IPC_COMMAND_SUBSCRIBE) {
+            if (events->CountObserverEvents(fd) < MAX_SUBSCRIPTIONS_PER_CLIENT) {
+                events->AddObserverEvent(fd, eventType);
+                resp.status = 0;
+            } else {
+                QLOGE(QUOR_TAG_SERVICE,
+                      "[QuorBpfService] client fd %d holds too many subscriptions, type %d refused",
+                      fd, eventType);
+            }
+        } else if (command == IPC_COMMAND_UNSUBSCRIBE) {
+            events->DelObserverEvent(fd, eventType);
+            resp.status = 0;
+        }
+    }
+
+    IpcPackageManager* queue = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(EventManager::quorRawEventManagerLock);
+        queue = &clients_[fd];
+    }
+    queue->appendRespIpcPackage(&resp);
+    (void)server_->notifyNeedWriteData(fd);
+    return 0;
+}
+
+void QuorBpfService::notifyClientEventReady(const std::vector<int32_t>& fds) {
+    for (const int32_t fd : fds) (void)server_->notifyNeedWriteData(fd);
+}
+
+}  // namespace Bpf
+}  // namespace Quor
