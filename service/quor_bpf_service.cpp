@@ -10,6 +10,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "bpf/quor_bpf_prog_attach.h"
+#include "service/quor_bpf_event_tables.h"
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_time.h"
 
@@ -135,7 +137,13 @@ int QuorBpfService::eventProduceThread() {
                            &QuorBpfService::gpleventProduceThread);
         }
     }
-    return 0;
+
+    const int attachResult = AttachAllQuorBpfProgram(QUOR_BPF_BASE_PATH, PROG_EVENT_MAP);
+    if (attachResult != 0) {
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Attach all quor bpf error: %d",
+              attachResult);
+    }
+    return attachResult;
 }
 
 int QuorBpfService::gpleventProduceThread() {
@@ -144,6 +152,13 @@ int QuorBpfService::gpleventProduceThread() {
         QLOGE(QUOR_TAG_SERVICE,
               "[QuorBpfService][gpleventProduceThread] set thread affinity failed. %s",
               strerror(errno));
+    }
+
+    const int attachResult = AttachAllQuorBpfProgram(QUOR_BPF_BASE_PATH, PROG_GPL_EVENT_MAP);
+    if (attachResult != 0) {
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][gpleventProduceThread] Attach all quor bpf error: %d",
+              attachResult);
     }
     return 0;
 }
