@@ -210,6 +210,9 @@ int AttachKProbeProgram(const std::string& dir, const std::string& objectName,
     } else {
         QLOGE(QUOR_TAG_UTILS, "[AttachKProbeProgram] (UNKNOW TYPE) kprobe prog failed: %s, prog: %s",
               progName.c_str(), objectName.c_str());
+        // No call failed: say why, rather than leave a stale errno (EEXIST
+        // would hide the failure from the directory walk).
+        errno = EINVAL;
         return -1;
     }
     return AttachKprobe(progFd, isEntry, progName, eventName);
