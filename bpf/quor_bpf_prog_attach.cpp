@@ -1,8 +1,8 @@
 #include "bpf/quor_bpf_prog_attach.h"
 
 // BCC's libbpf layer; its declarations clash with libbpf's, so it stays here.
-#include <bcc/libbpf.h>
 #include <android-base/strings.h>
+#include <bcc/libbpf.h>
 #include <linux/bpf.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -165,7 +165,8 @@ int AttachKProbeProgram(const std::string& dir, const std::string& objectName,
         RetrieveProgramFd(dir, objectName, isEntry ? "kprobe" : "kretprobe", progName);
     if (progFd < 0) {
         if (isEntry) {
-            QLOGE(QUOR_TAG_UTILS, "[AttachKProbeProgram] Retrieve kprobe prog failed: %s, function: %s",
+            QLOGE(QUOR_TAG_UTILS,
+                  "[AttachKProbeProgram] Retrieve kprobe prog failed: %s, function: %s",
                   progName.c_str(), functionName.c_str());
         } else {
             QLOGE(QUOR_TAG_UTILS,
@@ -208,7 +209,8 @@ int AttachKProbeProgram(const std::string& dir, const std::string& objectName,
               eventType.c_str(), eventName.c_str());
         isEntry = false;
     } else {
-        QLOGE(QUOR_TAG_UTILS, "[AttachKProbeProgram] (UNKNOW TYPE) kprobe prog failed: %s, prog: %s",
+        QLOGE(QUOR_TAG_UTILS,
+              "[AttachKProbeProgram] (UNKNOW TYPE) kprobe prog failed: %s, prog: %s",
               progName.c_str(), objectName.c_str());
         // No call failed: say why, rather than leave a stale errno (EEXIST
         // would hide the failure from the directory walk).
@@ -271,8 +273,8 @@ int AttachAllQuorBpfProgram(const std::string& path) {
     std::error_code ec;
     fs::directory_iterator it(path, ec);
     if (ec) {
-        QLOGE(QUOR_TAG_UTILS, "[AttachAllQuorBpfProgram] cannot read directory %s: %s", path.c_str(),
-              ec.message().c_str());
+        QLOGE(QUOR_TAG_UTILS, "[AttachAllQuorBpfProgram] cannot read directory %s: %s",
+              path.c_str(), ec.message().c_str());
         return failures + 1;
     }
     for (; it != fs::directory_iterator(); it.increment(ec)) {
@@ -304,8 +306,8 @@ int AttachAllQuorBpfProgram(const std::string& path) {
         }
     }
     if (ec) {
-        QLOGE(QUOR_TAG_UTILS, "[AttachAllQuorBpfProgram] cannot read directory %s: %s", path.c_str(),
-              ec.message().c_str());
+        QLOGE(QUOR_TAG_UTILS, "[AttachAllQuorBpfProgram] cannot read directory %s: %s",
+              path.c_str(), ec.message().c_str());
         ++failures;
     }
     return failures;

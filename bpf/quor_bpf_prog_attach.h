@@ -52,8 +52,7 @@ int AttachTracepointProgram(const std::string& dir, const std::string& objectNam
 // Table-driven: isEntry attaches the "kprobe" file at function entry, else
 // the "kretprobe" file at function return.
 int AttachKProbeProgram(const std::string& dir, const std::string& objectName,
-                        const std::string& progName, const std::string& functionName,
-                        bool isEntry);
+                        const std::string& progName, const std::string& functionName, bool isEntry);
 // Name-driven: progName is "<kind>_<function>"; a kind holding "enter" is an
 // entry probe, else one holding "return" a return probe. Always opens the
 // "kprobe" file.

@@ -69,6 +69,41 @@ static __always_inline void quor_report_overflow(void)
 }
 
 /*
+ * Waking the reader costs the writer an interrupt (an expensive exit on a
+ * virtual machine) and the reader a context switch, so a record wakes it
+ * only when the previous wake-up is QUOR_WAKEUP_GAP_NS old: one record
+ * alone is delivered at once, a storm wakes the reader at most every gap.
+ * What a storm leaves unannounced is announced by quor_flush_wakeup(),
+ * which the main set runs from its context-switch programme.
+ */
+#define QUOR_WAKEUP_GAP_NS 10000000ULL
+
+static __always_inline __u64 quor_submit_flags(__u64 now)
+{
+    __u32 key = QUOR_STATUS_KEY_WOKEN_NS;
+    __u64 *woken = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!woken) return 0;
+    if (now - *woken < QUOR_WAKEUP_GAP_NS) return BPF_RB_NO_WAKEUP;
+    *woken = now;
+    return 0; /* the kernel wakes the reader if it is waiting */
+}
+
+/* Wakes the reader when data sits unannounced; a discarded record carries the wake-up. */
+static __always_inline void quor_flush_wakeup(__u64 now)
+{
+    if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return;
+    __u32 key = QUOR_STATUS_KEY_WOKEN_NS;
+    __u64 *woken = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!woken || now - *woken < QUOR_WAKEUP_GAP_NS) return;
+    void *nudge = bpf_ringbuf_reserve(&ringbuf_map, 8, 0);
+    if (!nudge) return;
+    *woken = now;
+    bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
+}
+
+#define QUOR_SUBMIT(rec) bpf_ringbuf_submit((rec), quor_submit_flags((rec)->header.timestamp_ns))
+
+/*
  * Reserves a record of `size` bytes and fills its header; null (after
  * reporting the overflow) when the ring buffer is full.
  */

@@ -67,6 +67,15 @@ struct {
     __uint(max_entries, 16384);
 } rss_mm_owner_map SEC(".maps");
 
+/* Context switches seen per CPU: the switch programme reads the clock only
+ * on every QUOR_SWITCH_PACE-th switch. */
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __type(key, __u32);
+    __type(value, __u64);
+    __uint(max_entries, 1);
+} switch_pace_map SEC(".maps");
+
 #include "quor_bpf_common.bpf.h"
 
 /* An rss record is written when a counter moved this far from its last report. */
@@ -76,6 +85,7 @@ struct {
 #define QUOR_FD_REPORT_BLOCK 64
 /* The context-switch programme refreshes the status figures this often at most. */
 #define QUOR_STATUS_REFRESH_NS 1000000000ULL
+#define QUOR_SWITCH_PACE 64
 /* How far back the fork programme looks in the parent's task lists. */
 #define QUOR_FORK_LIST_DEPTH 4
 
@@ -124,7 +134,7 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx)
                                      bpf_core_field_offset(struct task_struct, thread_node), child)) {
         kind = QUOR_TASK_KIND_THREAD;
         pid = parent_tgid;
-        ppid = BPF_CORE_READ(parent, real_parent, tgid);
+        ppid = 0; /* not looked up for threads: the process's parent is already known */
     } else {
         kind = QUOR_TASK_KIND_PROCESS;
         pid = child;
@@ -142,7 +152,7 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx)
     /* copy_process() gave the child the parent's comm. */
     bpf_get_current_comm(rec->comm, sizeof(rec->comm));
     rec->kind = kind;
-    bpf_ringbuf_submit(rec, 0);
+    QUOR_SUBMIT(rec);
     return 0;
 }
 
@@ -156,28 +166,28 @@ int sched_sched_process_exit(void *ctx)
 {
     if (!quor_gate(1)) return 0;
 
-    __s32 tgid = quor_current_tgid();
+    __u64 pid_tgid = bpf_get_current_pid_tgid();
+    __s32 tgid = (__s32)(pid_tgid >> 32);
     int group_dead = quor_exit_is_group_dead(ctx);
 
-    if (group_dead) {
+    /* Lookups first: they take no lock, and most processes have no entry. */
+    if (group_dead && bpf_map_lookup_elem(&open_fd_caller_map, &tgid))
         (void)bpf_map_delete_elem(&open_fd_caller_map, &tgid);
+    if (group_dead && bpf_map_lookup_elem(&rss_last_map, &tgid))
         (void)bpf_map_delete_elem(&rss_last_map, &tgid);
-    }
 
     struct quor_exit_record *rec = QUOR_RESERVE(quor_exit_record, QUOR_EVENT_TASK_EXIT);
     if (!rec) return 0;
     rec->pid = tgid;
-    if (group_dead) {
+    bpf_get_current_comm(rec->comm, sizeof(rec->comm));
+    rec->kind = group_dead ? QUOR_TASK_KIND_PROCESS : QUOR_TASK_KIND_THREAD;
+    if (group_dead && (__s32)(__u32)pid_tgid != tgid) {
+        /* A worker thread died last: name the process by its leader. */
         struct task_struct *task = (struct task_struct *)bpf_get_current_task();
         struct task_struct *leader = BPF_CORE_READ(task, group_leader);
-        if (!leader || BPF_CORE_READ_STR_INTO(&rec->comm, leader, comm) < 0)
-            bpf_get_current_comm(rec->comm, sizeof(rec->comm));
-        rec->kind = QUOR_TASK_KIND_PROCESS;
-    } else {
-        bpf_get_current_comm(rec->comm, sizeof(rec->comm));
-        rec->kind = QUOR_TASK_KIND_THREAD;
+        if (leader) (void)BPF_CORE_READ_STR_INTO(&rec->comm, leader, comm);
     }
-    bpf_ringbuf_submit(rec, 0);
+    QUOR_SUBMIT(rec);
     return 0;
 }
 
@@ -229,30 +239,42 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
     rec->pid = tgid;
     rec->member = member;
     rec->size = size;
-    bpf_ringbuf_submit(rec, 0);
+    QUOR_SUBMIT(rec);
     last->size[member & 3] = size;
     return 0;
 }
 
 /*
- * Runs on every context switch, so it does one array lookup and one clock
- * read in the common case. Its only job: keep the status map's ring-buffer
- * figures (keys 1 to 4) at most a second old, so that the service and a
- * person reading the pinned map see how full the ring buffer runs even when
- * nothing has been lost.
+ * Runs on every context switch, so in 63 of 64 runs it only counts the
+ * switch in a per-CPU slot (no clock read, no shared cache line); on the
+ * 64th it looks at the status word and the clock. Every QUOR_WAKEUP_GAP_NS at most it wakes the
+ * reader for records that a storm left unannounced (see quor_submit_flags),
+ * and at most once a second it copies the ring buffer's figures into the
+ * status map (keys 1 to 4), so that the service and a person reading the
+ * pinned map see how full the ring buffer runs even when nothing was lost.
  */
 SEC("tracepoint/sched/sched_switch")
 int sched_sched_switch(void *ctx)
 {
-    __u32 key = QUOR_STATUS_KEY_FLAGS;
+    __u32 key = 0;
+    __u64 *seen = bpf_map_lookup_elem(&switch_pace_map, &key);
+    if (!seen || (++*seen & (QUOR_SWITCH_PACE - 1)) != 0) return 0;
+
+    key = QUOR_STATUS_KEY_FLAGS;
     __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!flags || !(*flags & QUOR_STATUS_CORE_ON)) return 0;
 
+    key = QUOR_STATUS_KEY_FLUSHED_NS;
+    __u64 *flushed = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!flushed) return 0;
+    __u64 now = bpf_ktime_get_ns();
+    if (now - *flushed < QUOR_WAKEUP_GAP_NS) return 0;
+    *flushed = now;
+    quor_flush_wakeup(now);
+
     key = QUOR_STATUS_KEY_REFRESHED_NS;
     __u64 *refreshed = bpf_map_lookup_elem(&ringbuf_status, &key);
-    if (!refreshed) return 0;
-    __u64 now = bpf_ktime_get_ns();
-    if (now - *refreshed < QUOR_STATUS_REFRESH_NS) return 0;
+    if (!refreshed || now - *refreshed < QUOR_STATUS_REFRESH_NS) return 0;
     *refreshed = now;
     quor_status_refresh();
     return 0;
@@ -294,7 +316,7 @@ int BPF_KPROBE(enter_fd_install, unsigned int fd)
     rec->fd = (__s32)fd;
     rec->open_fds = value->open_fds;
     bpf_get_current_comm(rec->comm, sizeof(rec->comm));
-    bpf_ringbuf_submit(rec, 0);
+    QUOR_SUBMIT(rec);
     value->open_fds_again = value->open_fds;
     return 0;
 }

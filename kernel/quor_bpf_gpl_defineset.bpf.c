@@ -86,7 +86,7 @@ static __always_inline void quor_emit_dmabuf_size(__s32 pid, __u64 total)
     rec->pid = pid;
     rec->reserved = 0;
     rec->total_size = total;
-    bpf_ringbuf_submit(rec, 0);
+    QUOR_SUBMIT(rec);
 }
 
 static __always_inline void quor_emit_dmabuf_update(__s32 pid, __u32 action, __u64 inode, __u64 size)
@@ -99,7 +99,7 @@ static __always_inline void quor_emit_dmabuf_update(__s32 pid, __u32 action, __u
     rec->action = action;
     rec->inode = inode;
     rec->size = size;
-    bpf_ringbuf_submit(rec, 0);
+    QUOR_SUBMIT(rec);
 }
 
 /* Adds `size` bytes (negative: removes, never below 0) to pid's totals; the new total. */
@@ -166,7 +166,7 @@ int cgroup_cgroup_attach_task(struct trace_event_raw_cgroup_migrate *ctx)
         rec->comm[0] = 0;
     if (bpf_probe_read_kernel_str(rec->cgroup, sizeof(rec->cgroup), (char *)ctx + (path_loc & 0xffff)) < 0)
         rec->cgroup[0] = 0;
-    bpf_ringbuf_submit(rec, 0);
+    QUOR_SUBMIT(rec);
     return 0;
 }
 

@@ -11,9 +11,9 @@
 #include <system_error>
 
 #include "bpf/quor_bpf_prog_attach.h"
-#include "service/quor_bpf_event_tables.h"
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_time.h"
+#include "service/quor_bpf_event_tables.h"
 
 namespace Quor {
 namespace Bpf {
@@ -115,7 +115,8 @@ int QuorBpfService::Wait() {
 int QuorBpfService::eventProduceThread() {
     prctl(PR_SET_NAME, "BpfServicePoll", 0, 0, 0);
     if (!PinToServiceCpus()) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] set thread affinity failed. %s",
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][eventProduceThread] set thread affinity failed. %s",
               strerror(errno));
     }
 
@@ -126,7 +127,8 @@ int QuorBpfService::eventProduceThread() {
     }
 
     if (!InitBasetime()) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
               strerror(errno));
     }
 
@@ -140,8 +142,8 @@ int QuorBpfService::eventProduceThread() {
 
     const int attachResult = AttachAllQuorBpfProgram(QUOR_BPF_BASE_PATH, PROG_EVENT_MAP);
     if (attachResult != 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Attach all quor bpf error: %d",
-              attachResult);
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][eventProduceThread] Attach all quor bpf error: %d", attachResult);
     }
     return attachResult;
 }

@@ -202,8 +202,8 @@ struct quor_rss_change_event {
  * programmes report a lost record by setting QUOR_STATUS_OVERFLOW and
  * refreshing keys 1 to 4 from the ring buffer's own figures. The main set
  * also refreshes keys 1 to 4 at most once a second from its context-switch
- * programme and notes when in key 5 (kernel clock, ns); the service reads
- * only keys 0 to 4.
+ * programme and notes when in key 5 (kernel clock, ns). Keys 6 and 7 pace the
+ * reader's wake-ups. The service reads only keys 0 to 4.
  */
 enum quor_status_key {
     QUOR_STATUS_KEY_FLAGS = 0,
@@ -212,8 +212,10 @@ enum quor_status_key {
     QUOR_STATUS_KEY_CONS_POS = 3,
     QUOR_STATUS_KEY_PROD_POS = 4,
     QUOR_STATUS_KEY_COUNT = 5,        /* keys shared with the service */
-    QUOR_STATUS_KEY_REFRESHED_NS = 5, /* kernel side only */
-    QUOR_STATUS_MAP_ENTRIES = 6,
+    QUOR_STATUS_KEY_REFRESHED_NS = 5, /* kernel side only: keys 1-4 refreshed at */
+    QUOR_STATUS_KEY_WOKEN_NS = 6,     /* kernel side only: reader last woken at */
+    QUOR_STATUS_KEY_FLUSHED_NS = 7,   /* kernel side only: unwoken data last checked at */
+    QUOR_STATUS_MAP_ENTRIES = 8,
 };
 enum quor_status_bits {
     QUOR_STATUS_OVERFLOW = 1,   /* set by the programmes, cleared by the service */

@@ -22,7 +22,8 @@ TEST(CompatTest, VersionNumbers) {
 }
 
 TEST(CompatTest, MalformedVersionsAreRejected) {
-    for (const char* bad : {"", "5", ".", "a.b", "5.x", "x5.1", "5.-1", "5.1000", "99999999999.1", "+.1"}) {
+    for (const char* bad :
+         {"", "5", ".", "a.b", "5.x", "x5.1", "5.-1", "5.1000", "99999999999.1", "+.1"}) {
         EXPECT_EQ(convertVersionToInt(bad), -1) << bad;
     }
 }
@@ -33,11 +34,20 @@ TEST(CompatTest, FormsAgainstARunningVersion) {
         const char* running;
         bool expected;
     } cases[] = {
-        {"5.0+", "5.10", true},     {"5.0+", "4.19", false},  {"6.1+", "6.1", true},
-        {"6.1+", "5.15", false},    {"5.4-5.15", "5.10", true}, {"5.4-5.15", "5.15", true},
-        {"5.4-5.15", "5.4", true},  {"5.4-5.15", "6.1", false}, {"5.4-5.15", "4.19", false},
-        {"5.10-", "5.10", true},    {"5.10-", "5.15", false},   {"5.10", "5.10", true},
-        {"5.10", "5.15", false},    {"5.10.3", "5.10", true},
+        {"5.0+", "5.10", true},
+        {"5.0+", "4.19", false},
+        {"6.1+", "6.1", true},
+        {"6.1+", "5.15", false},
+        {"5.4-5.15", "5.10", true},
+        {"5.4-5.15", "5.15", true},
+        {"5.4-5.15", "5.4", true},
+        {"5.4-5.15", "6.1", false},
+        {"5.4-5.15", "4.19", false},
+        {"5.10-", "5.10", true},
+        {"5.10-", "5.15", false},
+        {"5.10", "5.10", true},
+        {"5.10", "5.15", false},
+        {"5.10.3", "5.10", true},
         // A string ending in "+" or "-" is a one-sided bound even with another "-".
         {"5.4-5.15-", "5.10", false},
     };

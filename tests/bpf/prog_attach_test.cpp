@@ -37,8 +37,9 @@ int ExpectedFailures(const BpfProgTable& table) {
                 int major = 0, minor = 0;
                 if (sscanf(row[3].c_str(), "%d.%d+", &major, &minor) != 2) continue;
                 if (g_major < major || (g_major == major && g_minor < minor)) continue;
-                const bool present = type == BPF_ATTACH_TRACEPOINT ? TracepointExists(row[1], row[2])
-                                                                   : KernelHasKprobes();
+                const bool present = type == BPF_ATTACH_TRACEPOINT
+                                         ? TracepointExists(row[1], row[2])
+                                         : KernelHasKprobes();
                 if (!present) ++failures;
             }
         }
@@ -61,7 +62,7 @@ int AdmittedRows(const BpfProgTable& table) {
 }
 
 class ProgAttachTest : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() {
         utsname name = {};
         (void)uname(&name);
@@ -98,8 +99,8 @@ TEST(IsBpfProgTest, OnlyALeadingPrefixCounts) {
     for (std::string name : {"prog_", "prog_QuorBpfDefineset_tracepoint_x", "prog_a"}) {
         EXPECT_TRUE(IsBpfProg(name)) << name;
     }
-    for (std::string name : {"", "prog", "pro", "map_QuorBpfDefineset_ringbuf_map", "xprog_a",
-                             "a_prog_b"}) {
+    for (std::string name :
+         {"", "prog", "pro", "map_QuorBpfDefineset_ringbuf_map", "xprog_a", "a_prog_b"}) {
         EXPECT_FALSE(IsBpfProg(name)) << name;
     }
 }
@@ -147,8 +148,8 @@ TEST_F(ProgAttachTest, WalksAttachWhatTheKernelOffersAndTreatEexistDifferently) 
     EXPECT_EQ(AttachKProbeProgram(kDir, "QuorBpfDefineset", "bogus_fd_install"), -1);
 
     const std::string root = kDir;
-    for (const char* alias : {"prog_QuorBpfDefineset_kretprobe_return_fd_install", "prog_short_name",
-                              "prog_QuorBpfDefineset_kprobe_bogus_fd_install"}) {
+    for (const char* alias : {"prog_QuorBpfDefineset_kretprobe_return_fd_install",
+                              "prog_short_name", "prog_QuorBpfDefineset_kprobe_bogus_fd_install"}) {
         (void)unlink((root + alias).c_str());
     }
 }
@@ -161,8 +162,8 @@ TEST_F(ProgAttachTest, SkippedMalformedAndUnknownRowsAreNotFailures) {
               {
                   {"no_such_prog", "sched", "no_such_event", "99.0+"},  // skipped by version
                   {"no_such_prog", "sched", "no_such_event", "junk"},   // malformed rule: skipped
-                  {"sched_sched_process_fork", "sched", "sched_process_fork"},   // three columns
-                  {"a", "b", "c", "5.0+", "e"},                                  // five columns
+                  {"sched_sched_process_fork", "sched", "sched_process_fork"},  // three columns
+                  {"a", "b", "c", "5.0+", "e"},                                 // five columns
               }},
              {7, {{"sched_sched_switch", "sched", "sched_switch", "5.0+"}}},  // unknown type
          }},

@@ -29,6 +29,7 @@ const std::set<std::string> kExpectedPins = {
     "map_QuorBpfDefineset_open_fd_caller_map",
     "map_QuorBpfDefineset_rss_last_map",
     "map_QuorBpfDefineset_rss_mm_owner_map",
+    "map_QuorBpfDefineset_switch_pace_map",
     "prog_QuorBpfDefineset_tracepoint_sched_sched_switch",
     "prog_QuorBpfDefineset_tracepoint_sched_sched_process_exit",
     "prog_QuorBpfDefineset_tracepoint_sched_sched_process_fork",
@@ -59,7 +60,7 @@ std::set<std::string> Listing(const std::string& dir) {
 }
 
 class LoaderTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root to load BPF programmes";
         if (access("/sys/kernel/btf/vmlinux", F_OK) != 0) GTEST_SKIP() << "the kernel has no BTF";
@@ -102,8 +103,8 @@ TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContents) {
 
     QuorBpfLoadReport second;
     ASSERT_EQ(QuorBpfLoader::Load(QuorBpfLoader::Options(), &second), 0);
-    EXPECT_EQ(second.reused.size(), 12u);
-    EXPECT_EQ(second.pinned.size(), kExpectedPins.size() - 12);
+    EXPECT_EQ(second.reused.size(), 13u);
+    EXPECT_EQ(second.pinned.size(), kExpectedPins.size() - 13);
     fd = bpf_obj_get(mapPath.c_str());
     ASSERT_GE(fd, 0);
     quor_open_fd_value read = {};

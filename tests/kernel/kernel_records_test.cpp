@@ -55,7 +55,8 @@ pid_t RunChild(bool withThread = true, size_t touch = kTouchBytes) {
             if (pthread_create(&thread, nullptr, Idle, nullptr) == 0) pthread_join(thread, nullptr);
         }
         if (touch != 0) {
-            void* mem = mmap(nullptr, touch, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            void* mem =
+                mmap(nullptr, touch, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
             if (mem != MAP_FAILED) memset(mem, 1, touch);
         }
         _exit(0);
@@ -78,7 +79,7 @@ std::string CommOf(const char (&comm)[QUOR_COMM_LEN]) {
 }
 
 class KernelRecordsTest : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() {
         if (geteuid() != 0) {
             g_skip = "needs root to load BPF programmes";
@@ -103,7 +104,8 @@ protected:
     void SetUp() override {
         if (!g_skip.empty()) GTEST_SKIP() << g_skip;
         status_ = bpf_obj_get((std::string(kDir) + "map_QuorBpfDefineset_ringbuf_status").c_str());
-        gplStatus_ = bpf_obj_get((std::string(kDir) + "map_QuorBpfGplDefineset_ringbuf_status").c_str());
+        gplStatus_ =
+            bpf_obj_get((std::string(kDir) + "map_QuorBpfGplDefineset_ringbuf_status").c_str());
         ASSERT_GE(status_, 0);
         ASSERT_GE(gplStatus_, 0);
     }
@@ -126,7 +128,8 @@ protected:
         EXPECT_TRUE(reader.ok());
         reader.Drain();
         pid_t child = -1;
-        reader.Keep([&child](uint32_t, const std::string& bytes) { return RecordPid(bytes) == child; });
+        reader.Keep(
+            [&child](uint32_t, const std::string& bytes) { return RecordPid(bytes) == child; });
         // Only records of pids forked after this point can match.
         child = 0;
         EXPECT_TRUE(StatusSet(status_, QUOR_STATUS_KEY_FLAGS, flags));
@@ -262,13 +265,16 @@ TEST_F(KernelRecordsTest, GplSetWritesNoExitRecordsButReportsCgroupMoves) {
     RingReader reader(std::string(kDir) + "map_QuorBpfGplDefineset_ringbuf_map");
     ASSERT_TRUE(reader.ok());
     reader.Drain();
-    ASSERT_TRUE(StatusSet(gplStatus_, QUOR_STATUS_KEY_FLAGS, QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON));
+    ASSERT_TRUE(
+        StatusSet(gplStatus_, QUOR_STATUS_KEY_FLAGS, QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON));
 
     // A cgroup of our own in the first hierarchy that lets us make one.
     std::string cgroup;
     for (const char* root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified", "/sys/fs/cgroup/pids"}) {
-        const std::string candidate = std::string(root) + "/quor_rec_test_" + std::to_string(getpid());
-        if (PathExists(std::string(root) + "/cgroup.procs") && mkdir(candidate.c_str(), 0755) == 0) {
+        const std::string candidate =
+            std::string(root) + "/quor_rec_test_" + std::to_string(getpid());
+        if (PathExists(std::string(root) + "/cgroup.procs") &&
+            mkdir(candidate.c_str(), 0755) == 0) {
             cgroup = candidate;
             break;
         }
@@ -297,7 +303,8 @@ TEST_F(KernelRecordsTest, GplSetWritesNoExitRecordsButReportsCgroupMoves) {
             for (const auto& r : reader.records()) {
                 if (As<quor_record_header>(r).type != QUOR_EVENT_CGROUP_ATTACH) continue;
                 const auto move = As<quor_cgroup_attach_record>(r);
-                if (move.pid == child && std::string(move.cgroup).find("quor_rec_test_") != std::string::npos) {
+                if (move.pid == child &&
+                    std::string(move.cgroup).find("quor_rec_test_") != std::string::npos) {
                     sawMove = true;
                 }
             }
@@ -324,14 +331,17 @@ TEST_F(KernelRecordsTest, FullRingBufferSetsTheOverflowBit) {
     options.ringbufBytes = 16384;
     QuorBpfLoadReport report;
     ASSERT_EQ(QuorBpfLoader::Load(options, &report), 0);
-    ASSERT_EQ(Quor::Bpf::AttachTracepointProgram(dir, "QuorBpfDefineset", "sched_sched_process_fork",
-                                                 "sched", "sched_process_fork") >= 0,
-              true);
+    ASSERT_EQ(
+        Quor::Bpf::AttachTracepointProgram(dir, "QuorBpfDefineset", "sched_sched_process_fork",
+                                           "sched", "sched_process_fork") >= 0,
+        true);
     const int status = bpf_obj_get((dir + "map_QuorBpfDefineset_ringbuf_status").c_str());
     ASSERT_GE(status, 0);
-    ASSERT_TRUE(StatusSet(status, QUOR_STATUS_KEY_FLAGS, QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON));
+    ASSERT_TRUE(
+        StatusSet(status, QUOR_STATUS_KEY_FLAGS, QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON));
     // 16 KiB hold about 300 fork records; a machine busy elsewhere helps.
-    for (int i = 0; i < 2000 && !(StatusGet(status, QUOR_STATUS_KEY_FLAGS) & QUOR_STATUS_OVERFLOW); ++i) {
+    for (int i = 0; i < 2000 && !(StatusGet(status, QUOR_STATUS_KEY_FLAGS) & QUOR_STATUS_OVERFLOW);
+         ++i) {
         (void)RunChild(/*withThread=*/false, /*touch=*/0);
     }
     const uint64_t flags = StatusGet(status, QUOR_STATUS_KEY_FLAGS);

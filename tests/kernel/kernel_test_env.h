@@ -43,7 +43,7 @@ inline bool StatusSet(int statusFd, uint32_t key, uint64_t value) {
 
 // Collects every record of a pinned ring buffer as raw bytes.
 class RingReader {
-public:
+  public:
     explicit RingReader(const std::string& pinPath) {
         fd_ = bpf_obj_get(pinPath.c_str());
         if (fd_ >= 0) rb_ = ring_buffer__new(fd_, &RingReader::OnRecord, this, nullptr);
@@ -72,7 +72,7 @@ public:
     void Keep(std::function<bool(uint32_t, const std::string&)> keep) { keep_ = std::move(keep); }
     std::vector<std::string>& records() { return records_; }
 
-private:
+  private:
     static int OnRecord(void* ctx, void* data, size_t size) {
         auto* self = static_cast<RingReader*>(ctx);
         std::string bytes(static_cast<const char*>(data), size);
@@ -98,14 +98,22 @@ inline int RecordPid(const std::string& bytes) {
         return v;
     };
     switch (type) {
-        case QUOR_EVENT_TASK_CREATE: return field(offsetof(quor_fork_record, pid));
-        case QUOR_EVENT_TASK_EXIT: return field(offsetof(quor_exit_record, pid));
-        case QUOR_EVENT_RSS_STAT: return field(offsetof(quor_rss_record, pid));
-        case QUOR_EVENT_CGROUP_ATTACH: return field(offsetof(quor_cgroup_attach_record, pid));
-        case QUOR_EVENT_FD_UPDATE: return field(offsetof(quor_fd_update_record, pid));
-        case QUOR_EVENT_DMABUF_SIZE: return field(offsetof(quor_dmabuf_size_record, pid));
-        case QUOR_EVENT_DMABUF_UPDATE: return field(offsetof(quor_dmabuf_update_record, pid));
-        default: return -1;
+        case QUOR_EVENT_TASK_CREATE:
+            return field(offsetof(quor_fork_record, pid));
+        case QUOR_EVENT_TASK_EXIT:
+            return field(offsetof(quor_exit_record, pid));
+        case QUOR_EVENT_RSS_STAT:
+            return field(offsetof(quor_rss_record, pid));
+        case QUOR_EVENT_CGROUP_ATTACH:
+            return field(offsetof(quor_cgroup_attach_record, pid));
+        case QUOR_EVENT_FD_UPDATE:
+            return field(offsetof(quor_fd_update_record, pid));
+        case QUOR_EVENT_DMABUF_SIZE:
+            return field(offsetof(quor_dmabuf_size_record, pid));
+        case QUOR_EVENT_DMABUF_UPDATE:
+            return field(offsetof(quor_dmabuf_update_record, pid));
+        default:
+            return -1;
     }
 }
 

@@ -274,7 +274,8 @@ std::vector<std::string> QuorBpfLoader::PinNames() {
 
 std::vector<std::string> QuorBpfLoader::ObjectNames() {
     std::vector<std::string> names;
-    ForEachObject([&](const quor_bpf_embedded_object& embedded) { names.push_back(embedded.name); });
+    ForEachObject(
+        [&](const quor_bpf_embedded_object& embedded) { names.push_back(embedded.name); });
     return names;
 }
 

@@ -78,15 +78,18 @@ void LogReport(const Quor::Bpf::QuorBpfLoadReport& report) {
 // programmes are pinned, so that the service has something to attach.
 bool LoadProgrammes() {
     Quor::Bpf::QuorBpfLoadReport report;
-    const int failures = Quor::Bpf::QuorBpfLoader::Load(Quor::Bpf::QuorBpfLoader::Options(), &report);
+    const int failures =
+        Quor::Bpf::QuorBpfLoader::Load(Quor::Bpf::QuorBpfLoader::Options(), &report);
     LogReport(report);
     if (failures != 0) {
         QLOGE(kTag, "[quorbpfd] loading the BPF programmes: %d failure(s), see above", failures);
     }
     for (const auto& name : report.pinned) {
         if (name.rfind("prog_", 0) == 0) {
-            QLOGI(kTag, "[quorbpfd] BPF programmes pinned under /sys/fs/bpf/quor/: %zu new, %zu "
-                  "maps reused", report.pinned.size(), report.reused.size());
+            QLOGI(kTag,
+                  "[quorbpfd] BPF programmes pinned under /sys/fs/bpf/quor/: %zu new, %zu "
+                  "maps reused",
+                  report.pinned.size(), report.reused.size());
             return true;
         }
     }
