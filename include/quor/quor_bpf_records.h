@@ -98,7 +98,7 @@ struct quor_rss_record {
 /* Type 2. For a thread (kind 2) `pid` is the thread group id. */
 struct quor_fork_record {
     struct quor_record_header header;
-    __s32 ppid; /* 0 when the kernel did not know it */
+    __s32 ppid; /* 0 when the kernel did not know it, and for threads */
     __s32 pid;
     __s32 tid; /* third task identifier: the new task's own id */
     char comm[QUOR_COMM_LEN];
@@ -121,7 +121,9 @@ struct quor_dmabuf_size_record {
     __u64 total_size; /* bytes, after the change */
 };
 
-/* Type 5: task `tid` of process `pid` was attached to cgroup `cgroup`. */
+/* Type 5: task `tid` was attached to cgroup `cgroup`. `pid` is its process
+ * when the kernel tells (a whole-process move, or a thread moving itself),
+ * else equal to `tid` (docs/records.md). */
 #define QUOR_CGROUP_PATH_LEN 64
 struct quor_cgroup_attach_record {
     struct quor_record_header header;
@@ -131,7 +133,9 @@ struct quor_cgroup_attach_record {
     char cgroup[QUOR_CGROUP_PATH_LEN]; /* destination path, NUL-terminated, may be cut */
 };
 
-/* Type 6: process `pid` installed descriptor `fd`; it now holds `open_fds`. */
+/* Type 6: process `pid` installed descriptor `fd`, entering a new block of 64
+ * descriptor numbers; `open_fds` counts the seeded descriptors plus every
+ * install since (closes are not seen). */
 struct quor_fd_update_record {
     struct quor_record_header header;
     __s32 pid;
