@@ -20,8 +20,10 @@ build: configure
 test: build
 	@cd $(BUILD) && ctest -j $(JOBS) --output-on-failure
 
+# The daemon loads and pins the BPF programmes itself and removes its pins
+# when Ctrl-C stops it.
 run: build
-	@$(BUILD)/tools/quorbpfd $(ARGS)
+	@$(BUILD)/tools/quorbpfd --unpin-on-exit $(ARGS)
 
 format:
 	@find include service ipc bpf diag tools tests -name '*.h' -o -name '*.cpp' | xargs clang-format -i

@@ -4,6 +4,7 @@
 
 #include <mutex>
 
+#include "diag/quor_bpf_dump_signals.h"
 #include "diag/quor_bpf_error_log.h"
 #include "diag/quor_bpf_log.h"
 #include "service/quor_bpf_service.h"
@@ -34,6 +35,9 @@ int BpfServiceMain() {
     }
     QLOGI(QUOR_TAG_SERVICE, "[BpfServiceMain] Starting QUOR Bpf Service");
     InitBpfServiceErrorLog();
+    // The monitors install the dump handlers too, but a dump signal that
+    // arrived before them would end the host process by default.
+    InstallDumpSignalHandlers();
     QuorBpfService* service = QuorBpfService::GetInstance();
     {
         std::lock_guard<std::mutex> lock(QuorBpfService::servicelock);

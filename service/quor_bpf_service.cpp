@@ -10,9 +10,11 @@
 #include <cstring>
 #include <system_error>
 
+#include "bpf/quor_bpf_prog_attach.h"
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_time.h"
 #include "service/event_manager.h"
+#include "service/quor_bpf_event_tables.h"
 
 namespace Quor {
 namespace Bpf {
@@ -40,6 +42,15 @@ QuorBpfService* QuorBpfService::GetInstance() {
 
 QuorBpfService::QuorBpfService() {
     initClientServer();
+    using namespace std::placeholders;
+    eventHandlers_[QUOR_EVENT_TASK_INIT] =
+        std::bind(&QuorBpfService::handleQuorTaskInitEvent, this, _1, _2);
+    eventHandlers_[QUOR_EVENT_TASK_CREATE] =
+        std::bind(&QuorBpfService::handleSched_SchedProcessFork, this, _1, _2);
+    eventHandlers_[QUOR_EVENT_TASK_EXIT] =
+        std::bind(&QuorBpfService::handleSched_SchedProcessExit, this, _1, _2);
+    eventHandlers_[QUOR_EVENT_RSS_STAT] =
+        std::bind(&QuorBpfService::handleKmem_RssStat, this, _1, _2);
     // A process that still carries a generic name has not yet taken its final
     // one; the memory-event handler re-reads such a process from procfs.
     refreshNameMap_["main"] = "re-initialized>";
@@ -155,7 +166,14 @@ int QuorBpfService::eventProduceThread() {
                            &QuorBpfService::gpleventProduceThread);
         }
     }
-    return 0;
+
+    const int attachResult = AttachAllQuorBpfProgram(QUOR_BPF_BASE_PATH, PROG_EVENT_MAP);
+    if (attachResult != 0) {
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][eventProduceThread] Attach all quor bpf error: %d", attachResult);
+    }
+    (void)eventMonitor();
+    return attachResult;
 }
 
 int QuorBpfService::gpleventProduceThread() {
@@ -165,7 +183,14 @@ int QuorBpfService::gpleventProduceThread() {
               "[QuorBpfService][gpleventProduceThread] set thread affinity failed. %s",
               strerror(errno));
     }
-    return 0;
+
+    const int attachResult = AttachAllQuorBpfProgram(QUOR_BPF_BASE_PATH, PROG_GPL_EVENT_MAP);
+    if (attachResult != 0) {
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][gpleventProduceThread] Attach all quor bpf error: %d",
+              attachResult);
+    }
+    return gpleventMonitor();
 }
 
 }  // namespace Bpf

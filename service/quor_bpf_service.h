@@ -141,6 +141,11 @@ class QuorBpfService {
     QuorBpfService(const QuorBpfService&) = delete;
     QuorBpfService& operator=(const QuorBpfService&) = delete;
 
+    // Both monitors are one procedure over ring-buffer index 0 or 1.
+    int runMonitor(int index);
+    // Seeds existing state between the two enabling steps of a monitor.
+    void runInitialScan(int index);
+
     // Runs a thread body and records that it ended, so Wait() can restart it.
     void launchProducer(std::thread* handle, std::atomic<bool>* alive,
                         int (QuorBpfService::*body)());
@@ -190,6 +195,9 @@ class QuorBpfService {
 
     static QuorBpfService* instance;
 };
+
+// A handler that does nothing, for tests and experiments.
+void TestHandleEvent(char* data, long len);
 
 }  // namespace Bpf
 }  // namespace Quor

@@ -24,12 +24,8 @@
 
 #ifdef __cplusplus
 #define QUOR_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
-#include <cstddef>
 #else
 #define QUOR_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
-#ifndef offsetof
-#define offsetof(type, member) __builtin_offsetof(type, member)
-#endif
 #endif
 
 #define QUOR_COMM_LEN 16
@@ -102,7 +98,7 @@ struct quor_rss_record {
 /* Type 2. For a thread (kind 2) `pid` is the thread group id. */
 struct quor_fork_record {
     struct quor_record_header header;
-    __s32 ppid; /* 0 when the kernel did not know it */
+    __s32 ppid; /* 0 when the kernel did not know it, and for threads */
     __s32 pid;
     __s32 tid; /* third task identifier: the new task's own id */
     char comm[QUOR_COMM_LEN];
@@ -125,7 +121,9 @@ struct quor_dmabuf_size_record {
     __u64 total_size; /* bytes, after the change */
 };
 
-/* Type 5: task `tid` of process `pid` was attached to cgroup `cgroup`. */
+/* Type 5: task `tid` was attached to cgroup `cgroup`. `pid` is its process
+ * when the kernel tells (a whole-process move, or a thread moving itself),
+ * else equal to `tid` (docs/records.md). */
 #define QUOR_CGROUP_PATH_LEN 64
 struct quor_cgroup_attach_record {
     struct quor_record_header header;
@@ -135,7 +133,9 @@ struct quor_cgroup_attach_record {
     char cgroup[QUOR_CGROUP_PATH_LEN]; /* destination path, NUL-terminated, may be cut */
 };
 
-/* Type 6: process `pid` installed descriptor `fd`; it now holds `open_fds`. */
+/* Type 6: process `pid` installed descriptor `fd`, entering a new block of 64
+ * descriptor numbers; `open_fds` counts the seeded descriptors plus every
+ * install since (closes are not seen). */
 struct quor_fd_update_record {
     struct quor_record_header header;
     __s32 pid;
@@ -204,7 +204,10 @@ struct quor_rss_change_event {
  * Status map beside each ring buffer: key __u32, value __u64.
  * The service turns the programmes on in two stages through key 0; the
  * programmes report a lost record by setting QUOR_STATUS_OVERFLOW and
- * refreshing keys 1 to 4 from the ring buffer's own figures.
+ * refreshing keys 1 to 4 from the ring buffer's own figures. The main set
+ * also refreshes keys 1 to 4 at most once a second from its context-switch
+ * programme and notes when in key 5 (kernel clock, ns). Keys 6 and 7 pace the
+ * reader's wake-ups. The service reads only keys 0 to 4.
  */
 enum quor_status_key {
     QUOR_STATUS_KEY_FLAGS = 0,
@@ -212,21 +215,31 @@ enum quor_status_key {
     QUOR_STATUS_KEY_RING_SIZE = 2,
     QUOR_STATUS_KEY_CONS_POS = 3,
     QUOR_STATUS_KEY_PROD_POS = 4,
-    QUOR_STATUS_KEY_COUNT = 5,
+    QUOR_STATUS_KEY_COUNT = 5,        /* keys shared with the service */
+    QUOR_STATUS_KEY_REFRESHED_NS = 5, /* kernel side only: keys 1-4 refreshed at */
+    QUOR_STATUS_KEY_WOKEN_NS = 6,     /* kernel side only: reader last woken at */
+    QUOR_STATUS_KEY_FLUSHED_NS = 7,   /* kernel side only: unwoken data last checked at */
+    QUOR_STATUS_MAP_ENTRIES = 8,
 };
 enum quor_status_bits {
     QUOR_STATUS_OVERFLOW = 1,   /* set by the programmes, cleared by the service */
-    QUOR_STATUS_CORE_ON = 2,    /* fork and exit records flow */
-    QUOR_STATUS_NORMAL_ON = 4,  /* every other record flows */
+    QUOR_STATUS_CORE_ON = 2,    /* programmes active; fork and exit records flow */
+    QUOR_STATUS_NORMAL_ON = 4,  /* with CORE_ON: every other record flows too */
 };
 
-/* Value of map_QuorBpfDefineset_open_fd_caller_map, keyed by pid (__s32). */
+/*
+ * Value of map_QuorBpfDefineset_open_fd_caller_map, keyed by pid (__s32).
+ * The service seeds open_fds from /proc/<pid>/fd; the kernel adds one per
+ * installed descriptor (closes are not seen, so it only grows), keeps the
+ * highest descriptor number installed in max_fd, and copies open_fds into
+ * open_fds_again whenever it writes a fd_update record.
+ */
 struct quor_open_fd_value {
     __s32 pid;
     __u32 reserved;
     __u64 open_fds;
-    __u64 open_fds_again; /* seeded equal to open_fds */
-    __u64 reserved2;
+    __u64 open_fds_again; /* seeded equal to open_fds; open_fds at the last record */
+    __u64 max_fd;         /* seeded 0 */
     char comm[QUOR_COMM_LEN];
 };
 
@@ -259,7 +272,7 @@ struct quor_process_mmap_key {
 
 #define QUOR_ASSERT_LAYOUT(type, size) QUOR_STATIC_ASSERT(sizeof(type) == (size), #type " size")
 #define QUOR_ASSERT_OFFSET(type, field, off) \
-    QUOR_STATIC_ASSERT(offsetof(type, field) == (off), #type "." #field " offset")
+    QUOR_STATIC_ASSERT(__builtin_offsetof(type, field) == (off), #type "." #field " offset")
 
 QUOR_ASSERT_LAYOUT(struct quor_record_header, 16);
 QUOR_ASSERT_OFFSET(struct quor_record_header, timestamp_ns, 8);

@@ -3,8 +3,11 @@
 // On a device the platform sets properties, creates the log directory and
 // loads the kernel programmes before it starts the service. Here this daemon
 // plays that part: it takes properties from the command line, sets
-// "ro.kernel.version" from uname, creates the log directory, starts the
-// service and blocks until SIGINT or SIGTERM, which stop it (exit code 0).
+// "ro.kernel.version" from uname, creates the log directory, loads and pins
+// both programme sets under /sys/fs/bpf/quor/ (unless --no-load) and then
+// sets "sys.quor_bpf_ready" to "1", starts the service and blocks until
+// SIGINT or SIGTERM, which stop it (exit code 0). With --unpin-on-exit it
+// removes the pins it made when it stops.
 #include <android-base/properties.h>
 #include <errno.h>
 #include <signal.h>
@@ -20,18 +23,24 @@
 
 #include "diag/quor_bpf_log.h"
 #include "quor/bpf_service_main.h"
+#include "tools/loader/quor_bpf_loader.h"
 
 namespace {
 
 constexpr const char* kTag = "quorbpfd";
 constexpr const char* kLogDir = "/data/quorlog/stability/quorbpfframework/";
+constexpr const char* kReadyProperty = "sys.quor_bpf_ready";
 
 void Usage(FILE* out) {
     fprintf(out,
-            "usage: quorbpfd [--property KEY=VALUE]...\n"
+            "usage: quorbpfd [--no-load] [--unpin-on-exit] [--property KEY=VALUE]...\n"
             "\n"
-            "Starts the kernel-event service in the foreground. SIGINT or SIGTERM stop it.\n"
+            "Loads and pins the BPF programme sets under /sys/fs/bpf/quor/, then starts\n"
+            "the kernel-event service in the foreground. SIGINT or SIGTERM stop it.\n"
             "\n"
+            "  --no-load             do not load the programmes (the platform does) and\n"
+            "                        leave \"sys.quor_bpf_ready\" to the platform too\n"
+            "  --unpin-on-exit       remove the pins made at start when stopping\n"
             "  --property KEY=VALUE  set a system property before the service starts\n"
             "                        (repeatable); \"ro.kernel.version\" defaults to the\n"
             "                        running kernel's major.minor\n"
@@ -61,15 +70,59 @@ bool MakeDirs(const std::string& path) {
     return true;
 }
 
+void LogReport(const Quor::Bpf::QuorBpfLoadReport& report) {
+    for (const auto& line : report.Lines()) QLOGI(kTag, "[quorbpfd] %s", line.c_str());
+}
+
+// Loads and pins both programme sets; true when at least one object's
+// programmes are pinned, so that the service has something to attach.
+bool LoadProgrammes() {
+    Quor::Bpf::QuorBpfLoadReport report;
+    const int failures =
+        Quor::Bpf::QuorBpfLoader::Load(Quor::Bpf::QuorBpfLoader::Options(), &report);
+    LogReport(report);
+    if (failures != 0) {
+        QLOGE(kTag, "[quorbpfd] loading the BPF programmes: %d failure(s), see above", failures);
+    }
+    for (const auto& name : report.pinned) {
+        if (name.rfind("prog_", 0) == 0) {
+            QLOGI(kTag,
+                  "[quorbpfd] BPF programmes pinned under /sys/fs/bpf/quor/: %zu new, %zu "
+                  "maps reused",
+                  report.pinned.size(), report.reused.size());
+            return true;
+        }
+    }
+    QLOGE(kTag, "[quorbpfd] no BPF programme pinned; not setting %s", kReadyProperty);
+    return false;
+}
+
+void UnpinProgrammes() {
+    Quor::Bpf::QuorBpfLoadReport report;
+    const int failures = Quor::Bpf::QuorBpfLoader::Unload("/sys/fs/bpf/quor/", &report);
+    QLOGI(kTag, "[quorbpfd] removed %zu pins, %d failure(s)", report.removed.size(), failures);
+    for (const auto& failure : report.failures) QLOGE(kTag, "[quorbpfd] %s", failure.c_str());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     std::map<std::string, std::string> properties;
+    bool load = true;
+    bool unpinOnExit = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
             Usage(stdout);
             return 0;
+        }
+        if (arg == "--no-load") {
+            load = false;
+            continue;
+        }
+        if (arg == "--unpin-on-exit") {
+            unpinOnExit = true;
+            continue;
         }
         std::string assignment;
         if (arg == "--property" && i + 1 < argc) {
@@ -90,6 +143,10 @@ int main(int argc, char** argv) {
     }
     if (properties.count("ro.kernel.version") == 0) {
         properties["ro.kernel.version"] = KernelMajorMinor();
+    }
+    const bool loaded = load && LoadProgrammes();
+    if (loaded && properties.count(kReadyProperty) == 0) {
+        properties[kReadyProperty] = "1";
     }
     for (const auto& [key, value] : properties) android::base::SetProperty(key, value);
 
@@ -115,6 +172,7 @@ int main(int argc, char** argv) {
     }
     QLOGI(kTag, "[quorbpfd] %s received, stopping", strsignal(signo));
     Quor::Bpf::StopBpfService();
+    if (unpinOnExit && load) UnpinProgrammes();
     // The monitors block in their ring-buffer poll until the next record;
     // end the process now instead of waiting for it.
     fflush(nullptr);

@@ -1,0 +1,153 @@
+/*
+ * Helpers shared by the two programme sets: the status-word gate, ring-buffer
+ * writes that report their own failure, and the task questions that several
+ * programmes ask (is this exit the end of the process, whose comm to report).
+ *
+ * Each object that includes this file must define, before including it:
+ *   ringbuf_map     BPF_MAP_TYPE_RINGBUF
+ *   ringbuf_status  BPF_MAP_TYPE_ARRAY, __u32 -> __u64, QUOR_STATUS_MAP_ENTRIES
+ * so that the helpers below bind to that object's own maps.
+ *
+ * The status protocol, kernel side:
+ *   bit 2 (CORE_ON) clear      the programmes do nothing at all;
+ *   bit 2 set                  map bookkeeping runs, fork and exit records flow;
+ *   bits 2 and 4 set           every other record flows too;
+ *   a failed reservation       sets bit 1 (atomically, the service clears it)
+ *                              and copies the ring buffer's own figures into
+ *                              keys 1 to 4.
+ */
+#ifndef QUOR_BPF_COMMON_BPF_H
+#define QUOR_BPF_COMMON_BPF_H
+
+#include "vmlinux.h"
+
+#include <bpf/bpf_core_read.h>
+#include <bpf/bpf_helpers.h>
+#include <bpf/bpf_tracing.h>
+
+#include "quor/quor_bpf_records.h"
+
+/* Whether records of the given class may be written now. */
+static __always_inline int quor_gate(int core)
+{
+    __u32 key = QUOR_STATUS_KEY_FLAGS;
+    __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!flags) return 0;
+    __u64 f = *flags;
+    if (!(f & QUOR_STATUS_CORE_ON)) return 0;
+    return core || (f & QUOR_STATUS_NORMAL_ON);
+}
+
+/* Whether the programmes are active (bit 2): bookkeeping may run. */
+static __always_inline int quor_active(void)
+{
+    return quor_gate(1);
+}
+
+static __always_inline void quor_status_set(__u32 key, __u64 value)
+{
+    __u64 *slot = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (slot) *slot = value;
+}
+
+/* Copies the ring buffer's own figures into keys 1 to 4. */
+static __always_inline void quor_status_refresh(void)
+{
+    quor_status_set(QUOR_STATUS_KEY_AVAIL_DATA, bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA));
+    quor_status_set(QUOR_STATUS_KEY_RING_SIZE, bpf_ringbuf_query(&ringbuf_map, BPF_RB_RING_SIZE));
+    quor_status_set(QUOR_STATUS_KEY_CONS_POS, bpf_ringbuf_query(&ringbuf_map, BPF_RB_CONS_POS));
+    quor_status_set(QUOR_STATUS_KEY_PROD_POS, bpf_ringbuf_query(&ringbuf_map, BPF_RB_PROD_POS));
+}
+
+/* A record could not be reserved: the service learns it from bit 1. */
+static __always_inline void quor_report_overflow(void)
+{
+    __u32 key = QUOR_STATUS_KEY_FLAGS;
+    __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (flags) __sync_fetch_and_or(flags, (__u64)QUOR_STATUS_OVERFLOW);
+    quor_status_refresh();
+}
+
+/*
+ * Waking the reader costs the writer an interrupt (an expensive exit on a
+ * virtual machine) and the reader a context switch, so a record wakes it
+ * only when the previous wake-up is QUOR_WAKEUP_GAP_NS old: one record
+ * alone is delivered at once, a storm wakes the reader at most every gap.
+ * What a storm leaves unannounced is announced by quor_flush_wakeup(),
+ * which the main set runs from its context-switch programme.
+ */
+#define QUOR_WAKEUP_GAP_NS 10000000ULL
+
+static __always_inline __u64 quor_submit_flags(__u64 now)
+{
+    __u32 key = QUOR_STATUS_KEY_WOKEN_NS;
+    __u64 *woken = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!woken) return 0;
+    if (now - *woken < QUOR_WAKEUP_GAP_NS) return BPF_RB_NO_WAKEUP;
+    *woken = now;
+    return 0; /* the kernel wakes the reader if it is waiting */
+}
+
+/* Wakes the reader when data sits unannounced; a discarded record carries the wake-up. */
+static __always_inline void quor_flush_wakeup(__u64 now)
+{
+    if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return;
+    __u32 key = QUOR_STATUS_KEY_WOKEN_NS;
+    __u64 *woken = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!woken || now - *woken < QUOR_WAKEUP_GAP_NS) return;
+    void *nudge = bpf_ringbuf_reserve(&ringbuf_map, 8, 0);
+    if (!nudge) return;
+    *woken = now;
+    bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
+}
+
+#define QUOR_SUBMIT(rec) bpf_ringbuf_submit((rec), quor_submit_flags((rec)->header.timestamp_ns))
+
+/*
+ * Reserves a record of `size` bytes and fills its header; null (after
+ * reporting the overflow) when the ring buffer is full.
+ */
+static __always_inline void *quor_reserve(__u64 size, __u32 type)
+{
+    struct quor_record_header *hdr = bpf_ringbuf_reserve(&ringbuf_map, size, 0);
+    if (!hdr) {
+        quor_report_overflow();
+        return 0;
+    }
+    hdr->type = type;
+    hdr->reserved = 0;
+    hdr->timestamp_ns = bpf_ktime_get_ns();
+    return hdr;
+}
+
+#define QUOR_RESERVE(type_struct, type_id) \
+    ((struct type_struct *)quor_reserve(sizeof(struct type_struct), (type_id)))
+
+static __always_inline __s32 quor_current_tgid(void)
+{
+    return (__s32)(bpf_get_current_pid_tgid() >> 32);
+}
+
+/* The layout of the exit tracepoint since the kernel records group_dead. */
+struct trace_event_raw_sched_process_exit___group {
+    bool group_dead;
+} __attribute__((preserve_access_index));
+
+/*
+ * Whether the task now exiting is the last of its process. Kernels that
+ * record group_dead in the tracepoint say so exactly; older ones are asked
+ * through the process's live-thread count, which do_exit() has already
+ * decremented (two threads dying together may then both see zero: the
+ * service treats a second process exit of a pid as a no-op).
+ */
+static __always_inline int quor_exit_is_group_dead(void *ctx)
+{
+    if (bpf_core_field_exists(((struct trace_event_raw_sched_process_exit___group *)0)->group_dead)) {
+        struct trace_event_raw_sched_process_exit___group *exit_ctx = ctx;
+        return exit_ctx->group_dead;
+    }
+    struct task_struct *task = (struct task_struct *)bpf_get_current_task();
+    return BPF_CORE_READ(task, signal, live.counter) == 0;
+}
+
+#endif /* QUOR_BPF_COMMON_BPF_H */

@@ -1,0 +1,322 @@
+/*
+ * Programme set QuorBpfDefineset: the process life cycle and memory figures.
+ *
+ *   sched_sched_process_fork   fork records (type 2), process or thread
+ *   sched_sched_process_exit   exit records (type 3), and forgets the
+ *                              per-process state of a process that ended
+ *   kmem_rss_stat              rss records (type 1), filtered in the kernel
+ *   sched_sched_switch         refreshes the status map's ring-buffer figures
+ *                              at most once a second, nothing else
+ *   enter_fd_install           descriptor accounting, fd_update records (type 6)
+ *
+ * Licence: the fork and exit programmes read the task structure
+ * (bpf_probe_read_kernel, bpf_get_current_task), which the kernel grants only
+ * to GPL-compatible programmes, hence the dual licence.
+ */
+#include "vmlinux.h"
+
+#include <bpf/bpf_core_read.h>
+#include <bpf/bpf_helpers.h>
+#include <bpf/bpf_tracing.h>
+
+#include "quor/quor_bpf_records.h"
+
+char LICENSE[] SEC("license") = "Dual BSD/GPL";
+
+struct {
+    __uint(type, BPF_MAP_TYPE_RINGBUF);
+    __uint(max_entries, 1 << 20);
+} ringbuf_map SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __type(key, __u32);
+    __type(value, __u64);
+    __uint(max_entries, QUOR_STATUS_MAP_ENTRIES);
+} ringbuf_status SEC(".maps");
+
+/* Descriptor accounting per process, seeded by the service from procfs. */
+struct {
+    __uint(type, BPF_MAP_TYPE_HASH);
+    __type(key, __s32);
+    __type(value, struct quor_open_fd_value);
+    __uint(max_entries, 32768);
+} open_fd_caller_map SEC(".maps");
+
+/* The sizes last reported in an rss record, per process (bytes). */
+struct quor_rss_last {
+    __s64 size[4];
+};
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __type(key, __s32);
+    __type(value, struct quor_rss_last);
+    __uint(max_entries, 16384);
+} rss_last_map SEC(".maps");
+
+/*
+ * Which process owns an address space, by the tracepoint's mm_id (a hashed
+ * pointer, stable for the life of the mm). Learnt whenever a process changes
+ * its own counters, used when another context changes them (reclaim,
+ * fork's page copies, a process reading another's memory).
+ */
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __type(key, __u32);
+    __type(value, __s32);
+    __uint(max_entries, 16384);
+} rss_mm_owner_map SEC(".maps");
+
+/* Context switches seen per CPU: the switch programme reads the clock only
+ * on every QUOR_SWITCH_PACE-th switch. */
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __type(key, __u32);
+    __type(value, __u64);
+    __uint(max_entries, 1);
+} switch_pace_map SEC(".maps");
+
+#include "quor_bpf_common.bpf.h"
+
+/* An rss record is written when a counter moved this far from its last report. */
+#define QUOR_RSS_MIN_DELTA (16 * 1024)
+/* A fd_update record is written each time a process's highest descriptor
+ * number enters a new block of this many. */
+#define QUOR_FD_REPORT_BLOCK 64
+/* The context-switch programme refreshes the status figures this often at most. */
+#define QUOR_STATUS_REFRESH_NS 1000000000ULL
+#define QUOR_SWITCH_PACE 64
+/* How far back the fork programme looks in the parent's task lists. */
+#define QUOR_FORK_LIST_DEPTH 4
+
+/*
+ * Whether `child` is among the last QUOR_FORK_LIST_DEPTH entries of the list
+ * `head`, whose entries are task_structs linked at `member_offset`. New tasks
+ * are added at the tail, so the child is normally the last entry; others
+ * forked concurrently by the same parent may have landed after it.
+ */
+static __always_inline int quor_list_tail_has(struct list_head *head, __u64 member_offset,
+                                              pid_t child)
+{
+    struct list_head *node = BPF_CORE_READ(head, prev);
+    for (int i = 0; i < QUOR_FORK_LIST_DEPTH; i++) {
+        if (!node || node == head) return 0;
+        struct task_struct *task = (void *)node - member_offset;
+        if (BPF_CORE_READ(task, pid) == child) return 1;
+        node = BPF_CORE_READ(node, prev);
+    }
+    return 0;
+}
+
+/*
+ * Runs in the parent's context after copy_process() linked the child: a new
+ * thread sits at the tail of the parent's thread-group list, a new process
+ * at the tail of the parent's children. A thread is looked for first (it is
+ * the cheaper list and the commoner case). Residual race: when more than
+ * QUOR_FORK_LIST_DEPTH tasks were linked into the same list after the child
+ * before this programme ran, the child is found in neither list; it is then
+ * reported as a process with parent pid 0, and the service asks procfs.
+ */
+SEC("tracepoint/sched/sched_process_fork")
+int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx)
+{
+    if (!quor_gate(1)) return 0;
+
+    pid_t child = ctx->child_pid;
+    struct task_struct *parent = (struct task_struct *)bpf_get_current_task();
+    __s32 parent_tgid = quor_current_tgid();
+    __u32 kind;
+    __s32 pid;
+    __s32 ppid;
+
+    struct signal_struct *signal = BPF_CORE_READ(parent, signal);
+    if (signal && quor_list_tail_has(&signal->thread_head,
+                                     bpf_core_field_offset(struct task_struct, thread_node), child)) {
+        kind = QUOR_TASK_KIND_THREAD;
+        pid = parent_tgid;
+        ppid = 0; /* not looked up for threads: the process's parent is already known */
+    } else {
+        kind = QUOR_TASK_KIND_PROCESS;
+        pid = child;
+        ppid = quor_list_tail_has(&parent->children,
+                                  bpf_core_field_offset(struct task_struct, sibling), child)
+                   ? parent_tgid
+                   : 0;
+    }
+
+    struct quor_fork_record *rec = QUOR_RESERVE(quor_fork_record, QUOR_EVENT_TASK_CREATE);
+    if (!rec) return 0;
+    rec->ppid = ppid;
+    rec->pid = pid;
+    rec->tid = child;
+    /* copy_process() gave the child the parent's comm. */
+    bpf_get_current_comm(rec->comm, sizeof(rec->comm));
+    rec->kind = kind;
+    QUOR_SUBMIT(rec);
+    return 0;
+}
+
+/*
+ * Every task's exit. The pid is always the process id; a process exit (kind
+ * 1) is written once, by the last task of the group, with the group
+ * leader's comm, which names the process even when a worker thread dies last.
+ */
+SEC("tracepoint/sched/sched_process_exit")
+int sched_sched_process_exit(void *ctx)
+{
+    if (!quor_gate(1)) return 0;
+
+    __u64 pid_tgid = bpf_get_current_pid_tgid();
+    __s32 tgid = (__s32)(pid_tgid >> 32);
+    int group_dead = quor_exit_is_group_dead(ctx);
+
+    /* Lookups first: they take no lock, and most processes have no entry. */
+    if (group_dead && bpf_map_lookup_elem(&open_fd_caller_map, &tgid))
+        (void)bpf_map_delete_elem(&open_fd_caller_map, &tgid);
+    if (group_dead && bpf_map_lookup_elem(&rss_last_map, &tgid))
+        (void)bpf_map_delete_elem(&rss_last_map, &tgid);
+
+    struct quor_exit_record *rec = QUOR_RESERVE(quor_exit_record, QUOR_EVENT_TASK_EXIT);
+    if (!rec) return 0;
+    rec->pid = tgid;
+    bpf_get_current_comm(rec->comm, sizeof(rec->comm));
+    rec->kind = group_dead ? QUOR_TASK_KIND_PROCESS : QUOR_TASK_KIND_THREAD;
+    if (group_dead && (__s32)(__u32)pid_tgid != tgid) {
+        /* A worker thread died last: name the process by its leader. */
+        struct task_struct *task = (struct task_struct *)bpf_get_current_task();
+        struct task_struct *leader = BPF_CORE_READ(task, group_leader);
+        if (leader) (void)BPF_CORE_READ_STR_INTO(&rec->comm, leader, comm);
+    }
+    QUOR_SUBMIT(rec);
+    return 0;
+}
+
+/*
+ * The tracepoint fires on every change of an mm counter, a page at a time
+ * under a page-fault storm, so the kernel filters: a record is written only
+ * when a counter has moved QUOR_RSS_MIN_DELTA bytes from the value last
+ * reported for it (each record carries the absolute size, so nothing is lost
+ * but precision below the step). Changes made by another context (curr 0)
+ * are attributed through rss_mm_owner_map and dropped once the process has
+ * exited, which drops the page-by-page teardown of a dying address space.
+ */
+SEC("tracepoint/kmem/rss_stat")
+int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
+{
+    if (!quor_gate(0)) return 0;
+
+    int member = ctx->member;
+    if (member < 0 || member > QUOR_RSS_SHMEM) return 0;
+    __s64 size = ctx->size;
+    __u32 mm_id = ctx->mm_id;
+    __s32 tgid;
+
+    if (ctx->curr) {
+        tgid = quor_current_tgid();
+        __s32 *owner = bpf_map_lookup_elem(&rss_mm_owner_map, &mm_id);
+        if (!owner || *owner != tgid) (void)bpf_map_update_elem(&rss_mm_owner_map, &mm_id, &tgid, BPF_ANY);
+    } else {
+        __s32 *owner = bpf_map_lookup_elem(&rss_mm_owner_map, &mm_id);
+        if (!owner) return 0;
+        tgid = *owner;
+    }
+
+    struct quor_rss_last *last = bpf_map_lookup_elem(&rss_last_map, &tgid);
+    if (!last) {
+        if (!ctx->curr) return 0;
+        struct quor_rss_last zero = {};
+        (void)bpf_map_update_elem(&rss_last_map, &tgid, &zero, BPF_NOEXIST);
+        last = bpf_map_lookup_elem(&rss_last_map, &tgid);
+        if (!last) return 0;
+    }
+
+    __s64 delta = size - last->size[member & 3];
+    if (delta < 0) delta = -delta;
+    if (delta < QUOR_RSS_MIN_DELTA) return 0;
+
+    struct quor_rss_record *rec = QUOR_RESERVE(quor_rss_record, QUOR_EVENT_RSS_STAT);
+    if (!rec) return 0;
+    rec->pid = tgid;
+    rec->member = member;
+    rec->size = size;
+    QUOR_SUBMIT(rec);
+    last->size[member & 3] = size;
+    return 0;
+}
+
+/*
+ * Runs on every context switch, so in 63 of 64 runs it only counts the
+ * switch in a per-CPU slot (no clock read, no shared cache line); on the
+ * 64th it looks at the status word and the clock. Every QUOR_WAKEUP_GAP_NS at most it wakes the
+ * reader for records that a storm left unannounced (see quor_submit_flags),
+ * and at most once a second it copies the ring buffer's figures into the
+ * status map (keys 1 to 4), so that the service and a person reading the
+ * pinned map see how full the ring buffer runs even when nothing was lost.
+ */
+SEC("tracepoint/sched/sched_switch")
+int sched_sched_switch(void *ctx)
+{
+    __u32 key = 0;
+    __u64 *seen = bpf_map_lookup_elem(&switch_pace_map, &key);
+    if (!seen || (++*seen & (QUOR_SWITCH_PACE - 1)) != 0) return 0;
+
+    key = QUOR_STATUS_KEY_FLAGS;
+    __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!flags || !(*flags & QUOR_STATUS_CORE_ON)) return 0;
+
+    key = QUOR_STATUS_KEY_FLUSHED_NS;
+    __u64 *flushed = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!flushed) return 0;
+    __u64 now = bpf_ktime_get_ns();
+    if (now - *flushed < QUOR_WAKEUP_GAP_NS) return 0;
+    *flushed = now;
+    quor_flush_wakeup(now);
+
+    key = QUOR_STATUS_KEY_REFRESHED_NS;
+    __u64 *refreshed = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!refreshed || now - *refreshed < QUOR_STATUS_REFRESH_NS) return 0;
+    *refreshed = now;
+    quor_status_refresh();
+    return 0;
+}
+
+/*
+ * fd_install(fd, file): a process got a new descriptor. The per-process
+ * value counts installs on top of the seeded count and keeps the highest
+ * descriptor number; a record is written when that number enters a new
+ * block of QUOR_FD_REPORT_BLOCK, which follows a growing descriptor table
+ * (a leak) at one record per 64 descriptors and stays silent for a process
+ * that opens and closes at a steady level.
+ */
+SEC("kprobe/fd_install")
+int BPF_KPROBE(enter_fd_install, unsigned int fd)
+{
+    if (!quor_active()) return 0;
+
+    __s32 tgid = quor_current_tgid();
+    struct quor_open_fd_value *value = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
+    if (!value) {
+        struct quor_open_fd_value fresh = {};
+        fresh.pid = tgid;
+        bpf_get_current_comm(fresh.comm, sizeof(fresh.comm));
+        (void)bpf_map_update_elem(&open_fd_caller_map, &tgid, &fresh, BPF_NOEXIST);
+        value = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
+        if (!value) return 0;
+    }
+    __sync_fetch_and_add(&value->open_fds, 1);
+    __u64 old_max = value->max_fd;
+    if (fd <= old_max) return 0;
+    value->max_fd = fd;
+    if (fd / QUOR_FD_REPORT_BLOCK == old_max / QUOR_FD_REPORT_BLOCK) return 0;
+    if (!quor_gate(0)) return 0;
+
+    struct quor_fd_update_record *rec = QUOR_RESERVE(quor_fd_update_record, QUOR_EVENT_FD_UPDATE);
+    if (!rec) return 0;
+    rec->pid = tgid;
+    rec->fd = (__s32)fd;
+    rec->open_fds = value->open_fds;
+    bpf_get_current_comm(rec->comm, sizeof(rec->comm));
+    QUOR_SUBMIT(rec);
+    value->open_fds_again = value->open_fds;
+    return 0;
+}
