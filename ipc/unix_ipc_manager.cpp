@@ -70,7 +70,12 @@ UnixIpcManager::~UnixIpcManager() {
         std::lock_guard<std::mutex> lock(retryMutex);
         retryCv.notify_all();
     }
-    epollManager.reset();  // stops and joins the loop thread
+    // End the loop before the manager goes: its callbacks use it until then.
+    if (epollManager) {
+        epollManager->stop();
+        epollManager->join();
+    }
+    epollManager.reset();
     // Nothing runs on the sockets any more; release them so that the name can
     // be bound again and peers see the close.
     for (const int fd : connections) (void)close(fd);
