@@ -102,14 +102,9 @@ EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> in
 
 EpollManager::~EpollManager() {
     stop();
-    if (thread_.joinable()) {
-        // Destroyed from one of its own callbacks: the loop ends on its own.
-        if (thread_.get_id() == std::this_thread::get_id()) {
-            thread_.detach();
-        } else {
-            thread_.join();
-        }
-    }
+    join();
+    // Destroyed from one of its own callbacks: the loop ends on its own.
+    if (thread_.joinable()) thread_.detach();
     if (epollFd_ != -1) (void)close(epollFd_);
     if (controlFd_ != -1) (void)close(controlFd_);
     epollFd_ = -1;
@@ -147,6 +142,10 @@ bool EpollManager::stop() {
     if (controlFd_ == -1) return false;
     const uint64_t one = 1;
     return write(controlFd_, &one, sizeof(one)) == sizeof(one);
+}
+
+void EpollManager::join() {
+    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
 }
 
 bool EpollManager::addMonitorFd(int fd, EpollCallback callback) {

@@ -64,6 +64,9 @@ class EpollManager {
     bool start();
     // Ends the loop at its next wake-up (at once through the control fd).
     bool stop();
+    // Waits until the loop thread has ended (after stop()); a no-op on the
+    // loop thread itself or when no thread runs.
+    void join();
 
     bool addMonitorFd(int fd, EpollCallback callback);
     bool delMonitorFd(int fd);

@@ -70,7 +70,12 @@ UnixIpcManager::~UnixIpcManager() {
         std::lock_guard<std::mutex> lock(retryMutex);
         retryCv.notify_all();
     }
-    epollManager.reset();  // stops and joins the loop thread
+    // End the loop before the manager goes: its callbacks use it until then.
+    if (epollManager) {
+        epollManager->stop();
+        epollManager->join();
+    }
+    epollManager.reset();
     // Nothing runs on the sockets any more; release them so that the name can
     // be bound again and peers see the close.
     for (const int fd : connections) (void)close(fd);
@@ -355,26 +360,33 @@ int UnixIpcManager::onCommWriteCallback(epoll_event event) {
     }
     std::lock_guard<std::mutex> lock(channel->mutex);
     BufferState* state = &channel->state;
-    // Bytes of a stalled send go out before anything new is filled in behind
-    // them; a frame is never cut.
-    const bool stalled = channel->lastTryAtMs != 0 && state->bufferCursor < state->bufferDataCursor;
-    if (!stalled) {
-        state->bufferCursor = 0;
-        state->bufferDataCursor = 0;
-        if (handlerState.writeHandler && handlerState.writeHandler(fd, state) == -1) {
-            QLOGE(name.c_str(),
-                  "[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno,
+    // Batches are filled and sent until the owner has nothing more or the
+    // socket is full: one wake-up moves as much as the peer can take, and a
+    // drained connection gives up write interest at once.
+    for (;;) {
+        // Bytes of a stalled send go out before anything new is filled in
+        // behind them; a frame is never cut.
+        const bool stalled =
+            channel->lastTryAtMs != 0 && state->bufferCursor < state->bufferDataCursor;
+        if (!stalled) {
+            state->bufferCursor = 0;
+            state->bufferDataCursor = 0;
+            if (handlerState.writeHandler && handlerState.writeHandler(fd, state) == -1) {
+                QLOGE(name.c_str(),
+                      "[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno,
+                      strerror(errno));
+                return -1;
+            }
+            if (state->bufferCursor == state->bufferDataCursor) return -3;
+        }
+        if (!ensureDataSend(fd, channel)) {
+            QLOGE(name.c_str(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", errno,
                   strerror(errno));
             return -1;
         }
-        if (state->bufferCursor == state->bufferDataCursor) return -3;
+        // The rest waits for the socket to drain (or for the last try).
+        if (state->bufferCursor < state->bufferDataCursor) return 0;
     }
-    if (!ensureDataSend(fd, channel)) {
-        QLOGE(name.c_str(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", errno,
-              strerror(errno));
-        return -1;
-    }
-    return 0;
 }
 
 bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {

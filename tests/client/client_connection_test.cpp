@@ -1,0 +1,215 @@
+// The client library against a small server of the same protocol that can be
+// stopped and started again, in a private network namespace.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ipc/ipc_package_handler.h"
+#include "ipc/ipc_package_manager.h"
+#include "ipc/unix_ipc_manager.h"
+#include "quor/quorbpf_client.h"
+#include "tests/support/raw_ipc_client.h"
+
+using namespace Quor::Bpf;
+using quortest::WaitFor;
+
+namespace {
+
+constexpr const char* kSocket = "quor-client-test";
+constexpr uint32_t kSilentCommand = 99;  // the server never answers it
+
+// Subscriptions by request; answers 0 for subscribe and unsubscribe, -1 for
+// other commands, nothing for kSilentCommand.
+class SubscriptionServer {
+  public:
+    SubscriptionServer() {
+        handler_ = std::make_unique<IpcPackageHandler>(
+            std::map<unsigned int, IpcPackageHandler::PackageCallback>{
+                {0,
+                 [this](int fd, char* body, long length) { return onRequest(fd, body, length); }}});
+        IpcHandlerState handlers;
+        handlers.keepUnusedBytes = true;
+        handlers.closeOnReadFailure = true;
+        handlers.readHandler = [this](int fd, BufferState* buffer) {
+            return handler_->handleAllIpcPackageInBuffer(fd, buffer) ? 0 : -1;
+        };
+        handlers.writeHandler = [this](int fd, BufferState* buffer) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            auto client = clients_.find(fd);
+            if (client != clients_.end()) {
+                while (client->second.queue->fillNextIpcPackageToBuffer(buffer)) {
+                }
+            }
+            return 0;
+        };
+        handlers.connectionHandler = [this](int fd) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            clients_[fd].queue = std::make_unique<IpcPackageManager>();
+            return 0;
+        };
+        handlers.closeHandler = [this](int fd) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            clients_.erase(fd);
+            return 0;
+        };
+        server_ =
+            std::make_unique<UnixIpcManager>(true, 32768, kSocket, handlers, "TestServer", 4, 16);
+        server_->start();
+        WaitFor([this] { return server_->getSocketFd() != -1; });
+    }
+
+    void push(uint32_t type, std::string record) {
+        memcpy(&record[0], &type, 4);
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto& client : clients_) {
+            if (client.second.types.count(type) == 0) continue;
+            client.second.queue->buildAndAppendSecondIpcPackage(3, &record[0], record.size());
+            server_->notifyNeedWriteData(client.first);
+        }
+    }
+    size_t subscribers(uint32_t type) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        size_t count = 0;
+        for (auto& client : clients_) count += client.second.types.count(type);
+        return count;
+    }
+
+  private:
+    struct Client {
+        std::unique_ptr<IpcPackageManager> queue;
+        std::set<uint32_t> types;
+    };
+
+    int onRequest(int fd, char* body, long length) {
+        if (length < 16) return -1;
+        QuorRespIpcPackage resp = {};
+        resp.reqId = IpcReadU32(body);
+        const uint32_t command = IpcReadU32(body + 4);
+        const uint32_t type = IpcReadU32(body + 12);
+        if (command == kSilentCommand) return 0;
+        std::lock_guard<std::mutex> lock(mutex_);
+        Client& client = clients_[fd];
+        resp.status = -1;
+        if (command == 51) client.types.insert(type), resp.status = 0;
+        if (command == 52) client.types.erase(type), resp.status = 0;
+        client.queue->appendRespIpcPackage(&resp);
+        server_->notifyNeedWriteData(fd);
+        return 0;
+    }
+
+    std::mutex mutex_;
+    std::map<int, Client> clients_;
+    std::unique_ptr<IpcPackageHandler> handler_;
+    std::unique_ptr<UnixIpcManager> server_;
+};
+
+struct Events {
+    std::mutex mutex;
+    std::vector<std::pair<uint32_t, std::string>> received;
+
+    QuorBpfClient::EventCallback callback() {
+        return [this](uint32_t type, const uint8_t* data, size_t length) {
+            std::lock_guard<std::mutex> lock(mutex);
+            received.emplace_back(type, std::string(reinterpret_cast<const char*>(data), length));
+        };
+    }
+    size_t size() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return received.size();
+    }
+};
+
+QuorBpfClient::Options TestOptions() {
+    QuorBpfClient::Options options;
+    options.socketName = kSocket;
+    options.reconnectIntervalMs = 20;
+    return options;
+}
+
+// Status of a request, or INT32_MIN when it was not sent.
+int32_t Status(QuorBpfClient* client, uint32_t command, int32_t type) {
+    auto answer = std::make_shared<std::promise<int32_t>>();
+    auto future = answer->get_future();
+    if (!client->sendRequest(command, type,
+                             [answer](int32_t status) { answer->set_value(status); })) {
+        return INT32_MIN;
+    }
+    return future.wait_for(std::chrono::seconds(5)) == std::future_status::ready ? future.get()
+                                                                                 : INT32_MAX;
+}
+
+TEST(ClientConnectionTest, FirstConnectionHonoursItsTimeout) {
+    Events events;
+    QuorBpfClient client(events.callback(), TestOptions());
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_FALSE(client.connect(0));  // one attempt: "service not running"
+    EXPECT_FALSE(client.connect(150));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(3));
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_FALSE(client.subscribe(2));  // remembered for later
+
+    std::unique_ptr<SubscriptionServer> server;
+    std::thread starter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        server = std::make_unique<SubscriptionServer>();
+    });
+    const bool connected = client.connect(5000);  // the service starts meanwhile
+    starter.join();
+    ASSERT_TRUE(connected);
+    EXPECT_TRUE(client.isConnected());
+    // The type asked for while disconnected was subscribed on connection.
+    EXPECT_TRUE(WaitFor([&] { return server->subscribers(2) == 1; }));
+}
+
+TEST(ClientConnectionTest, ResubscribesAfterTheServerRestarts) {
+    auto server = std::make_unique<SubscriptionServer>();
+    Events events;
+    std::atomic<int> ups{0};
+    std::atomic<int> downs{0};
+    QuorBpfClient client(events.callback(), TestOptions());
+    client.setConnectionCallback([&](bool up) { (up ? ups : downs).fetch_add(1); });
+    ASSERT_TRUE(client.connect(2000));
+    ASSERT_EQ(Status(&client, QUOR_BPF_COMMAND_SUBSCRIBE, 2), 0);
+    ASSERT_EQ(Status(&client, QUOR_BPF_COMMAND_SUBSCRIBE, 3), 0);
+    ASSERT_EQ(Status(&client, QUOR_BPF_COMMAND_UNSUBSCRIBE, 3), 0);
+    // Through subscribe() the types are remembered for later connections.
+    std::promise<int32_t> answered;
+    ASSERT_TRUE(client.subscribe(5, [&](int32_t status) { answered.set_value(status); }));
+    EXPECT_EQ(answered.get_future().get(), 0);
+    EXPECT_EQ(Status(&client, 1234, 2), -1);
+
+    // A request the server never answers is answered "disconnected" when the
+    // connection goes.
+    std::promise<int32_t> orphan;
+    ASSERT_TRUE(client.sendRequest(kSilentCommand, 0, [&](int32_t s) { orphan.set_value(s); }));
+    server.reset();
+    EXPECT_EQ(orphan.get_future().get(), QUOR_BPF_STATUS_DISCONNECTED);
+    ASSERT_TRUE(WaitFor([&] { return downs.load() == 1; }));
+    EXPECT_FALSE(client.isConnected());
+
+    server = std::make_unique<SubscriptionServer>();
+    ASSERT_TRUE(WaitFor([&] { return ups.load() == 2 && server->subscribers(5) == 1; }));
+    EXPECT_EQ(server->subscribers(2), 0u);  // only subscribe() is remembered
+    server->push(5, std::string(40, 'r'));
+    ASSERT_TRUE(WaitFor([&] { return events.size() == 1; }));
+    {
+        std::lock_guard<std::mutex> lock(events.mutex);
+        EXPECT_EQ(events.received[0].first, 5u);
+        EXPECT_EQ(events.received[0].second.size(), 40u);
+    }
+
+    client.disconnect();
+    EXPECT_EQ(downs.load(), 2);
+    EXPECT_TRUE(WaitFor([&] { return server->subscribers(5) == 0; }));
+    ASSERT_TRUE(client.connect(2000));  // and again, with the same subscriptions
+    EXPECT_TRUE(WaitFor([&] { return server->subscribers(5) == 1; }));
+}
+
+}  // namespace

@@ -1,0 +1,86 @@
+// Decoding received records: whole records of known bytes, truncated ones,
+// and bytes of another type.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "quor/quorbpf_event_views.h"
+
+using namespace Quor::Bpf;
+
+namespace {
+
+std::string Bytes(const void* record, size_t size) {
+    return std::string(static_cast<const char*>(record), size);
+}
+
+TEST(EventViewsTest, DecodesEveryFieldOfAWholeRecord) {
+    quor_fork_record fork = {};
+    fork.header.type = QUOR_EVENT_TASK_CREATE;
+    fork.header.timestamp_ns = 123456789;
+    fork.ppid = 1;
+    fork.pid = 200;
+    fork.tid = 201;
+    memcpy(fork.comm, "0123456789abcdef", 16);  // a full comm has no NUL
+    fork.kind = QUOR_TASK_KIND_THREAD;
+    const std::string bytes = Bytes(&fork, sizeof(fork));
+
+    const QuorForkView view(bytes.data() + 0, bytes.size());
+    ASSERT_TRUE(view);
+    EXPECT_EQ(view->pid, 200);
+    EXPECT_EQ(QuorCommString(view->comm), "0123456789abcdef");
+    EXPECT_EQ(QuorFormatEvent(QUOR_EVENT_TASK_CREATE, bytes.data(), bytes.size()),
+              "sched_task_create ts=123456789 ppid=1 pid=200 tid=201 comm=0123456789abcdef "
+              "kind=thread");
+
+    quor_rss_change_event rss = {};
+    rss.id = QUOR_SERVICE_RSS_CHANGE;
+    rss.pid = 7;
+    memcpy(rss.comm, "app", 3);
+    rss.rss_anon = 4096;
+    rss.old_rss_shmem = -1;
+    const std::string composed = Bytes(&rss, sizeof(rss));
+    EXPECT_EQ(QuorFormatEvent(QUOR_SERVICE_RSS_CHANGE, composed.data(), composed.size()),
+              "rss_change pid=7 ppid=0 uid=0 comm=app rss_file=0 rss_anon=4096 swap=0 "
+              "rss_shmem=0 old_rss_file=0 old_rss_anon=0 old_swap=0 old_rss_shmem=-1");
+
+    quor_cgroup_attach_record cgroup = {};
+    cgroup.header.type = QUOR_EVENT_CGROUP_ATTACH;
+    memset(cgroup.cgroup, 'c', sizeof(cgroup.cgroup));  // cut path, no NUL
+    const std::string path = Bytes(&cgroup, sizeof(cgroup));
+    EXPECT_EQ(QuorFieldString(QuorCgroupAttachView(path.data(), path.size())->cgroup),
+              std::string(64, 'c'));
+}
+
+TEST(EventViewsTest, RefusesShortOrForeignBytes) {
+    for (uint32_t type : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 50001u, 50002u, 50003u, 50004u}) {
+        SCOPED_TRACE(type);
+        const size_t size = QuorRecordSize(type);
+        ASSERT_GT(size, 0u);
+        ASSERT_NE(QuorEventName(type), nullptr);
+        EXPECT_EQ(QuorEventTypeByName(QuorEventName(type)), type);
+        // The record sits at the very end of a buffer: a decoder that read
+        // one byte too far would leave it (and ASan would say so).
+        std::string whole(size, '\0');
+        memcpy(&whole[0], &type, 4);
+        for (size_t cut = 0; cut < size; ++cut) {
+            const std::string truncated = whole.substr(0, cut);
+            const std::string text = QuorFormatEvent(type, truncated.data(), truncated.size());
+            EXPECT_NE(text.find(cut < 4 ? "type mismatch" : "truncated"), std::string::npos)
+                << text;
+        }
+        EXPECT_EQ(QuorFormatEvent(type, whole.data(), whole.size()).find(QuorEventName(type)), 0u);
+    }
+    quor_exit_record exitRecord = {};
+    exitRecord.header.type = QUOR_EVENT_TASK_EXIT;
+    const std::string bytes = Bytes(&exitRecord, sizeof(exitRecord));
+    EXPECT_FALSE(QuorForkView(bytes.data(), bytes.size()));  // another type
+    EXPECT_FALSE(QuorExitView(bytes.data(), bytes.size() - 1));
+    EXPECT_EQ(QuorExitView(bytes.data(), bytes.size() - 1)->pid, 0);  // zeros when invalid
+    EXPECT_EQ(QuorFormatEvent(42, bytes.data(), bytes.size()), "unknown type 42 (40 bytes)");
+    EXPECT_EQ(QuorFormatEvent(QUOR_EVENT_TASK_CREATE, bytes.data(), bytes.size()),
+              "sched_task_create type mismatch (record says 3, 40 bytes)");
+    EXPECT_EQ(QuorEventTypeByName("nonsense"), -1);
+}
+
+}  // namespace

@@ -1,0 +1,218 @@
+// Frames, package queues, dispatch and response pairing, without sockets.
+// Runs in private namespaces: the fault records go to /data.
+#include "ipc/ipc_package.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "ipc/ipc_package_handler.h"
+#include "ipc/ipc_package_manager.h"
+#include "ipc/ipc_req_callback_manager.h"
+#include "tests/support/raw_ipc_client.h"
+
+using quortest::Frame;
+using quortest::RawFrame;
+
+namespace {
+
+constexpr const char* kErrorLog = "/data/quorlog/stability/quorbpfframework/error.log";
+
+int ErrorRecords(int code) {
+    std::ifstream in(kErrorLog);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string needle = "ErrorCode: " + std::to_string(code) + "\n";
+    int count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// A buffer of `size` bytes holding `bytes` from its start.
+struct Buffer {
+    explicit Buffer(const std::string& bytes, int64_t size = 4096) : storage(size, '\0') {
+        memcpy(&storage[0], bytes.data(), bytes.size());
+        state = BufferState{0, static_cast<int64_t>(bytes.size()), size, &storage[0]};
+    }
+    std::string storage;
+    BufferState state;
+};
+
+class IpcPackageTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(
+            system("rm -rf /data/quorlog && mkdir -p /data/quorlog/stability/quorbpfframework"), 0);
+    }
+};
+
+TEST_F(IpcPackageTest, CompletenessAndDamage) {
+    long header = 0;
+    long size = -7;
+    Buffer seven(std::string(7, '\0'));
+    EXPECT_FALSE(CheckIpcPackageComplete(&seven.state, &header, &size));
+    EXPECT_EQ(header, 8);
+    EXPECT_EQ(size, -7);  // not written before the length is whole
+
+    Buffer empty(RawFrame(0, ""));
+    EXPECT_TRUE(CheckIpcPackageComplete(&empty.state, &header, &size));
+    EXPECT_EQ(size, 0);
+
+    // A frame exactly as large as the buffer fits; one byte more never can.
+    Buffer exact(RawFrame(56, std::string(56, 'x')), 64);
+    EXPECT_TRUE(CheckIpcPackageComplete(&exact.state, &header, &size));
+    EXPECT_EQ(ErrorRecords(2), 0);
+    for (const int64_t length : {int64_t{57}, int64_t{-1}, INT64_MIN, INT64_MAX - 4}) {
+        SCOPED_TRACE(length);
+        Buffer damaged(RawFrame(length, std::string(20, 'd')), 64);
+        damaged.state.bufferCursor = 0;
+        EXPECT_FALSE(CheckIpcPackageComplete(&damaged.state, &header, &size));
+        EXPECT_EQ(damaged.state.bufferCursor, 0);
+        EXPECT_EQ(damaged.state.bufferDataCursor, 0);  // everything buffered is dropped
+    }
+    EXPECT_EQ(ErrorRecords(2), 4);
+}
+
+TEST_F(IpcPackageTest, SaveUnuseBufferKeepsOnlyPendingBytes) {
+    Buffer buffer("abcdefgh");
+    buffer.state.bufferCursor = 5;
+    SaveUnuseBuffer(&buffer.state);
+    EXPECT_EQ(buffer.state.bufferCursor, 0);
+    EXPECT_EQ(buffer.state.bufferDataCursor, 3);
+    EXPECT_EQ(buffer.storage.substr(0, 3), "fgh");
+
+    buffer.state.bufferCursor = 3;  // all consumed
+    SaveUnuseBuffer(&buffer.state);
+    EXPECT_EQ(buffer.state.bufferDataCursor, 0);
+
+    buffer.state.bufferCursor = 9;  // inconsistent: emptied
+    buffer.state.bufferDataCursor = 2;
+    SaveUnuseBuffer(&buffer.state);
+    EXPECT_EQ(buffer.state.bufferCursor, 0);
+    EXPECT_EQ(buffer.state.bufferDataCursor, 0);
+}
+
+TEST_F(IpcPackageTest, HandlerDispatchesWholePackagesOnly) {
+    std::vector<std::string> bodies;
+    IpcPackageHandler handler({{3,
+                                [&](int fd, char* body, long length) {
+                                    EXPECT_EQ(fd, 7);
+                                    bodies.emplace_back(body, length);
+                                    return length == 4 && memcmp(body, "FAIL", 4) == 0 ? -1 : 0;
+                                }},
+                               {1, nullptr}});
+
+    // Two whole frames and half of a third: the cursor stops at the third.
+    const std::string third = Frame(3, "third");
+    Buffer buffer(Frame(3, "one") + Frame(1, "ignored") + Frame(99, "unknown") + Frame(3, "") +
+                  third.substr(0, 9));
+    EXPECT_TRUE(handler.handleAllIpcPackageInBuffer(7, &buffer.state));
+    EXPECT_EQ(bodies, (std::vector<std::string>{"one", ""}));
+    EXPECT_EQ(buffer.state.bufferDataCursor - buffer.state.bufferCursor, 9);
+
+    // A body length beyond its frame, and a package shorter than its header,
+    // are bad: reported without reading past the frame.
+    std::string lying;
+    quortest::PutU32(&lying, 3);
+    quortest::PutU32(&lying, 1000);
+    lying += "abcd";
+    for (const std::string& bad : {RawFrame(12, lying), RawFrame(4, "abcd")}) {
+        Buffer frame(bad + Frame(3, "after"));
+        EXPECT_FALSE(handler.handleAllIpcPackageInBuffer(7, &frame.state));
+        EXPECT_EQ(frame.state.bufferCursor, 0);  // left on the bad frame
+    }
+    Buffer failing(Frame(3, "FAIL") + Frame(3, "after"));
+    EXPECT_FALSE(handler.handleAllIpcPackageInBuffer(7, &failing.state));
+    EXPECT_EQ(bodies.back(), "FAIL");
+}
+
+TEST_F(IpcPackageTest, QueueOverflowDropsTheOldestHalfOnce) {
+    IpcPackageManager queue;
+    char record[4] = {1, 2, 3, 4};
+    for (int i = 0; i < 10000; ++i) {
+        memcpy(record, &i, 4);
+        ASSERT_TRUE(queue.buildAndAppendSecondIpcPackage(3, record, 4));
+    }
+    ASSERT_TRUE(queue.buildAndAppendSecondIpcPackage(3, record, 4));
+    EXPECT_EQ(queue.getIpcPackageCount(), 10001u);
+    EXPECT_EQ(ErrorRecords(4), 0);
+    int last = 10001;
+    memcpy(record, &last, 4);
+    ASSERT_TRUE(queue.buildAndAppendSecondIpcPackage(3, record, 4));
+    EXPECT_EQ(queue.getIpcPackageCount(), 5001u);
+    EXPECT_EQ(ErrorRecords(4), 1);
+    EXPECT_FALSE(queue.buildAndAppendSecondIpcPackage(4, record, 4));
+    EXPECT_EQ(queue.getIpcPackageCount(), 5001u);
+
+    // The 5001 oldest went: 5001 ... 9999, 9999 again and 10001 are left.
+    std::string storage(32768, '\0');
+    BufferState buffer{0, 0, 32768, &storage[0]};
+    ASSERT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
+    int first = 0;
+    memcpy(&first, &storage[16], 4);
+    EXPECT_EQ(first, 5001);
+}
+
+TEST_F(IpcPackageTest, FillingNeverCutsAFrame) {
+    std::string storage(64, '\0');
+    BufferState buffer{0, 0, 64, &storage[0]};
+    IpcPackageManager queue;
+    std::string body(48, 'b');  // package of 56 bytes: a frame of exactly 64
+    queue.buildAndAppendSecondIpcPackage(3, &body[0], body.size());
+    std::string small(8, 's');
+    queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
+
+    EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
+    EXPECT_EQ(buffer.bufferDataCursor, 64);
+    EXPECT_EQ(storage, Frame(3, body));
+    EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));  // no room: stays first
+    EXPECT_EQ(queue.getIpcPackageCount(), 1u);
+
+    buffer.bufferDataCursor = 0;
+    std::string tooBig(49, 'x');  // a 65-byte frame can never be sent
+    queue.buildAndAppendSecondIpcPackage(3, &tooBig[0], tooBig.size());
+    EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));   // the small one
+    EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));  // dropped
+    EXPECT_EQ(queue.getIpcPackageCount(), 0u);
+    EXPECT_EQ(ErrorRecords(8), 1);
+
+    // Filling in one go: as many whole frames as fit, in order.
+    buffer.bufferDataCursor = 0;
+    for (int i = 0; i < 5; ++i) queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
+    EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
+    EXPECT_EQ(buffer.bufferDataCursor, 48);  // three frames of 24 would not fit
+    EXPECT_EQ(queue.getIpcPackageCount(), 3u);
+}
+
+TEST_F(IpcPackageTest, ResponsesFindTheirRequestOnce) {
+    IpcReqCallBackManager requests;
+    EXPECT_EQ(requests.getReqId(), 0u);
+    EXPECT_EQ(requests.getReqId(), 1u);
+
+    std::vector<int> statuses;
+    EXPECT_TRUE(requests.addIpcReqCallBack(1, [&](unsigned id, int status, char*, unsigned size) {
+        EXPECT_EQ(id, 1u);
+        EXPECT_EQ(size, 0u);
+        statuses.push_back(status);
+        // A callback may issue the next request through the same manager.
+        requests.addIpcReqCallBack(requests.getReqId(), nullptr);
+        return 0;
+    }));
+    std::string body;
+    quortest::PutU32(&body, 1);
+    quortest::PutU32(&body, static_cast<uint32_t>(-1));
+    body.append(16, '\0');
+    auto* resp = reinterpret_cast<QuorRespIpcPackage*>(&body[0]);
+    EXPECT_TRUE(requests.handleReqCallBack(resp));
+    EXPECT_FALSE(requests.handleReqCallBack(resp));  // a second answer finds nobody
+    EXPECT_EQ(statuses, std::vector<int>{-1});
+    EXPECT_TRUE(requests.delIpcReq(2));
+    EXPECT_FALSE(requests.delIpcReq(2));
+}
+
+}  // namespace

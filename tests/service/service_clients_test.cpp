@@ -1,0 +1,356 @@
+// Clients of the running service: subscriptions, fan-out, hostile and stalled
+// peers. One service per process, started once through BpfServiceMain() in
+// private namespaces (its abstract socket, /data). The readiness property is
+// never set, so no kernel programme is involved: records enter through
+// EventManager::AppendEvent as the monitors would hand them over.
+#include <android-base/properties.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quor/bpf_service_main.h"
+#include "quor/quor_bpf_records.h"
+#include "quor/quorbpf_client.h"
+#include "service/event_manager.h"
+#include "tests/support/raw_ipc_client.h"
+
+using namespace Quor::Bpf;
+using namespace quortest;
+
+namespace {
+
+constexpr const char* kSocket = "/mnt/bpfframework/quorbpfdispatcher";
+constexpr const char* kErrorLog = "/data/quorlog/stability/quorbpfframework/error.log";
+
+// A record of `type` and `size` bytes whose bytes after the type carry `seq`.
+std::string Record(uint32_t type, uint32_t seq, size_t size = 48) {
+    std::string bytes(size, '\0');
+    memcpy(&bytes[0], &type, 4);
+    for (size_t i = 4; i + 4 <= size; i += 4) memcpy(&bytes[i], &seq, 4);
+    return bytes;
+}
+
+void Append(const std::string& record) {
+    std::string copy = record;
+    EventManager::GetInstance()->AppendEvent(&copy[0], copy.size());
+}
+
+bool ErrorLogHas(int code) {
+    std::ifstream in(kErrorLog);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return text.find("ErrorCode: " + std::to_string(code) + "\n") != std::string::npos;
+}
+
+// Collects what a library client receives.
+struct Received {
+    std::mutex mutex;
+    std::vector<std::string> records;
+
+    QuorBpfClient::EventCallback callback() {
+        return [this](uint32_t, const uint8_t* data, size_t len) {
+            std::lock_guard<std::mutex> lock(mutex);
+            records.emplace_back(reinterpret_cast<const char*>(data), len);
+        };
+    }
+    size_t size() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return records.size();
+    }
+    std::vector<std::string> snapshot() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return records;
+    }
+};
+
+// Sends a request through the library and waits for its status.
+int32_t Ask(QuorBpfClient* client, uint32_t command, int32_t type) {
+    auto answer = std::make_shared<std::promise<int32_t>>();
+    auto future = answer->get_future();
+    if (!client->sendRequest(command, type,
+                             [answer](int32_t status) { answer->set_value(status); })) {
+        return INT32_MIN;
+    }
+    if (future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) return INT32_MAX;
+    return future.get();
+}
+
+// Raw request; returns the response status (INT32_MIN when none came).
+int32_t RawAsk(RawIpcClient* client, uint32_t reqId, uint32_t command, int32_t type) {
+    if (!client->send(Request(reqId, command, type))) return INT32_MIN;
+    uint32_t packageType = 0;
+    std::string body;
+    if (!client->readFrame(&packageType, &body) || packageType != 1 || body.size() < 8) {
+        return INT32_MIN;
+    }
+    if (GetU32(body, 0) != reqId) return INT32_MIN;
+    return static_cast<int32_t>(GetU32(body, 4));
+}
+
+std::unique_ptr<QuorBpfClient> Connect(Received* received) {
+    auto client = std::make_unique<QuorBpfClient>(received->callback());
+    if (!client->connect(5000)) return nullptr;
+    return client;
+}
+
+class ServiceClientsTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework"), 0);
+        android::base::SetProperty("sys.quor_bpf_ready", "0");
+        ASSERT_EQ(BpfServiceMain(), 1);
+        // The server listens before the service is ready.
+        ASSERT_TRUE(WaitFor([] { return RawIpcClient(kSocket).connected(); }));
+    }
+};
+
+TEST_F(ServiceClientsTest, SubscribeReceiveUnsubscribeAndUnknownCommand) {
+    Received got;
+    auto client = Connect(&got);
+    ASSERT_NE(client, nullptr);
+
+    ASSERT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
+    ASSERT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_TASK_NEW), 0);
+    EXPECT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);  // twice
+    EXPECT_EQ(Ask(client.get(), 77, QUOR_EVENT_TASK_CREATE), -1);
+
+    const std::string fork = Record(QUOR_EVENT_TASK_CREATE, 1, sizeof(quor_fork_record));
+    const std::string other = Record(QUOR_EVENT_TASK_EXIT, 2);
+    const std::string composed = Record(QUOR_SERVICE_TASK_NEW, 3, sizeof(quor_task_new_event));
+    Append(fork);
+    Append(other);
+    Append(composed);
+    ASSERT_TRUE(WaitFor([&] { return got.size() == 2; }));
+    // The subscriber gets each of its records once, byte for byte, in order;
+    // a type it did not ask for never arrives.
+    EXPECT_EQ(got.snapshot(), (std::vector<std::string>{fork, composed}));
+
+    ASSERT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
+    EXPECT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_DMABUF_SIZE), 0);
+    Append(fork);
+    Append(composed);  // still subscribed: marks the end of what may arrive
+    ASSERT_TRUE(WaitFor([&] { return got.size() == 3; }));
+    EXPECT_EQ(got.snapshot().back(), composed);
+}
+
+TEST_F(ServiceClientsTest, ResponseFrameLayoutAndShortRequestBody) {
+    RawIpcClient raw(kSocket);
+    ASSERT_TRUE(raw.connected());
+    ASSERT_TRUE(raw.send(Request(5, 51, QUOR_SERVICE_THREAD_CHANGE)));
+    std::string response;
+    ASSERT_TRUE(raw.readExact(40, &response));
+    std::string expected;
+    PutS64(&expected, 32);
+    PutU32(&expected, 1);   // response
+    PutU32(&expected, 24);  // body length
+    PutU32(&expected, 5);   // request id
+    PutU32(&expected, 0);   // status
+    expected.append(16, '\0');
+    EXPECT_EQ(response, expected);
+
+    // Twelve body bytes cannot hold the event type: refused, nothing changes.
+    std::string shortBody;
+    PutU32(&shortBody, 6);
+    PutU32(&shortBody, 52);
+    PutU32(&shortBody, 4);
+    ASSERT_TRUE(raw.send(Frame(0, shortBody)));
+    uint32_t type = 0;
+    std::string body;
+    ASSERT_TRUE(raw.readFrame(&type, &body));
+    EXPECT_EQ(type, 1u);
+    EXPECT_EQ(GetU32(body, 0), 6u);
+    EXPECT_EQ(static_cast<int32_t>(GetU32(body, 4)), -1);
+    EXPECT_EQ(EventManager::GetInstance()->GetEventObservers(QUOR_SERVICE_THREAD_CHANGE).size(),
+              1u);
+}
+
+TEST_F(ServiceClientsTest, HostileFramesNeverDisturbAnotherClientsStream) {
+    constexpr int32_t kType = QUOR_EVENT_CGROUP_ATTACH;
+    Received got;
+    auto victim = Connect(&got);
+    ASSERT_NE(victim, nullptr);
+    ASSERT_EQ(Ask(victim.get(), QUOR_BPF_COMMAND_SUBSCRIBE, kType), 0);
+
+    std::string innerTooLong;  // body length 1000 in a 16-byte package
+    PutU32(&innerTooLong, 0);
+    PutU32(&innerTooLong, 1000);
+    innerTooLong.append(8, 'x');
+    const std::vector<std::string> attacks = {
+        RawFrame(-16, std::string(64, 'n')),        // negative length
+        RawFrame(INT64_MAX, std::string(64, 'h')),  // can never fit
+        RawFrame(int64_t{1} << 40, "huge"),
+        RawFrame(4, "tiny"),  // shorter than a package header
+        RawFrame(16, innerTooLong),
+        RawFrame(100, std::string(50, 't')),  // truncated, then gone
+        Request(1, 51, kType) + RawFrame(8, std::string(8, '\xff')) + RawFrame(-1, ""),
+        std::string(3000, '\xa5'),
+    };
+    std::atomic<bool> producing{true};
+    std::atomic<int> rounds{0};
+    std::thread hostile([&] {
+        while (producing.load()) {
+            for (const std::string& attack : attacks) {
+                RawIpcClient raw(kSocket);
+                raw.send(attack);
+                // A request behind it shows when the service has dealt with
+                // the attack (answered, or closed the connection). One
+                // attacker also subscribed before its bad package: it gets
+                // records while it lives, and its removal must not upset the
+                // fan-out.
+                raw.send(Request(9, 52, QUOR_EVENT_TASK_INIT));
+                uint32_t type = 0;
+                std::string body;
+                (void)raw.readFrame(&type, &body, 200);
+            }
+            rounds.fetch_add(1);
+        }
+    });
+
+    uint32_t kRecords = 0;
+    while (rounds.load() < 2 || kRecords < 3000) {
+        Append(Record(kType, kRecords++, sizeof(quor_cgroup_attach_record)));
+        if (kRecords % 20 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    const bool all = WaitFor([&] { return got.size() >= kRecords; }, std::chrono::seconds(20));
+    producing.store(false);
+    hostile.join();
+    ASSERT_TRUE(all) << got.size() << " of " << kRecords;
+
+    const std::vector<std::string> records = got.snapshot();
+    ASSERT_EQ(records.size(), kRecords);
+    for (uint32_t seq = 0; seq < kRecords; ++seq) {
+        ASSERT_EQ(records[seq], Record(kType, seq, sizeof(quor_cgroup_attach_record))) << seq;
+    }
+    EXPECT_TRUE(ErrorLogHas(2));  // the damaged frames were recorded
+    // Every hostile subscriber is gone again; the victim is the one left.
+    EXPECT_TRUE(
+        WaitFor([&] { return EventManager::GetInstance()->GetEventObservers(kType).size() == 1; }));
+    EXPECT_EQ(Ask(victim.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_RSS_CHANGE), 0);
+}
+
+TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
+    constexpr int32_t kOldType = QUOR_EVENT_FD_UPDATE;
+    constexpr int32_t kNewType = QUOR_EVENT_DMABUF_UPDATE;
+    for (const bool badPackage : {false, true}) {
+        SCOPED_TRACE(badPackage ? "closed for a bad package" : "closed by the peer");
+        auto before = EventManager::GetInstance()->GetEventObservers(kOldType);
+        std::vector<int> oldFds;
+        {
+            RawIpcClient first(kSocket);
+            ASSERT_EQ(RawAsk(&first, 1, 51, kOldType), 0);
+            auto after = EventManager::GetInstance()->GetEventObservers(kOldType);
+            ASSERT_EQ(after.size(), before.size() + 1);
+            oldFds = after;
+            if (badPackage) {
+                ASSERT_TRUE(first.send(RawFrame(4, "bad!")));
+                ASSERT_TRUE(first.waitClosed());
+            }
+        }
+        ASSERT_TRUE(WaitFor(
+            [&] { return EventManager::GetInstance()->GetEventObservers(kOldType) == before; }));
+        const int oldFd = oldFds.back();
+
+        RawIpcClient second(kSocket);
+        ASSERT_EQ(RawAsk(&second, 2, 51, kNewType), 0);
+        const auto newFds = EventManager::GetInstance()->GetEventObservers(kNewType);
+        ASSERT_FALSE(newFds.empty());
+        EXPECT_EQ(newFds.back(), oldFd) << "the descriptor number was not reused";
+
+        Append(Record(kOldType, 1));
+        Append(Record(kNewType, 2));
+        uint32_t type = 0;
+        std::string body;
+        ASSERT_TRUE(second.readFrame(&type, &body));
+        EXPECT_EQ(type, 3u);
+        EXPECT_EQ(body, Record(kNewType, 2));
+        ASSERT_EQ(RawAsk(&second, 3, 52, kNewType), 0);
+    }
+}
+
+TEST_F(ServiceClientsTest, ManyClientsEachReceiveEveryRecord) {
+    constexpr int kClients = 24;
+    constexpr uint32_t kRecords = 400;
+    std::vector<std::unique_ptr<Received>> got;
+    std::vector<std::unique_ptr<QuorBpfClient>> clients;
+    for (int i = 0; i < kClients; ++i) {
+        got.push_back(std::make_unique<Received>());
+        clients.push_back(Connect(got.back().get()));
+        ASSERT_NE(clients.back(), nullptr);
+        ASSERT_EQ(Ask(clients.back().get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_RSS_STAT), 0);
+    }
+    for (uint32_t seq = 0; seq < kRecords; ++seq) Append(Record(QUOR_EVENT_RSS_STAT, seq, 32));
+    for (int i = 0; i < kClients; ++i) {
+        ASSERT_TRUE(WaitFor([&] { return got[i]->size() == kRecords; })) << i;
+        const auto records = got[i]->snapshot();
+        for (uint32_t seq = 0; seq < kRecords; ++seq) {
+            ASSERT_EQ(records[seq], Record(QUOR_EVENT_RSS_STAT, seq, 32));
+        }
+    }
+}
+
+TEST_F(ServiceClientsTest, StalledReaderLosesItsBacklogWithoutStallingOthers) {
+    constexpr int32_t kStalledType = QUOR_EVENT_DMABUF_SIZE;
+    constexpr int32_t kTickType = QUOR_EVENT_DMABUF_UPDATE;
+    RawIpcClient stalled(kSocket);
+    ASSERT_EQ(RawAsk(&stalled, 1, 51, kStalledType), 0);  // and never reads again
+
+    // Another client receives a steady tick throughout and notes when each
+    // one arrives.
+    std::mutex mutex;
+    std::vector<std::string> ticks;
+    std::vector<std::chrono::steady_clock::time_point> arrivals;
+    QuorBpfClient reader([&](uint32_t, const uint8_t* data, size_t len) {
+        std::lock_guard<std::mutex> lock(mutex);
+        ticks.emplace_back(reinterpret_cast<const char*>(data), len);
+        arrivals.push_back(std::chrono::steady_clock::now());
+    });
+    ASSERT_TRUE(reader.connect(5000));
+    ASSERT_EQ(Ask(&reader, QUOR_BPF_COMMAND_SUBSCRIBE, kTickType), 0);
+    std::atomic<bool> ticking{true};
+    std::atomic<uint32_t> sent{0};
+    std::thread ticker([&] {
+        while (ticking.load()) {
+            Append(Record(kTickType, sent.fetch_add(1)));
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+
+    // Far more than its socket holds. Once the socket is full the rest waits
+    // in the queue; one last read makes room, and the socket thread then
+    // runs into a full socket with most of the backlog still to send: ten
+    // EAGAINs, a last try a second later, and the unsent bytes are dropped.
+    for (uint32_t seq = 0; seq < 24; ++seq) Append(Record(kStalledType, seq, 30000));
+    ASSERT_TRUE(WaitFor([&] { return stalled.drainAvailable() > 0; }));
+    EXPECT_TRUE(WaitFor([] { return ErrorLogHas(1); }));
+    // Its queue keeps growing until the oldest half is dropped.
+    for (uint32_t seq = 0; seq < 10100; ++seq) Append(Record(kStalledType, seq));
+    EXPECT_TRUE(WaitFor([] { return ErrorLogHas(4); }));
+
+    ticking.store(false);
+    ticker.join();
+    ASSERT_TRUE(WaitFor([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return ticks.size() == sent.load();
+    }));
+    std::chrono::milliseconds longestGap(0);
+    for (uint32_t seq = 0; seq < ticks.size(); ++seq) {
+        ASSERT_EQ(ticks[seq], Record(kTickType, seq));
+        if (seq == 0) continue;
+        longestGap = std::max(longestGap, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                              arrivals[seq] - arrivals[seq - 1]));
+    }
+    // A socket thread that waited out the stalled peer would show a gap of
+    // a second here.
+    EXPECT_LT(longestGap.count(), 800);
+}
+
+}  // namespace
