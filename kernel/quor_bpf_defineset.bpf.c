@@ -2,8 +2,8 @@
  * Programme set QuorBpfDefineset: the process life cycle and memory figures.
  *
  *   sched_sched_process_fork   fork records (type 2), process or thread
- *   sched_sched_process_exit   exit records (type 3), and retires the
- *                              per-process state of a process that ended
+ *   sched_sched_process_exit   exit records (type 3), and forgets the
+ *                              descriptor count of a process that ended
  *   kmem_rss_stat              rss records (type 1), filtered in the kernel
  *   sched_sched_switch         refreshes the status map's ring-buffer figures
  *                              at most once a second, nothing else
@@ -63,18 +63,6 @@ struct {
     __type(value, struct quor_rss_state);
     __uint(max_entries, 16384);
 } rss_state_map SEC(".maps");
-
-/*
- * Processes that have ended, so that the page-by-page teardown of their
- * address space (changes from another context, after the exit) is dropped.
- * Cleared when the pid starts a new address space.
- */
-struct {
-    __uint(type, BPF_MAP_TYPE_LRU_HASH);
-    __type(key, __s32);
-    __type(value, __u8);
-    __uint(max_entries, 4096);
-} rss_dead_map SEC(".maps");
 
 /* Context switches seen per CPU: the switch programme reads the clock only
  * on every QUOR_SWITCH_PACE-th switch. */
@@ -184,13 +172,9 @@ int sched_sched_process_exit(void *ctx)
     __s32 tgid = (__s32)(pid_tgid >> 32);
     int group_dead = quor_exit_is_group_dead(ctx);
 
-    /* Lookups first: they take no lock, and most processes have no entry. */
+    /* A lookup first: it takes no lock, and most processes have no entry. */
     if (group_dead && bpf_map_lookup_elem(&open_fd_caller_map, &tgid))
         (void)bpf_map_delete_elem(&open_fd_caller_map, &tgid);
-    if (group_dead) {
-        __u8 dead = 1;
-        (void)bpf_map_update_elem(&rss_dead_map, &tgid, &dead, BPF_ANY);
-    }
 
     struct quor_exit_record *rec = QUOR_RESERVE(quor_exit_record, QUOR_EVENT_TASK_EXIT);
     if (!rec) return 0;
@@ -213,9 +197,9 @@ int sched_sched_process_exit(void *ctx)
  * when a counter has moved QUOR_RSS_MIN_DELTA bytes from the value last
  * reported for it (each record carries the absolute size, so nothing is lost
  * but precision below the step). The common case costs one hash lookup.
- * Changes made by another context (curr 0) go to the address space's known
- * owner; once that owner has exited they are dropped, which drops the
- * page-by-page teardown of a dying address space.
+ * Changes made from another context (curr 0: reclaim, fork's page copies)
+ * go to the address space's known owner; those the owner makes itself after
+ * leaving the address space are its teardown (exit, exec) and are dropped.
  */
 SEC("tracepoint/kmem/rss_stat")
 int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
@@ -234,17 +218,13 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
             /* A new address space, or one the hash shares with another. */
             struct quor_rss_state fresh = {.tgid = tgid};
             (void)bpf_map_update_elem(&rss_state_map, &mm_id, &fresh, BPF_ANY);
-            (void)bpf_map_delete_elem(&rss_dead_map, &tgid);
             state = bpf_map_lookup_elem(&rss_state_map, &mm_id);
             if (!state) return 0;
         }
     } else {
-        if (!state) return 0;
-        __s32 owner = state->tgid;
-        if (bpf_map_lookup_elem(&rss_dead_map, &owner)) {
-            (void)bpf_map_delete_elem(&rss_state_map, &mm_id);
-            return 0;
-        }
+        /* The owner changing an address space it no longer runs on is
+         * tearing it down (exit, exec): not worth a record per page. */
+        if (!state || state->tgid == quor_current_tgid()) return 0;
     }
 
     __s64 delta = size - state->size[member & 3];
@@ -262,9 +242,9 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
 }
 
 /*
- * Runs on every context switch, so in 63 of 64 runs it only counts the
- * switch in a per-CPU slot (no clock read, no shared cache line); on the
- * 64th it looks at the status word and the clock. Every QUOR_WAKEUP_GAP_NS at most it wakes the
+ * Runs on every context switch, so in 63 of 64 runs it only reads the
+ * status word and counts the switch in a per-CPU slot (no clock read, no
+ * write to a shared cache line); on the 64th it reads the clock. Every QUOR_WAKEUP_GAP_NS at most it wakes the
  * reader for records that a storm left unannounced (see quor_submit_flags),
  * and at most once a second it copies the ring buffer's figures into the
  * status map (keys 1 to 4), so that the service and a person reading the
@@ -273,13 +253,13 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
 SEC("tracepoint/sched/sched_switch")
 int sched_sched_switch(void *ctx)
 {
-    __u32 key = 0;
-    __u64 *seen = bpf_map_lookup_elem(&switch_pace_map, &key);
-    if (!seen || (++*seen & (QUOR_SWITCH_PACE - 1)) != 0) return 0;
-
-    key = QUOR_STATUS_KEY_FLAGS;
+    __u32 key = QUOR_STATUS_KEY_FLAGS;
     __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!flags || !(*flags & QUOR_STATUS_CORE_ON)) return 0;
+
+    key = 0;
+    __u64 *seen = bpf_map_lookup_elem(&switch_pace_map, &key);
+    if (!seen || (++*seen & (QUOR_SWITCH_PACE - 1)) != 0) return 0;
 
     key = QUOR_STATUS_KEY_FLUSHED_NS;
     __u64 *flushed = bpf_map_lookup_elem(&ringbuf_status, &key);
