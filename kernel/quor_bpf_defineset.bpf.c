@@ -3,7 +3,7 @@
  *
  *   sched_sched_process_fork   fork records (type 2), process or thread
  *   sched_sched_process_exit   exit records (type 3), and forgets the
- *                              per-process state of a process that ended
+ *                              descriptor count of a process that ended
  *   kmem_rss_stat              rss records (type 1), filtered in the kernel
  *   sched_sched_switch         refreshes the status map's ring-buffer figures
  *                              at most once a second, nothing else
@@ -43,29 +43,26 @@ struct {
     __uint(max_entries, 32768);
 } open_fd_caller_map SEC(".maps");
 
-/* The sizes last reported in an rss record, per process (bytes). */
-struct quor_rss_last {
-    __s64 size[4];
+/*
+ * The rss filter's state per address space, keyed by the tracepoint's mm_id
+ * (a hashed pointer, stable for the life of the mm): the owning process,
+ * learnt whenever it changes its own counters, and the sizes last reported.
+ * One lookup serves both the owner's own changes and those made from another
+ * context (reclaim, fork's page copies, a process reading another's memory).
+ * Two live address spaces whose hashes collide share an entry: each takes it
+ * over in turn, which costs extra records, never wrong ones.
+ */
+struct quor_rss_state {
+    __s32 tgid;
+    __u32 reserved;
+    __s64 size[4]; /* bytes, as last reported */
 };
 struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
-    __type(key, __s32);
-    __type(value, struct quor_rss_last);
-    __uint(max_entries, 16384);
-} rss_last_map SEC(".maps");
-
-/*
- * Which process owns an address space, by the tracepoint's mm_id (a hashed
- * pointer, stable for the life of the mm). Learnt whenever a process changes
- * its own counters, used when another context changes them (reclaim,
- * fork's page copies, a process reading another's memory).
- */
-struct {
-    __uint(type, BPF_MAP_TYPE_LRU_HASH);
     __type(key, __u32);
-    __type(value, __s32);
+    __type(value, struct quor_rss_state);
     __uint(max_entries, 16384);
-} rss_mm_owner_map SEC(".maps");
+} rss_state_map SEC(".maps");
 
 /* Context switches seen per CPU: the switch programme reads the clock only
  * on every QUOR_SWITCH_PACE-th switch. */
@@ -96,13 +93,16 @@ struct {
  * forked concurrently by the same parent may have landed after it.
  */
 static __always_inline int quor_list_tail_has(struct list_head *head, __u64 member_offset,
-                                              pid_t child)
+                                              pid_t child, pid_t stop)
 {
     struct list_head *node = BPF_CORE_READ(head, prev);
     for (int i = 0; i < QUOR_FORK_LIST_DEPTH; i++) {
         if (!node || node == head) return 0;
         struct task_struct *task = (void *)node - member_offset;
-        if (BPF_CORE_READ(task, pid) == child) return 1;
+        pid_t pid = BPF_CORE_READ(task, pid);
+        if (pid == child) return 1;
+        /* Entries before `stop` are older than it; the child is not among them. */
+        if (pid == stop) return 0;
         node = BPF_CORE_READ(node, prev);
     }
     return 0;
@@ -130,8 +130,10 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx)
     __s32 ppid;
 
     struct signal_struct *signal = BPF_CORE_READ(parent, signal);
+    /* The forking thread is older than a thread it creates: the walk stops there. */
     if (signal && quor_list_tail_has(&signal->thread_head,
-                                     bpf_core_field_offset(struct task_struct, thread_node), child)) {
+                                     bpf_core_field_offset(struct task_struct, thread_node), child,
+                                     ctx->parent_pid)) {
         kind = QUOR_TASK_KIND_THREAD;
         pid = parent_tgid;
         ppid = 0; /* not looked up for threads: the process's parent is already known */
@@ -139,7 +141,7 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx)
         kind = QUOR_TASK_KIND_PROCESS;
         pid = child;
         ppid = quor_list_tail_has(&parent->children,
-                                  bpf_core_field_offset(struct task_struct, sibling), child)
+                                  bpf_core_field_offset(struct task_struct, sibling), child, 0)
                    ? parent_tgid
                    : 0;
     }
@@ -170,11 +172,9 @@ int sched_sched_process_exit(void *ctx)
     __s32 tgid = (__s32)(pid_tgid >> 32);
     int group_dead = quor_exit_is_group_dead(ctx);
 
-    /* Lookups first: they take no lock, and most processes have no entry. */
+    /* A lookup first: it takes no lock, and most processes have no entry. */
     if (group_dead && bpf_map_lookup_elem(&open_fd_caller_map, &tgid))
         (void)bpf_map_delete_elem(&open_fd_caller_map, &tgid);
-    if (group_dead && bpf_map_lookup_elem(&rss_last_map, &tgid))
-        (void)bpf_map_delete_elem(&rss_last_map, &tgid);
 
     struct quor_exit_record *rec = QUOR_RESERVE(quor_exit_record, QUOR_EVENT_TASK_EXIT);
     if (!rec) return 0;
@@ -196,9 +196,10 @@ int sched_sched_process_exit(void *ctx)
  * under a page-fault storm, so the kernel filters: a record is written only
  * when a counter has moved QUOR_RSS_MIN_DELTA bytes from the value last
  * reported for it (each record carries the absolute size, so nothing is lost
- * but precision below the step). Changes made by another context (curr 0)
- * are attributed through rss_mm_owner_map and dropped once the process has
- * exited, which drops the page-by-page teardown of a dying address space.
+ * but precision below the step). The common case costs one hash lookup.
+ * Changes made from another context (curr 0: reclaim, fork's page copies)
+ * go to the address space's known owner; those the owner makes itself after
+ * leaving the address space are its teardown (exit, exec) and are dropped.
  */
 SEC("tracepoint/kmem/rss_stat")
 int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
@@ -209,45 +210,41 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
     if (member < 0 || member > QUOR_RSS_SHMEM) return 0;
     __s64 size = ctx->size;
     __u32 mm_id = ctx->mm_id;
-    __s32 tgid;
 
+    struct quor_rss_state *state = bpf_map_lookup_elem(&rss_state_map, &mm_id);
     if (ctx->curr) {
-        tgid = quor_current_tgid();
-        __s32 *owner = bpf_map_lookup_elem(&rss_mm_owner_map, &mm_id);
-        if (!owner || *owner != tgid) (void)bpf_map_update_elem(&rss_mm_owner_map, &mm_id, &tgid, BPF_ANY);
+        __s32 tgid = quor_current_tgid();
+        if (!state || state->tgid != tgid) {
+            /* A new address space, or one the hash shares with another. */
+            struct quor_rss_state fresh = {.tgid = tgid};
+            (void)bpf_map_update_elem(&rss_state_map, &mm_id, &fresh, BPF_ANY);
+            state = bpf_map_lookup_elem(&rss_state_map, &mm_id);
+            if (!state) return 0;
+        }
     } else {
-        __s32 *owner = bpf_map_lookup_elem(&rss_mm_owner_map, &mm_id);
-        if (!owner) return 0;
-        tgid = *owner;
+        /* The owner changing an address space it no longer runs on is
+         * tearing it down (exit, exec): not worth a record per page. */
+        if (!state || state->tgid == quor_current_tgid()) return 0;
     }
 
-    struct quor_rss_last *last = bpf_map_lookup_elem(&rss_last_map, &tgid);
-    if (!last) {
-        if (!ctx->curr) return 0;
-        struct quor_rss_last zero = {};
-        (void)bpf_map_update_elem(&rss_last_map, &tgid, &zero, BPF_NOEXIST);
-        last = bpf_map_lookup_elem(&rss_last_map, &tgid);
-        if (!last) return 0;
-    }
-
-    __s64 delta = size - last->size[member & 3];
+    __s64 delta = size - state->size[member & 3];
     if (delta < 0) delta = -delta;
     if (delta < QUOR_RSS_MIN_DELTA) return 0;
 
     struct quor_rss_record *rec = QUOR_RESERVE(quor_rss_record, QUOR_EVENT_RSS_STAT);
     if (!rec) return 0;
-    rec->pid = tgid;
+    rec->pid = state->tgid;
     rec->member = member;
     rec->size = size;
     QUOR_SUBMIT(rec);
-    last->size[member & 3] = size;
+    state->size[member & 3] = size;
     return 0;
 }
 
 /*
- * Runs on every context switch, so in 63 of 64 runs it only counts the
- * switch in a per-CPU slot (no clock read, no shared cache line); on the
- * 64th it looks at the status word and the clock. Every QUOR_WAKEUP_GAP_NS at most it wakes the
+ * Runs on every context switch, so in 63 of 64 runs it only reads the
+ * status word and counts the switch in a per-CPU slot (no clock read, no
+ * write to a shared cache line); on the 64th it reads the clock. Every QUOR_WAKEUP_GAP_NS at most it wakes the
  * reader for records that a storm left unannounced (see quor_submit_flags),
  * and at most once a second it copies the ring buffer's figures into the
  * status map (keys 1 to 4), so that the service and a person reading the
@@ -256,13 +253,13 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
 SEC("tracepoint/sched/sched_switch")
 int sched_sched_switch(void *ctx)
 {
-    __u32 key = 0;
-    __u64 *seen = bpf_map_lookup_elem(&switch_pace_map, &key);
-    if (!seen || (++*seen & (QUOR_SWITCH_PACE - 1)) != 0) return 0;
-
-    key = QUOR_STATUS_KEY_FLAGS;
+    __u32 key = QUOR_STATUS_KEY_FLAGS;
     __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!flags || !(*flags & QUOR_STATUS_CORE_ON)) return 0;
+
+    key = 0;
+    __u64 *seen = bpf_map_lookup_elem(&switch_pace_map, &key);
+    if (!seen || (++*seen & (QUOR_SWITCH_PACE - 1)) != 0) return 0;
 
     key = QUOR_STATUS_KEY_FLUSHED_NS;
     __u64 *flushed = bpf_map_lookup_elem(&ringbuf_status, &key);

@@ -27,8 +27,7 @@ const std::set<std::string> kExpectedPins = {
     "map_QuorBpfDefineset_ringbuf_map",
     "map_QuorBpfDefineset_ringbuf_status",
     "map_QuorBpfDefineset_open_fd_caller_map",
-    "map_QuorBpfDefineset_rss_last_map",
-    "map_QuorBpfDefineset_rss_mm_owner_map",
+    "map_QuorBpfDefineset_rss_state_map",
     "map_QuorBpfDefineset_switch_pace_map",
     "prog_QuorBpfDefineset_tracepoint_sched_sched_switch",
     "prog_QuorBpfDefineset_tracepoint_sched_sched_process_exit",
@@ -103,8 +102,8 @@ TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContents) {
 
     QuorBpfLoadReport second;
     ASSERT_EQ(QuorBpfLoader::Load(QuorBpfLoader::Options(), &second), 0);
-    EXPECT_EQ(second.reused.size(), 13u);
-    EXPECT_EQ(second.pinned.size(), kExpectedPins.size() - 13);
+    EXPECT_EQ(second.reused.size(), 12u);
+    EXPECT_EQ(second.pinned.size(), kExpectedPins.size() - 12);
     fd = bpf_obj_get(mapPath.c_str());
     ASSERT_GE(fd, 0);
     quor_open_fd_value read = {};
