@@ -32,8 +32,12 @@ struct {
     __type(value, struct injector_state);
 } injector_state_map SEC(".maps");
 
+// bpf_loop hands the callback a stack pointer only, so the state is looked
+// up again per record (an array lookup is a few instructions).
 static long emit_one(__u64 index, void* ctx) {
-    struct injector_state* s = ctx;
+    __u32 key = 0;
+    struct injector_state* s = bpf_map_lookup_elem(&injector_state_map, &key);
+    if (!s) return 1;
     __u32 len = s->len;
     if (len < 16 || len > QUOR_INJECT_MAX_LEN) return 1;
     if (s->flags & QUOR_INJECT_STAMP_TIME) {
@@ -61,6 +65,6 @@ int inject(struct quor_inject_args* args) {
     s->seq = args->seq_start;
     s->dropped = 0;
     __builtin_memcpy(s->data, args->data, QUOR_INJECT_MAX_LEN);
-    bpf_loop(args->count, emit_one, s, 0);
+    bpf_loop(args->count, emit_one, NULL, 0);
     return s->dropped;
 }
