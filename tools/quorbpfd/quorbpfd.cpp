@@ -47,7 +47,8 @@ void Usage(FILE* out) {
             "  -h, --help            show this text\n"
             "\n"
             "examples:\n"
-            "  quorbpfd --property sys.quor_bpf_ready=1\n"
+            "  quorbpfd --unpin-on-exit\n"
+            "  quorbpfd --no-load --property sys.quor_bpf_ready=1\n"
             "  quorbpfd --property persist.sys.stability.bpfframework.disable=1\n");
 }
 
