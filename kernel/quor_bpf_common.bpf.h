@@ -70,24 +70,40 @@ static __always_inline void quor_report_overflow(void)
 
 /*
  * Waking the reader costs the writer an interrupt (an expensive exit on a
- * virtual machine) and the reader a context switch, so a record wakes it
- * only when the previous wake-up is QUOR_WAKEUP_GAP_NS old: one record
- * alone is delivered at once, a storm wakes the reader at most every gap.
- * What a storm leaves unannounced is announced by quor_flush_wakeup(),
- * which the main set runs from its context-switch programme.
+ * virtual machine) and the reader a context switch, so a set that defines
+ * QUOR_PACED_WAKEUPS wakes it at most every QUOR_WAKEUP_GAP_NS: the first
+ * record after a quiet gap wakes it at once, a storm wakes it once per gap.
+ *
+ * The wake-up after a gap must be forced: once a record went unannounced the
+ * reader is behind, and the kernel's own (adaptive) rule only wakes a reader
+ * that has caught up, so it would never wake again. For the same reason a
+ * filling ring buffer forces a wake-up long before it is full: announcing
+ * needs room for a record. What a storm leaves unannounced when it ends is
+ * announced by quor_flush_wakeup(), which the main set runs from its
+ * context-switch programme; a set without such a programme must not pace
+ * and keeps the adaptive rule, which never strands a record.
  */
 #define QUOR_WAKEUP_GAP_NS 10000000ULL
+#define QUOR_WAKEUP_FILL_BYTES (64 << 10)
 
 static __always_inline __u64 quor_submit_flags(__u64 now)
 {
+#ifdef QUOR_PACED_WAKEUPS
     __u32 key = QUOR_STATUS_KEY_WOKEN_NS;
     __u64 *woken = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!woken) return 0;
-    if (now - *woken < QUOR_WAKEUP_GAP_NS) return BPF_RB_NO_WAKEUP;
-    *woken = now;
-    return 0; /* the kernel wakes the reader if it is waiting */
+    if (now - *woken >= QUOR_WAKEUP_GAP_NS ||
+        bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >= QUOR_WAKEUP_FILL_BYTES) {
+        *woken = now;
+        return BPF_RB_FORCE_WAKEUP;
+    }
+    return BPF_RB_NO_WAKEUP;
+#else
+    return 0;
+#endif
 }
 
+#ifdef QUOR_PACED_WAKEUPS
 /* Wakes the reader when data sits unannounced; a discarded record carries the wake-up. */
 static __always_inline void quor_flush_wakeup(__u64 now)
 {
@@ -100,6 +116,7 @@ static __always_inline void quor_flush_wakeup(__u64 now)
     *woken = now;
     bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
 }
+#endif
 
 #define QUOR_SUBMIT(rec) bpf_ringbuf_submit((rec), quor_submit_flags((rec)->header.timestamp_ns))
 

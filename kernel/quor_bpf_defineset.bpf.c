@@ -73,6 +73,8 @@ struct {
     __uint(max_entries, 1);
 } switch_pace_map SEC(".maps");
 
+/* The context-switch programme flushes what paced submits left unannounced. */
+#define QUOR_PACED_WAKEUPS
 #include "quor_bpf_common.bpf.h"
 
 /* An rss record is written when a counter moved this far from its last report. */
