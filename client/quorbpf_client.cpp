@@ -178,8 +178,7 @@ int QuorBpfClientImpl::onRead(int readFd, BufferState* buffer) {
 }
 
 int QuorBpfClientImpl::onWrite(int /*writeFd*/, BufferState* buffer) {
-    while (outbox.fillNextIpcPackageToBuffer(buffer)) {
-    }
+    (void)outbox.fillNextIpcPackagesToBuffer(buffer);
     return 0;
 }
 

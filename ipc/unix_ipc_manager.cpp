@@ -379,24 +379,25 @@ int UnixIpcManager::onCommWriteCallback(epoll_event event) {
             }
             if (state->bufferCursor == state->bufferDataCursor) return -3;
         }
-        if (!ensureDataSend(fd, channel)) {
-            QLOGE(name.c_str(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", errno,
-                  strerror(errno));
-            return -1;
-        }
-        // The rest waits for the socket to drain (or for the last try).
-        if (state->bufferCursor < state->bufferDataCursor) return 0;
+        const SendResult result = ensureDataSend(fd, channel);
+        if (result == SendResult::kSent) continue;
+        if (result == SendResult::kWaiting) return 0;  // until writable, or the last try
+        QLOGE(name.c_str(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", errno,
+              strerror(errno));
+        // After a drop write interest stays: the owner's queue still holds
+        // data, and it goes out once the peer reads again.
+        return result == SendResult::kDropped ? 0 : -1;
     }
 }
 
-bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
+UnixIpcManager::SendResult UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
     BufferState* state = &channel->state;
     if (state->bufferCursor >= state->bufferDataCursor) {
         state->bufferCursor = 0;
         state->bufferDataCursor = 0;
         channel->tryCount = 0;
         channel->lastTryAtMs = 0;
-        return true;
+        return SendResult::kSent;
     }
     for (;;) {
         const ssize_t pending = state->bufferDataCursor - state->bufferCursor;
@@ -412,7 +413,7 @@ bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
                 state->bufferCursor = 0;
                 state->bufferDataCursor = 0;
                 channel->tryCount = 0;
-                return true;
+                return SendResult::kSent;
             }
             continue;
         }
@@ -426,11 +427,11 @@ bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
             channel->tryCount = 0;
             channel->lastTryAtMs = 0;
             errno = err;
-            return false;
+            return SendResult::kFailed;
         }
         if (channel->lastTryAtMs != 0) {
             // Woken before the last try is due: keep waiting for the socket.
-            if (MonotonicMs() < channel->lastTryAtMs) return true;
+            if (MonotonicMs() < channel->lastTryAtMs) return SendResult::kWaiting;
             QLOGE(name.c_str(),
                   "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: "
                   "%s, clientFd: %d",
@@ -446,7 +447,7 @@ bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
             channel->tryCount = 0;
             channel->lastTryAtMs = 0;
             errno = err;
-            return false;
+            return SendResult::kDropped;
         }
         channel->tryCount += 1;
         QLOGW(name.c_str(), "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s",
@@ -457,7 +458,7 @@ bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
             // soon as the socket drains.
             channel->lastTryAtMs = MonotonicMs() + kLastTryDelayMs;
             (void)epollManager->scheduleWriteRetry(fd, kLastTryDelayMs);
-            return true;
+            return SendResult::kWaiting;
         }
         sched_yield();
     }

@@ -40,7 +40,7 @@ namespace Quor {
 namespace Bpf {
 
 class QuorBpfService {
-  public:
+public:
     using EventHandler = std::function<int(char*, long)>;
 
     static QuorBpfService* GetInstance();
@@ -109,7 +109,7 @@ class QuorBpfService {
 
     ~QuorBpfService();
 
-  private:
+private:
     QuorBpfService();
     QuorBpfService(const QuorBpfService&) = delete;
     QuorBpfService& operator=(const QuorBpfService&) = delete;
