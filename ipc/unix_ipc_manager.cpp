@@ -364,11 +364,11 @@ int UnixIpcManager::onCommWriteCallback(epoll_event event) {
     // socket is full: one wake-up moves as much as the peer can take, and a
     // drained connection gives up write interest at once.
     for (;;) {
-        // Bytes of a stalled send go out before anything new is filled in
-        // behind them; a frame is never cut.
-        const bool stalled =
-            channel->lastTryAtMs != 0 && state->bufferCursor < state->bufferDataCursor;
-        if (!stalled) {
+        // Bytes still pending (a stalled send, or the rest of a frame the peer
+        // has begun to receive) go out before anything new is filled in
+        // behind them: the peer's stream never loses its framing.
+        const bool resuming = state->bufferCursor < state->bufferDataCursor;
+        if (!resuming) {
             state->bufferCursor = 0;
             state->bufferDataCursor = 0;
             if (handlerState.writeHandler && handlerState.writeHandler(fd, state) == -1) {
@@ -424,6 +424,9 @@ UnixIpcManager::SendResult UnixIpcManager::ensureDataSend(int fd, WriteChannel* 
                   "[UnixIpcManager] Send data failed! leftSize: %zd, error: %d, message: %s, "
                   "clientFd: %d",
                   pending, err, strerror(err), fd);
+            // What is left of this batch is given up, as the socket failed.
+            state->bufferCursor = 0;
+            state->bufferDataCursor = 0;
             channel->tryCount = 0;
             channel->lastTryAtMs = 0;
             errno = err;
@@ -442,8 +445,7 @@ UnixIpcManager::SendResult UnixIpcManager::ensureDataSend(int fd, WriteChannel* 
                 StringPrintf("Send data 10 times failed. bufferCursor: %zd, bufferDataCursor: %zd",
                              static_cast<ssize_t>(state->bufferCursor),
                              static_cast<ssize_t>(state->bufferDataCursor)));
-            state->bufferCursor = 0;
-            state->bufferDataCursor = 0;
+            keepStartedFrameOnly(state);
             channel->tryCount = 0;
             channel->lastTryAtMs = 0;
             errno = err;
@@ -462,6 +464,29 @@ UnixIpcManager::SendResult UnixIpcManager::ensureDataSend(int fd, WriteChannel* 
         }
         sched_yield();
     }
+}
+
+void UnixIpcManager::keepStartedFrameOnly(BufferState* state) {
+    // The buffer holds whole frames from its start; find the one the peer has
+    // begun to receive.
+    int64_t frameStart = 0;
+    while (frameStart + IPC_FRAME_HEADER_SIZE <= state->bufferDataCursor) {
+        const int64_t length = IpcReadS64(state->buffer + frameStart);
+        if (length < 0 || length > state->bufferDataCursor - frameStart - IPC_FRAME_HEADER_SIZE) {
+            break;  // not a frame of ours: nothing can be kept
+        }
+        const int64_t frameEnd = frameStart + IPC_FRAME_HEADER_SIZE + length;
+        if (frameEnd > state->bufferCursor) {
+            if (frameStart < state->bufferCursor) {
+                state->bufferDataCursor = frameEnd;  // the rest of it still goes out
+                return;
+            }
+            break;
+        }
+        frameStart = frameEnd;
+    }
+    state->bufferCursor = 0;
+    state->bufferDataCursor = 0;
 }
 
 int UnixIpcManager::onClientCloseCallback(epoll_event event) {

@@ -17,8 +17,9 @@
 // Sending never blocks the loop: when a peer stops reading, the unsent bytes
 // stay in its write buffer and the loop serves everyone else. After ten
 // EAGAIN results in a row the connection gets one last try a second later;
-// if that fails too, the unsent bytes are dropped (error code 1) and writing
-// resumes with fresh frames once the peer reads again. Write interest is
+// if that fails too, the unsent frames are dropped (error code 1) and writing
+// resumes once the peer reads again: first the rest of a frame it had begun
+// to receive, so its stream keeps its framing, then fresh frames. Write interest is
 // kept until the owner's queue is empty, so a notice is needed only when
 // data is queued for an idle connection.
 //
@@ -125,6 +126,9 @@ class UnixIpcManager {
     };
     // Sends the pending bytes of a write buffer.
     SendResult ensureDataSend(int fd, WriteChannel* channel);
+    // Drops the unsent frames of a write buffer but the rest of one the peer
+    // has partly received.
+    static void keepStartedFrameOnly(BufferState* state);
     // Buffers, epoll callbacks and registration of a new connection.
     bool setUpConnection(int fd);
     // Close sequence after a failed receive or read handler.
