@@ -77,10 +77,11 @@ UnixIpcManager::~UnixIpcManager() {
     }
     epollManager.reset();
     // Nothing runs on the sockets any more; release them so that the name can
-    // be bound again and peers see the close.
-    for (const int fd : connections) (void)close(fd);
+    // be bound again and peers see the close. The listening socket goes
+    // first, or a peer told of the close could reconnect into its backlog.
     const int fd = socketFd.load();
     if (fd != -1 && connections.count(fd) == 0) (void)close(fd);
+    for (const int connection : connections) (void)close(connection);
     connections.clear();
     socketFd.store(-1);
     if (!clearAllBuffer()) {
@@ -119,6 +120,10 @@ bool UnixIpcManager::stop() {
     }
     epollManager->stop();
     return true;
+}
+
+void UnixIpcManager::waitStopped() {
+    if (epollManager) epollManager->join();
 }
 
 bool UnixIpcManager::createServer() {

@@ -78,6 +78,8 @@ class UnixIpcManager {
     virtual bool connect();
     virtual bool start();
     virtual bool stop();
+    // Waits until the loop thread has ended after stop().
+    void waitStopped();
 
     bool notifyNeedWriteData(int fd);
     bool writeDataNow(int fd);

@@ -116,7 +116,10 @@ int QuorBpfService::Wait() {
         }
         sleepUnlessStopped(60);
     }
-    if (server_) server_->stop();
+    if (server_) {
+        server_->stop();
+        server_->waitStopped();
+    }
     if (producer_.joinable()) producer_.join();
     if (gplProducer_.joinable()) gplProducer_.join();
     return 0;

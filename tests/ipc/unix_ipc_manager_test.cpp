@@ -185,16 +185,16 @@ TEST(UnixIpcManagerTest, RacingWriteNoticesNeverStrandQueuedData) {
 TEST(UnixIpcManagerTest, StalledPeerLosesWholeFramesOnly) {
     ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework"), 0);
     // 1000-byte frames fill a 200000-byte batch, which the kernel queues as
-    // two pieces, the first ending inside the last frame: a full socket can
-    // take the first piece and leave a frame half-sent.
+    // two pieces, the first ending inside the last frame: a send into a
+    // nearly full socket can stop half-way through a frame.
     EchoServer server(200000);
     ASSERT_TRUE(server.listening);
     RawIpcClient client(kSocket);
     ASSERT_TRUE(WaitFor([&] { return server.clients() == 1; }));
     for (int i = 0; i < 3000; ++i) server.push(std::string(984, 'a' + i % 26));
-    // One read makes room; the rest of the backlog then runs into a full
-    // socket and, a second later, is dropped.
-    ASSERT_TRUE(WaitFor([&] { return client.drainAvailable(64 * 1024) > 0; }));
+    // One read of everything the socket held makes room; the rest of the
+    // backlog then runs into a full socket and, a second later, is dropped.
+    ASSERT_TRUE(WaitFor([&] { return client.drainAvailable(1 << 20) > 0; }));
     ASSERT_TRUE(WaitFor([] {
         std::ifstream log("/data/quorlog/stability/quorbpfframework/error.log");
         const std::string text((std::istreambuf_iterator<char>(log)),

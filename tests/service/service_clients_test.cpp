@@ -330,8 +330,8 @@ TEST_F(ServiceClientsTest, StalledReaderLosesItsBacklogWithoutStallingOthers) {
     // EAGAINs, a last try a second later, and the unsent bytes are dropped.
     // 116-byte frames: a full batch is queued by the kernel in two pieces, the
     // first ending inside a frame, so the last send can stop half-way.
-    for (uint32_t seq = 0; seq < 3000; ++seq) Append(Record(kStalledType, seq, 100));
-    ASSERT_TRUE(WaitFor([&] { return stalled.drainAvailable(64 * 1024) > 0; }));
+    for (uint32_t seq = 0; seq < 6000; ++seq) Append(Record(kStalledType, seq, 100));
+    ASSERT_TRUE(WaitFor([&] { return stalled.drainAvailable(256 * 1024) > 0; }));
     EXPECT_TRUE(WaitFor([] { return ErrorLogHas(1); }));
     // Its queue keeps growing until the oldest half is dropped.
     for (uint32_t seq = 0; seq < 10100; ++seq) Append(Record(kStalledType, seq));
