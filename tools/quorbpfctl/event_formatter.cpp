@@ -118,7 +118,10 @@ void DecodeWhole(const void* data, size_t length, DecodedEvent* e) {
             const QuorRssView r(data, length);
             SetHeader(e, r->header);
             e->pid = r->pid;
-            f = {Text("member", "member", RssMember(r->member)), Size("size", "size", r->size)};
+            static const char* const kMembers[] = {"file", "anon", "swap", "shmem"};
+            const bool known = r->member >= 0 && r->member < 4;
+            f = {Text("member", known ? nullptr : "member", RssMember(r->member)),
+                 Size("size", known ? kMembers[r->member] : "size", r->size)};
             break;
         }
         case QUOR_EVENT_TASK_CREATE: {
@@ -225,6 +228,35 @@ int64_t FieldNumber(const std::vector<EventField>& fields, const char* key) {
         if (field.jsonKey != nullptr && std::string(field.jsonKey) == key) return field.number;
     }
     return 0;
+}
+
+// rss_change as a person reads it: the total and its change first, then each
+// part, with its change when it moved; shmem and swap only when not zero.
+std::string RssChangeText(const std::vector<EventField>& fields) {
+    struct Part {
+        const char* key;
+        const char* name;
+    };
+    const Part parts[] = {
+        {"rss_anon", "anon"}, {"rss_file", "file"}, {"rss_shmem", "shmem"}, {"swap", "swap"}};
+    int64_t rss = 0;
+    int64_t oldRss = 0;
+    std::string detail;
+    for (const Part& part : parts) {
+        const int64_t now = FieldNumber(fields, part.key);
+        const int64_t old = FieldNumber(fields, ("old_" + std::string(part.key)).c_str());
+        if (std::string(part.key) != "swap") {
+            rss += now;
+            oldRss += old;
+        }
+        const bool core = std::string(part.name) == "anon" || std::string(part.name) == "file";
+        if (!core && now == 0 && old == 0) continue;
+        detail += std::string(" ") + part.name + "=" + FormatSize(now);
+        if (now != old) detail += " (" + FormatSizeChange(now - old) + ")";
+    }
+    return " ppid=" + std::to_string(FieldNumber(fields, "ppid")) +
+           " uid=" + std::to_string(FieldNumber(fields, "uid")) + " rss=" + FormatSize(rss) + " (" +
+           FormatSizeChange(rss - oldRss) + ")" + detail;
 }
 
 std::string Trimmed(double value) {
@@ -347,30 +379,28 @@ std::string FormatEventText(const DecodedEvent& event, const EventContext& conte
     snprintf(head, sizeof(head), "%s %-25s %7d %-16s", when.c_str(), event.name, event.pid,
              PrintableText(comm).c_str());
     std::string out = head;
-    const bool rssChange = event.type == QUOR_SERVICE_RSS_CHANGE;
-    for (const EventField& field : event.fields) {
-        if (field.textKey == nullptr) continue;
-        out += ' ';
-        out += field.textKey;
-        out += '=';
-        switch (field.kind) {
-            case Kind::kInt:
-                out += std::to_string(field.number);
-                break;
-            case Kind::kUint:
-                out += std::to_string(field.unsignedNumber);
-                break;
-            case Kind::kSize:
-                out += FormatSize(field.number);
-                if (rssChange) {
-                    const int64_t old =
-                        FieldNumber(event.fields, ("old_" + std::string(field.jsonKey)).c_str());
-                    out += " (" + FormatSizeChange(field.number - old) + ")";
-                }
-                break;
-            case Kind::kText:
-                out += PrintableText(field.text);
-                break;
+    if (event.type == QUOR_SERVICE_RSS_CHANGE) {
+        out += RssChangeText(event.fields);
+    } else {
+        for (const EventField& field : event.fields) {
+            if (field.textKey == nullptr) continue;
+            out += ' ';
+            out += field.textKey;
+            out += '=';
+            switch (field.kind) {
+                case Kind::kInt:
+                    out += std::to_string(field.number);
+                    break;
+                case Kind::kUint:
+                    out += std::to_string(field.unsignedNumber);
+                    break;
+                case Kind::kSize:
+                    out += FormatSize(field.number);
+                    break;
+                case Kind::kText:
+                    out += PrintableText(field.text);
+                    break;
+            }
         }
     }
     while (!out.empty() && out.back() == ' ') out.pop_back();

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
@@ -34,6 +35,14 @@ int64_t EpochMs() {
     timespec ts = {};
     clock_gettime(CLOCK_REALTIME, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// The current name from procfs, "" when the process is gone.
+std::string CurrentComm(int32_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
+    std::string comm;
+    if (in) std::getline(in, comm);
+    return comm;
 }
 
 void WriteAll(const std::string& text) {
@@ -121,8 +130,15 @@ int RunTopCommand(const CtlOptions& options) {
             int rows = 0;
             int columns = 0;
             terminal.Size(&rows, &columns);
-            const TopSnapshot snapshot =
-                model.Snapshot(now, RowsForProcesses(rows), kTopRecentLines);
+            TopSnapshot snapshot = model.Snapshot(now, RowsForProcesses(rows), kTopRecentLines);
+            // Names change at exec without an event: refresh the rows shown.
+            for (TopRow& row : snapshot.rows) {
+                const std::string comm = CurrentComm(row.pid);
+                if (!comm.empty() && comm != row.comm) {
+                    row.comm = comm;
+                    model.Rename(row.pid, comm);
+                }
+            }
             WriteAll(RenderTopScreen(snapshot, FormatLocalTime(now * 1000000, false).substr(0, 8),
                                      rows, columns));
             nextDraw = now + kRefreshMs;

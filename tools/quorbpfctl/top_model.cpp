@@ -174,6 +174,12 @@ void TopModel::SetConnected(bool connected) {
     connected_ = connected;
 }
 
+void TopModel::Rename(int32_t pid, const std::string& comm) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = processes_.find(pid);
+    if (it != processes_.end() && !comm.empty()) it->second.comm = comm;
+}
+
 TopSnapshot TopModel::Snapshot(int64_t nowMs, size_t maxRows, size_t maxRecent) {
     std::lock_guard<std::mutex> lock(mutex_);
     TopSnapshot snapshot;

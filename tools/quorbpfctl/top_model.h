@@ -61,6 +61,8 @@ public:
     void LoadBaseline(const TaskDump& dump, int64_t nowMs);
     void OnEvent(uint32_t type, const uint8_t* data, size_t length, int64_t nowMs);
     void SetConnected(bool connected);
+    // A newer name for a process (exec changes it without an event).
+    void Rename(int32_t pid, const std::string& comm);
     TopSnapshot Snapshot(int64_t nowMs, size_t maxRows, size_t maxRecent);
 
 private:
