@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 
 #include "tools/quorbpfctl/ctl_exit_codes.h"
@@ -110,6 +111,17 @@ bool DrainInotify(int fd, const std::string& name) {
     return closed;
 }
 
+// Whether `pid` has a handler for `signo`, from the SigCgt mask of its
+// procfs status; true when that cannot be read (no procfs: just send it).
+bool CatchesSignal(int32_t pid, int signo) {
+    std::string status;
+    if (ReadWhole("/proc/" + std::to_string(pid) + "/status", &status) != 0) return true;
+    const size_t at = status.find("\nSigCgt:");
+    if (at == std::string::npos) return true;
+    const unsigned long long mask = strtoull(status.c_str() + at + 8, nullptr, 16);
+    return signo >= 1 && signo <= 64 && ((mask >> (signo - 1)) & 1ULL) != 0;
+}
+
 }  // namespace
 
 DumpRequest::DumpRequest(int32_t pid, int signo, std::string path, int timeoutMs)
@@ -131,6 +143,25 @@ int DumpRequest::Run(const CompleteCheck& complete, std::string* contents,
         return rc;
     };
 
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs_);
+    // The default action of these real-time signals ends the process: a
+    // daemon still starting has not installed its handlers yet, and must not
+    // be sent one before it has.
+    while (!CatchesSignal(pid_, signo_)) {
+        if (kill(pid_, 0) != 0 && errno == ESRCH) {
+            *error = "the daemon (pid " + std::to_string(pid_) + ") went away";
+            return finish(kExitNotRunning);
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            *error = "the daemon (pid " + std::to_string(pid_) + ") does not handle signal " +
+                     std::to_string(signo_) + " yet (still starting?) after " +
+                     std::to_string(timeoutMs_ / 1000) + " s";
+            return finish(kExitTimeout);
+        }
+        const timespec pause = {0, kPollMs * 1000000L};
+        nanosleep(&pause, nullptr);
+    }
     if (kill(pid_, signo_) != 0) {
         const int err = errno;
         if (err == EPERM) {
@@ -142,7 +173,6 @@ int DumpRequest::Run(const CompleteCheck& complete, std::string* contents,
         return finish(err == ESRCH ? kExitNotRunning : kExitFailure);
     }
 
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs_);
     bool closed = false;
     off_t lastSize = -1;
     for (;;) {

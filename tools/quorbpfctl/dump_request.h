@@ -10,7 +10,10 @@
 //      where inotify is unavailable, the size stayed the same over two polls);
 //   3. the caller's completeness check accepts the contents (the header's
 //      line count matches the rows, say).
-// The directory is watched before the signal is sent, so a fast writer is
+// The signal is sent only once the process has a handler for it (SigCgt in
+// /proc/<pid>/status): the default action of these real-time signals would
+// end a daemon that is still starting. The directory is watched before the
+// signal is sent, so a fast writer is
 // not missed; the file is also polled every 50 ms, so a missed event costs
 // only latency.
 //
