@@ -99,6 +99,11 @@ TEST(TopModelTest, BaselineThenCountersThenExit) {
     ASSERT_FALSE(snap.recent.empty());
     EXPECT_NE(snap.recent.back().find("exit  20 hog (rss 500.0 MiB)"), std::string::npos)
         << snap.recent.back();
+    // A process whose exit was never seen goes once it is gone.
+    model.Prune([](int32_t pid) { return pid != 11; });
+    snap = model.Snapshot(kStartMs + 15000, 10, 5);
+    ASSERT_EQ(snap.processes, 1u);
+    EXPECT_EQ(snap.rows[0].pid, 10);
 }
 
 TEST(TopModelTest, ServiceEventsNameProcessesAndListLargeChanges) {

@@ -143,8 +143,7 @@ int DumpRequest::Run(const CompleteCheck& complete, std::string* contents,
         return rc;
     };
 
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs_);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs_);
     // The default action of these real-time signals ends the process: a
     // daemon still starting has not installed its handlers yet, and must not
     // be sent one before it has.

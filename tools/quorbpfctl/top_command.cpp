@@ -130,6 +130,7 @@ int RunTopCommand(const CtlOptions& options) {
             int rows = 0;
             int columns = 0;
             terminal.Size(&rows, &columns);
+            model.Prune([](int32_t pid) { return kill(pid, 0) == 0 || errno != ESRCH; });
             TopSnapshot snapshot = model.Snapshot(now, RowsForProcesses(rows), kTopRecentLines);
             // Names change at exec without an event: refresh the rows shown.
             for (TopRow& row : snapshot.rows) {

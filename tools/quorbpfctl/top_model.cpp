@@ -174,6 +174,13 @@ void TopModel::SetConnected(bool connected) {
     connected_ = connected;
 }
 
+void TopModel::Prune(const std::function<bool(int32_t pid)>& alive) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = processes_.begin(); it != processes_.end();) {
+        it = alive(it->first) ? std::next(it) : processes_.erase(it);
+    }
+}
+
 void TopModel::Rename(int32_t pid, const std::string& comm) {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto it = processes_.find(pid);

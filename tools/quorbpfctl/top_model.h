@@ -61,6 +61,9 @@ public:
     void LoadBaseline(const TaskDump& dump, int64_t nowMs);
     void OnEvent(uint32_t type, const uint8_t* data, size_t length, int64_t nowMs);
     void SetConnected(bool connected);
+    // Drops the processes for which `alive` says no: an exit record lost to a
+    // full ring buffer must not leave a process on the screen for good.
+    void Prune(const std::function<bool(int32_t pid)>& alive);
     // A newer name for a process (exec changes it without an event).
     void Rename(int32_t pid, const std::string& comm);
     TopSnapshot Snapshot(int64_t nowMs, size_t maxRows, size_t maxRecent);
