@@ -157,6 +157,12 @@ struct quor_dmabuf_update_record {
     __u64 size; /* bytes */
 };
 
+/*
+ * The service's events carry the registry's third task identifier in `uid`:
+ * the real uid for a process found running at start (task-init record), the
+ * task's own id (`tid` of its fork record) for a process seen forking.
+ */
+
 /* 50001: a new process entered the task registry. */
 struct quor_task_new_event {
     __u32 id;
