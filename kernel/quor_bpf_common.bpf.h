@@ -120,6 +120,12 @@ static __always_inline void quor_flush_wakeup(__u64 now)
 
 #define QUOR_SUBMIT(rec) bpf_ringbuf_submit((rec), quor_submit_flags((rec)->header.timestamp_ns))
 
+/* bpf_ringbuf_output() by the same wake-up rule, for records built elsewhere. */
+static __always_inline long quor_ringbuf_output(void *data, __u64 size, __u64 now)
+{
+    return bpf_ringbuf_output(&ringbuf_map, data, size, quor_submit_flags(now));
+}
+
 /*
  * Reserves a record of `size` bytes and fills its header; null (after
  * reporting the overflow) when the ring buffer is full.
