@@ -42,6 +42,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -511,8 +512,11 @@ int main() {
         fprintf(stderr, "pipeline_bench: injector: %s\n", error.c_str());
         return 1;
     }
+    // QUOR_BENCH_REPS overrides the repetitions (e.g. for a profile).
+    const char* repsText = getenv("QUOR_BENCH_REPS");
+    const int repetitions = repsText != nullptr ? atoi(repsText) : kRepetitions;
     std::vector<Repetition> reps;
-    for (int i = 0; i < kRepetitions; ++i) {
+    for (int i = 0; i < repetitions; ++i) {
         Repetition rep;
         if (!ServiceRounds(&injector, &rep, &error) || !BaselineRounds(&injector, &rep, &error)) {
             fprintf(stderr, "pipeline_bench: repetition %d: %s\n", i, error.c_str());
