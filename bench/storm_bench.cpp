@@ -138,8 +138,11 @@ std::map<std::string, double> NsPerRun(int storms) {
         const auto old = before.find(name);
         if (old == before.end()) continue;
         const uint64_t runs = now.runCount - old->second.runCount;
-        if (runs != 0)
-            out[name] = static_cast<double>(now.runTimeNs - old->second.runTimeNs) / runs;
+        if (runs == 0) continue;
+        out[name] = static_cast<double>(now.runTimeNs - old->second.runTimeNs) / runs;
+        fprintf(stderr, "%s: %.1f runs per storm, %.0f ns per run, %.2f us per storm\n",
+                name.c_str(), static_cast<double>(runs) / storms, out[name],
+                static_cast<double>(now.runTimeNs - old->second.runTimeNs) / storms / 1000.0);
     }
     return out;
 }

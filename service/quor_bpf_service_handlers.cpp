@@ -4,7 +4,11 @@
 // through QuorTaskManager::UpdateQuorTask (under the registry lock), procfs is
 // read outside that lock, and events are sent after it is released, so no
 // handler holds two locks at once.
+#include <time.h>
+
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "bpf/quor_bpf_proc_info.h"
 #include "diag/quor_bpf_log.h"
@@ -27,6 +31,14 @@ constexpr int64_t kRefreshIntervalS = 2;
 constexpr int32_t kKernelThreadParent = 2;
 constexpr int32_t kLowestReportedPid = 300;
 constexpr uint32_t kMemoryEventMmId = 1000;
+constexpr int64_t kDmabufCleanupIntervalMs = 1000;
+constexpr size_t kDmabufCleanupMaxPending = 4096;
+
+int64_t SteadyMs() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 // Copies a record of type T out of the ring buffer; false when it is shorter
 // than T (nothing is read beyond the record).
@@ -50,11 +62,16 @@ void CopyComm(char (&dst)[QUOR_COMM_LEN], const char* src) {
 
 int64_t* CurrentSize(QuorTask& task, int32_t member) {
     switch (member) {
-        case QUOR_RSS_FILE: return &task.rssFileSize;
-        case QUOR_RSS_ANON: return &task.rssAnonSize;
-        case QUOR_RSS_SWAP: return &task.rssSwapSize;
-        case QUOR_RSS_SHMEM: return &task.rssShmemSize;
-        default: return nullptr;
+        case QUOR_RSS_FILE:
+            return &task.rssFileSize;
+        case QUOR_RSS_ANON:
+            return &task.rssAnonSize;
+        case QUOR_RSS_SWAP:
+            return &task.rssSwapSize;
+        case QUOR_RSS_SHMEM:
+            return &task.rssShmemSize;
+        default:
+            return nullptr;
     }
 }
 
@@ -74,8 +91,8 @@ bool ApplyThreadChange(int32_t pid, uint64_t eventTime, int32_t step,
         task.threadNum += step;
         if (static_cast<int64_t>(eventTime) - task.createTime < kSettleTimeNs) return;
         if (SubAbs(task.threadNum, task.oldThreadNum) < kThreadReportDelta) return;
-        *event = {QUOR_SERVICE_THREAD_CHANGE, task.pid,         task.ppid,
-                  task.uid,                   task.oldThreadNum, task.threadNum};
+        *event = {QUOR_SERVICE_THREAD_CHANGE, task.pid,      task.ppid, task.uid,
+                  task.oldThreadNum,          task.threadNum};
         task.oldThreadNum = task.threadNum;
         report = true;
     });
@@ -111,6 +128,9 @@ int QuorBpfService::handleSched_SchedProcessFork(char* data, long len) {
     if (!ReadRecord(data, len, &rec)) return 0;
     QuorTaskManager* tasks = QuorTaskManager::GetInstance();
     if (rec.kind == QUOR_TASK_KIND_PROCESS) {
+        // A pid used again must not lose its new entries to the old
+        // process's cleanup.
+        flushDmabufCleanup(rec.pid);
         QuorTask existing;
         if (tasks->GetQuorTaskCopy(rec.pid, &existing)) return 0;
         QuorTask task = {};
@@ -137,7 +157,8 @@ int QuorBpfService::handleSched_SchedProcessFork(char* data, long len) {
         quor_thread_change_event event;
         if (ApplyThreadChange(rec.pid, rec.header.timestamp_ns, +1, &event)) SendEvent(event);
     } else {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] Task Create raw event (SCHED__TASK_CREATE) error!");
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService] Task Create raw event (SCHED__TASK_CREATE) error!");
     }
     return 0;
 }
@@ -150,7 +171,7 @@ int QuorBpfService::handleSched_SchedProcessExit(char* data, long len) {
         quor_task_exit_event event = {QUOR_SERVICE_TASK_EXIT, rec.pid, {}};
         CopyComm(event.comm, rec.comm);
         SendEvent(event);
-        (void)cleanUpDmabufMap(rec.pid);
+        scheduleDmabufCleanup(rec.pid);
     } else if (rec.kind == QUOR_TASK_KIND_THREAD) {
         quor_thread_change_event event;
         if (ApplyThreadChange(rec.pid, rec.header.timestamp_ns, -1, &event)) SendEvent(event);
@@ -172,8 +193,8 @@ int QuorBpfService::handleKmem_RssStat(char* data, long len) {
     // A process still carrying a generic name is re-read from procfs, at most
     // every 2 seconds; the read happens outside the registry lock.
     const int64_t now = GetSystemSecondsTime();
-    const bool refresh = refreshNameMap_.count(snapshot.comm) != 0 &&
-                         now - snapshot.refreshTime > kRefreshIntervalS;
+    const bool refresh =
+        refreshNameMap_.count(snapshot.comm) != 0 && now - snapshot.refreshTime > kRefreshIntervalS;
     UpdateProcessExdata info = {};
     const bool refreshed = refresh && getProcessInfo(rec.pid, &info) == 0;
 
@@ -196,9 +217,18 @@ int QuorBpfService::handleKmem_RssStat(char* data, long len) {
         if (ExcludedFromRssReports(task)) return;
         if (static_cast<int64_t>(rec.header.timestamp_ns) - task.createTime < kSettleTimeNs) return;
         if (change < kRssReportBytes) return;
-        event = {QUOR_SERVICE_RSS_CHANGE, task.pid, task.ppid, task.uid, {},
-                 task.rssFileSize, task.rssAnonSize, task.rssSwapSize, task.rssShmemSize,
-                 task.rssFileOldSize, task.rssAnonOldSize, task.rssSwapOldSize,
+        event = {QUOR_SERVICE_RSS_CHANGE,
+                 task.pid,
+                 task.ppid,
+                 task.uid,
+                 {},
+                 task.rssFileSize,
+                 task.rssAnonSize,
+                 task.rssSwapSize,
+                 task.rssShmemSize,
+                 task.rssFileOldSize,
+                 task.rssAnonOldSize,
+                 task.rssSwapOldSize,
                  task.rssShmemOldSize};
         CopyComm(event.comm, task.comm);
         task.rssFileOldSize = task.rssFileSize;
@@ -209,6 +239,36 @@ int QuorBpfService::handleKmem_RssStat(char* data, long len) {
     });
     if (report) SendEvent(event);
     return 0;
+}
+
+void QuorBpfService::scheduleDmabufCleanup(int32_t pid) {
+    std::vector<int32_t> due;
+    {
+        std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
+        dmabufCleanupPids_.push_back(pid);
+        const int64_t now = SteadyMs();
+        if (now - dmabufCleanupAtMs_ < kDmabufCleanupIntervalMs &&
+            dmabufCleanupPids_.size() < kDmabufCleanupMaxPending) {
+            return;
+        }
+        dmabufCleanupAtMs_ = now;
+        due.swap(dmabufCleanupPids_);
+    }
+    (void)cleanUpDmabufMaps(due);
+}
+
+void QuorBpfService::flushDmabufCleanup(int32_t reusedPid) {
+    std::vector<int32_t> due;
+    {
+        std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
+        if (std::find(dmabufCleanupPids_.begin(), dmabufCleanupPids_.end(), reusedPid) ==
+            dmabufCleanupPids_.end()) {
+            return;
+        }
+        dmabufCleanupAtMs_ = SteadyMs();
+        due.swap(dmabufCleanupPids_);
+    }
+    (void)cleanUpDmabufMaps(due);
 }
 
 int QuorBpfService::handleBpfPassthrough(char* data, long len) {
