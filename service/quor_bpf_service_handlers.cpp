@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
+#include <string>
 #include <vector>
 
 #include "bpf/quor_bpf_proc_info.h"
@@ -181,41 +183,57 @@ int QuorBpfService::handleSched_SchedProcessExit(char* data, long len) {
     return 0;
 }
 
-int QuorBpfService::handleKmem_RssStat(char* data, long len) {
-    quor_rss_record rec;
-    if (!ReadRecord(data, len, &rec)) return 0;
-    if (rec.size < 0 || rec.member < QUOR_RSS_FILE || rec.member > QUOR_RSS_SHMEM) return 0;
+namespace {
 
-    QuorTaskManager* tasks = QuorTaskManager::GetInstance();
-    QuorTask snapshot;
-    if (!tasks->GetQuorTaskCopy(rec.pid, &snapshot)) return 0;
-
-    // A process still carrying a generic name is re-read from procfs, at most
-    // every 2 seconds; the read happens outside the registry lock.
-    const int64_t now = GetSystemSecondsTime();
-    const bool refresh =
-        refreshNameMap_.count(snapshot.comm) != 0 && now - snapshot.refreshTime > kRefreshIntervalS;
-    UpdateProcessExdata info = {};
-    const bool refreshed = refresh && getProcessInfo(rec.pid, &info) == 0;
-
+// What one rss record does to its task; run under the registry lock. The
+// handler hands UpdateQuorTask a lambda that captures only a pointer to this,
+// which std::function keeps without allocating.
+struct RssUpdate {
+    const quor_rss_record* rec;
+    const std::map<std::string, std::string>* refreshNames;
+    int64_t now = 0;          // seconds, read only for names that may be refreshed
+    bool refreshDue = false;  // set when the name needs procfs first: nothing changed
+    bool refreshed = false;   // procfs was read (whether or not it answered)
+    const UpdateProcessExdata* info = nullptr;  // its answer, when it answered
     bool report = false;
     quor_rss_change_event event = {};
-    tasks->UpdateQuorTask(rec.pid, [&](QuorTask& task) {
-        if (refresh) {
-            if (refreshed) {
-                task.ppid = info.ppid;
-                CopyComm(task.comm, info.comm);
+
+    static bool MayRefresh(const std::map<std::string, std::string>& names, const char* comm) {
+        if (names.empty()) return false;
+        const size_t length = strnlen(comm, QUOR_COMM_LEN);
+        for (const auto& name : names) {
+            if (name.first.size() == length && memcmp(name.first.data(), comm, length) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    void apply(QuorTask& task) {
+        if (!refreshed && MayRefresh(*refreshNames, task.comm)) {
+            now = GetSystemSecondsTime();
+            if (now - task.refreshTime > kRefreshIntervalS) {
+                refreshDue = true;  // the caller reads procfs outside the lock and comes back
+                return;
+            }
+        }
+        if (refreshed) {
+            if (info != nullptr) {
+                task.ppid = info->ppid;
+                CopyComm(task.comm, info->comm);
             }
             task.refreshTime = now;
         }
         task.mmId = kMemoryEventMmId;
-        *CurrentSize(task, rec.member) = rec.size;
+        *CurrentSize(task, rec->member) = rec->size;
         const int64_t change = SubAbs(task.rssFileSize, task.rssFileOldSize) +
                                SubAbs(task.rssAnonSize, task.rssAnonOldSize) +
                                SubAbs(task.rssSwapSize, task.rssSwapOldSize) +
                                SubAbs(task.rssShmemSize, task.rssShmemOldSize);
         if (ExcludedFromRssReports(task)) return;
-        if (static_cast<int64_t>(rec.header.timestamp_ns) - task.createTime < kSettleTimeNs) return;
+        if (static_cast<int64_t>(rec->header.timestamp_ns) - task.createTime < kSettleTimeNs) {
+            return;
+        }
         if (change < kRssReportBytes) return;
         event = {QUOR_SERVICE_RSS_CHANGE,
                  task.pid,
@@ -236,8 +254,34 @@ int QuorBpfService::handleKmem_RssStat(char* data, long len) {
         task.rssSwapOldSize = task.rssSwapSize;
         task.rssShmemOldSize = task.rssShmemSize;
         report = true;
-    });
-    if (report) SendEvent(event);
+    }
+};
+
+}  // namespace
+
+int QuorBpfService::handleKmem_RssStat(char* data, long len) {
+    quor_rss_record rec;
+    if (!ReadRecord(data, len, &rec)) return 0;
+    if (rec.size < 0 || rec.member < QUOR_RSS_FILE || rec.member > QUOR_RSS_SHMEM) return 0;
+
+    // One registry visit in the common case; a process still carrying a
+    // generic name is re-read from procfs (at most every 2 seconds) outside
+    // the registry lock, and then visited again.
+    QuorTaskManager* tasks = QuorTaskManager::GetInstance();
+    RssUpdate update;
+    update.rec = &rec;
+    update.refreshNames = &refreshNameMap_;
+    RssUpdate* const pending = &update;
+    const auto apply = [pending](QuorTask& task) { pending->apply(task); };
+    if (!tasks->UpdateQuorTask(rec.pid, apply)) return 0;
+    if (update.refreshDue) {
+        UpdateProcessExdata info = {};
+        update.refreshDue = false;
+        update.refreshed = true;
+        update.info = getProcessInfo(rec.pid, &info) == 0 ? &info : nullptr;
+        if (!tasks->UpdateQuorTask(rec.pid, apply)) return 0;
+    }
+    if (update.report) SendEvent(update.event);
     return 0;
 }
 

@@ -34,8 +34,10 @@ constexpr long kPollIntervalNs = 200000;
 constexpr long kPollTimerSlackNs = 10000;
 constexpr int kIdlePollsBeforeSleep = 5;
 
+// The service rides in libbpf's context pointer, so that a record costs no
+// singleton lookup (that takes servicelock); the handler's own ctx stays null.
 int RingBufferCallback(void* ctx, void* data, size_t size) {
-    return QuorBpfService::GetInstance()->handleBpfRingBuffEvent(ctx, data, size);
+    return static_cast<QuorBpfService*>(ctx)->handleBpfRingBuffEvent(nullptr, data, size);
 }
 
 uint64_t LookupStatus(int mapFd, uint32_t key) {
@@ -159,7 +161,7 @@ int QuorBpfService::runMonitor(int index) {
         errno = 0;
         return -1;
     }
-    ring_buffer* rb = ring_buffer__new(ringFd.get(), RingBufferCallback, nullptr, nullptr);
+    ring_buffer* rb = ring_buffer__new(ringFd.get(), RingBufferCallback, this, nullptr);
     if (rb == nullptr) {
         QLOGE(QUOR_TAG_SERVICE, "%s QUORBPF: Set up ringbuf failed: %s, ringbufMap fd: %d", prefix,
               strerror(errno), ringFd.get());
