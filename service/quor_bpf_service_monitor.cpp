@@ -32,7 +32,7 @@ constexpr int64_t kStatusCheckIntervalS = 30;
 // so that the next record wakes it at once.
 constexpr long kPollIntervalNs = 200000;
 constexpr long kPollTimerSlackNs = 10000;
-constexpr int kIdlePollsBeforeSleep = 5;
+constexpr int kIdlePollsBeforeSleep = 2;
 
 // The service rides in libbpf's context pointer, so that a record costs no
 // singleton lookup (that takes servicelock); the handler's own ctx stays null.
