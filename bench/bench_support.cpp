@@ -191,8 +191,9 @@ bool BenchDaemon::Start(const std::string& logName, std::string* error) {
             (void)dup2(fd, STDOUT_FILENO);
             (void)dup2(fd, STDERR_FILENO);
         }
+        // The figures are taken in the low-latency reading mode.
         execl(daemon.c_str(), daemon.c_str(), "--no-load", "--property", "sys.quor_bpf_ready=1",
-              static_cast<char*>(nullptr));
+              "--property", "persist.sys.quorbpf.low_latency=1", static_cast<char*>(nullptr));
         _exit(127);
     }
     pid_ = child;

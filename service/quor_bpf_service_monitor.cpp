@@ -1,5 +1,6 @@
 // Draining the two ring buffers, and the status words that switch the kernel
 // programmes on in two stages and report overflow.
+#include <android-base/properties.h>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <sys/prctl.h>
@@ -181,8 +182,14 @@ int QuorBpfService::runMonitor(int index) {
         (void)UpdateStatusBits(statusFd.get(), QUOR_STATUS_NORMAL_ON, true);
     }
 
-    // Only the main set paces its wake-ups by what its reader announces.
-    const bool announces = index == RINGBUF_MAIN;
+    // Opt-in low-latency mode, main set only: while records flow the reader
+    // polls in short rounds instead of blocking, and it tells the programmes
+    // when it goes to sleep so that the next record wakes it at once. It
+    // trades CPU for latency; by default the monitor blocks in its poll and
+    // relies on the programmes' paced wake-ups.
+    const bool announces =
+        index == RINGBUF_MAIN &&
+        android::base::GetProperty(QUOR_BPF_LOW_LATENCY_PROPERTY, "0") == "1";
     AnnouncedWait announced(rb, statusFd.get());
     if (announces) (void)prctl(PR_SET_TIMERSLACK, kPollTimerSlackNs, 0, 0, 0);
     int consecutiveErrors = 0;
