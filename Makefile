@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test run clean format
+.PHONY: all deps configure build test run bench clean format
 
 all: build
 
@@ -24,6 +24,10 @@ test: build
 # when Ctrl-C stops it.
 run: build
 	@$(BUILD)/tools/quorbpfd --unpin-on-exit $(ARGS)
+
+# The benchmarks start the service, so they run in private namespaces.
+bench: build
+	@tests/run_isolated.sh $(BUILD)/bench/fanout_bench $(BENCH_ARGS)
 
 format:
 	@find include service ipc bpf diag tools tests -name '*.h' -o -name '*.cpp' | xargs clang-format -i
