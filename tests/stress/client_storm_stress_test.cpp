@@ -204,16 +204,20 @@ TEST_F(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     EXPECT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(30)));
     EXPECT_TRUE(PollUntil([&] { return OpenDescriptors() <= fdsBefore; }, std::chrono::seconds(30)))
         << OpenDescriptors() << " descriptors open, " << fdsBefore << " before";
-    // Memory the clients' traffic needed is returned; what may remain is
-    // bookkeeping of a few processes whose exit record the kernel dropped.
+    // Memory the clients' traffic needed is returned. What may remain: the
+    // package block pool keeps up to 4 MiB of freed blocks for reuse, and the
+    // registry keeps processes whose exit record the kernel had to drop (a
+    // few hundred bytes each). A leak per connection (two 32 KiB buffers) or
+    // per record would exceed this many times over.
+    const size_t allowance = size_t{5} << 20;
     size_t heapAfter = HeapBytes();
     PollUntil(
         [&] {
             heapAfter = HeapBytes();
-            return heapAfter <= heapBefore + (size_t{1} << 20);
+            return heapAfter <= heapBefore + allowance;
         },
         std::chrono::seconds(30), 200);
-    EXPECT_LE(heapAfter, heapBefore + (size_t{1} << 20))
+    EXPECT_LE(heapAfter, heapBefore + allowance)
         << "heap " << heapAfter << " bytes after, " << heapBefore << " before";
     printf(
         "clients held: %d (%d stable, %d churning slots, %llu churned connections); records "

@@ -198,7 +198,7 @@ TEST_F(SequenceStressTest, AboveCapacityLossesFollowTheQueueRuleAndAreLogged) {
 }
 
 TEST_F(SequenceStressTest, NeverReadingClientStaysBoundedAndOthersKeepTheirRate) {
-    constexpr uint64_t kRecords = 300000;
+    constexpr uint64_t kRecords = 1000000;
     auto fastA = Subscribe();
     auto fastB = Subscribe();
     ASSERT_TRUE(fastA && fastB);
@@ -231,10 +231,11 @@ TEST_F(SequenceStressTest, NeverReadingClientStaysBoundedAndOthersKeepTheirRate)
     seqs = fastB->log.snapshot();
     seqs.erase(seqs.begin(), seqs.begin() + static_cast<long>(fastBefore));
     EXPECT_TRUE(Complete(seqs, first, kRecords));
-    // 300000 records queued without bound would hold well over 20 MiB; the
-    // rule keeps at most 10001 of them.
+    // A million records queued without bound would hold over 100 MiB; the
+    // rule keeps at most 10001 of them (1.4 MiB), and the package block pool
+    // may keep up to 4 MiB of freed blocks for reuse.
     const size_t growth = heapPeak > heapBefore ? heapPeak - heapBefore : 0;
-    EXPECT_LT(growth, size_t{8} << 20);
+    EXPECT_LT(growth, size_t{12} << 20);
     EXPECT_GT(ErrorLogCount(4), overflowsBefore);
     // A socket thread waiting for the stuck client would hold the others up
     // for a second per stall; the rate would fall by orders of magnitude.
