@@ -77,6 +77,10 @@ public:
     int handleSched_SchedProcessFork(char* data, long len);
     int handleSched_SchedProcessExit(char* data, long len);
     int handleBpfPassthrough(char* data, long len);
+    // After the main ring buffer overflowed, exit records may have been lost:
+    // every registered process that no longer exists is handled as if its
+    // exit record had come. Returns how many there were.
+    size_t reapLostExits();
 
     // Procfs readers (bpf/quor_bpf_proc_info.cpp).
     void initTaskInfo();
