@@ -30,3 +30,22 @@ format:
 
 clean:
 	@rm -rf $(BUILD)
+
+# The target: arm64. `make arm64` installs the cross toolchain and the arm64
+# packages (scripts/install-arm64-deps.sh) and cross builds everything,
+# tests included, into $(BUILD_ARM64); `make test-arm64` runs under qemu the
+# tests that need no BPF system call (CTest labels, see tests/CMakeLists.txt).
+BUILD_ARM64 ?= build-arm64
+ARM64_TEST_LABELS ?= unprivileged|namespaces
+
+.PHONY: arm64-deps arm64 test-arm64
+
+arm64-deps:
+	@scripts/install-arm64-deps.sh
+
+arm64: arm64-deps
+	@cmake -S . -B $(BUILD_ARM64) -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-aarch64-linux-gnu.cmake >/dev/null
+	@cmake --build $(BUILD_ARM64) -j $(JOBS)
+
+test-arm64: arm64
+	@cd $(BUILD_ARM64) && ctest -j $(JOBS) --output-on-failure -L '$(ARM64_TEST_LABELS)'

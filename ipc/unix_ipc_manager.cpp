@@ -77,10 +77,12 @@ UnixIpcManager::~UnixIpcManager() {
     }
     epollManager.reset();
     // Nothing runs on the sockets any more; release them so that the name can
-    // be bound again and peers see the close.
-    for (const int fd : connections) (void)close(fd);
+    // be bound again and peers see the close. The listening socket goes
+    // first: a client that sees its connection close and reconnects at once
+    // must be refused, not queued on a server that is going away.
     const int fd = socketFd.load();
     if (fd != -1 && connections.count(fd) == 0) (void)close(fd);
+    for (const int connection : connections) (void)close(connection);
     connections.clear();
     socketFd.store(-1);
     if (!clearAllBuffer()) {
