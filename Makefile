@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test run clean format
+.PHONY: all deps configure build test run daemon bench clean format
 
 all: build
 
@@ -20,10 +20,19 @@ build: configure
 test: build
 	@cd $(BUILD) && ctest -j $(JOBS) --output-on-failure
 
-# The daemon loads and pins the BPF programmes itself and removes its pins
-# when Ctrl-C stops it.
+# The demonstration: the daemon in the background (log in $(BUILD)/quorbpfd.log)
+# and `quorbpfctl watch` in this terminal; Ctrl-C stops both and removes the
+# pins. ARGS go to the daemon, WATCH="types" chooses what watch shows.
 run: build
+	@BUILD=$(BUILD) scripts/run-demo.sh $(ARGS)
+
+# The daemon alone in the foreground, its log on stderr.
+daemon: build
 	@$(BUILD)/tools/quorbpfd --unpin-on-exit $(ARGS)
+
+# The benchmarks start the service, so they run in private namespaces.
+bench: build
+	@tests/run_isolated.sh $(BUILD)/bench/fanout_bench $(BENCH_ARGS)
 
 format:
 	@find include service ipc bpf diag tools tests -name '*.h' -o -name '*.cpp' | xargs clang-format -i

@@ -178,8 +178,7 @@ int QuorBpfClientImpl::onRead(int readFd, BufferState* buffer) {
 }
 
 int QuorBpfClientImpl::onWrite(int /*writeFd*/, BufferState* buffer) {
-    while (outbox.fillNextIpcPackageToBuffer(buffer)) {
-    }
+    (void)outbox.fillNextIpcPackagesToBuffer(buffer);
     return 0;
 }
 
@@ -254,32 +253,34 @@ void QuorBpfClient::setConnectionCallback(ConnectionCallback onConnection) {
 
 bool QuorBpfClient::connect(int timeoutMs) {
     QuorBpfClientImpl& impl = *impl_;
-    std::lock_guard<std::mutex> lifecycle(impl.lifecycleMutex);
-    const bool starting = !impl.ipc;
-    if (starting) {
-        {
-            std::lock_guard<std::mutex> lock(impl.mutex);
-            impl.phase = QuorBpfClientImpl::Phase::kFirstConnect;
-            impl.firstAttemptFailed = false;
-            impl.firstConnectDeadlineMs = timeoutMs > 0 ? SteadyMs() + timeoutMs : -1;
-        }
-        impl.ipc = impl.makeIpc();
-        {
-            std::lock_guard<std::mutex> lock(impl.mutex);
-            impl.live = impl.ipc.get();
-        }
-        if (!impl.ipc->start()) {
+    {
+        std::lock_guard<std::mutex> lifecycle(impl.lifecycleMutex);
+        if (!impl.ipc) {
             {
                 std::lock_guard<std::mutex> lock(impl.mutex);
-                impl.live = nullptr;
-                impl.phase = QuorBpfClientImpl::Phase::kIdle;
+                impl.phase = QuorBpfClientImpl::Phase::kFirstConnect;
+                impl.firstAttemptFailed = false;
+                impl.firstConnectDeadlineMs = timeoutMs > 0 ? SteadyMs() + timeoutMs : -1;
             }
-            impl.ipc.reset();
-            return false;
+            impl.ipc = impl.makeIpc();
+            {
+                std::lock_guard<std::mutex> lock(impl.mutex);
+                impl.live = impl.ipc.get();
+            }
+            if (!impl.ipc->start()) {
+                {
+                    std::lock_guard<std::mutex> lock(impl.mutex);
+                    impl.live = nullptr;
+                    impl.phase = QuorBpfClientImpl::Phase::kIdle;
+                }
+                impl.ipc.reset();
+                return false;
+            }
         }
     }
 
-    bool connected = false;
+    // The wait holds no lifecycle lock: disconnect() from another thread
+    // ends it.
     {
         std::unique_lock<std::mutex> lock(impl.mutex);
         // Either the first connection or, after a loss, the next one.
@@ -293,14 +294,24 @@ bool QuorBpfClient::connect(int timeoutMs) {
         } else {
             impl.changed.wait(lock, settled);
         }
-        connected = impl.phase == QuorBpfClientImpl::Phase::kConnected;
-        if (connected || impl.phase == QuorBpfClientImpl::Phase::kReconnecting) return connected;
+        switch (impl.phase) {
+            case QuorBpfClientImpl::Phase::kConnected:
+                return true;
+            case QuorBpfClientImpl::Phase::kReconnecting:
+            case QuorBpfClientImpl::Phase::kIdle:  // disconnect() tears down
+                return false;
+            case QuorBpfClientImpl::Phase::kFirstConnect:
+                break;
+        }
         // The first connection did not come: end the attempts.
         impl.phase = QuorBpfClientImpl::Phase::kIdle;
         impl.live = nullptr;
     }
-    impl.ipc->stop();
-    impl.ipc.reset();
+    std::lock_guard<std::mutex> lifecycle(impl.lifecycleMutex);
+    if (impl.ipc) {
+        impl.ipc->stop();
+        impl.ipc.reset();
+    }
     return false;
 }
 

@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,7 +14,10 @@ namespace Bpf {
 
 namespace {
 
-int64_t __basetime = 0;
+// Written once at start-up, read by every thread afterwards.
+std::atomic<int64_t> __basetime{0};
+
+int64_t Base() { return __basetime.load(std::memory_order_relaxed); }
 
 timespec ReadClock(clockid_t clock) {
     timespec ts = {};
@@ -44,14 +48,14 @@ bool InitBasetime() {
     while (std::getline(stat, line)) {
         if (line.find("btime ") != std::string::npos) {
             int64_t btime = 0;
-            if (ParseBtimeLine(line, &btime)) __basetime = btime;
+            if (ParseBtimeLine(line, &btime)) __basetime.store(btime, std::memory_order_relaxed);
             break;
         }
     }
     return true;
 }
 
-int64_t GetBasetime() { return __basetime; }
+int64_t GetBasetime() { return Base(); }
 
 int64_t GetSystemBootNanosencondsTime() {
     const timespec ts = ReadClock(CLOCK_MONOTONIC);
@@ -60,22 +64,22 @@ int64_t GetSystemBootNanosencondsTime() {
 
 int64_t GetSystemNanosencondsTime() {
     const timespec ts = ReadClock(CLOCK_MONOTONIC);
-    return (static_cast<int64_t>(ts.tv_sec) + __basetime) * 1000000000LL + ts.tv_nsec;
+    return (static_cast<int64_t>(ts.tv_sec) + Base()) * 1000000000LL + ts.tv_nsec;
 }
 
 int64_t GetSystemMicrosencondsTime() {
     const timespec ts = ReadClock(CLOCK_MONOTONIC);
-    return (static_cast<int64_t>(ts.tv_sec) + __basetime) * 1000000LL + ts.tv_nsec / 1000;
+    return (static_cast<int64_t>(ts.tv_sec) + Base()) * 1000000LL + ts.tv_nsec / 1000;
 }
 
 int64_t GetSystemMillisecondsTime(bool precise) {
     const timespec ts = ReadClock(precise ? CLOCK_MONOTONIC : CLOCK_MONOTONIC_COARSE);
-    return (static_cast<int64_t>(ts.tv_sec) + __basetime) * 1000LL + ts.tv_nsec / 1000000;
+    return (static_cast<int64_t>(ts.tv_sec) + Base()) * 1000LL + ts.tv_nsec / 1000000;
 }
 
 int64_t GetSystemSecondsTime() {
     const timespec ts = ReadClock(CLOCK_MONOTONIC_COARSE);
-    return static_cast<int64_t>(ts.tv_sec) + __basetime;
+    return static_cast<int64_t>(ts.tv_sec) + Base();
 }
 
 }  // namespace Bpf

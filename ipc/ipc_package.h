@@ -78,8 +78,9 @@ struct BufferState {
     char* buffer;
 };
 
-// One queued outgoing typed package: packageSize bytes in packageData, a block
-// from malloc that whoever removes the package from its queue frees.
+// One queued outgoing typed package: packageSize bytes at packageData. The
+// block belongs to IpcPackageManager, which may share it between queues and
+// frees it when the last queue lets go of it.
 struct QuorIpcPackage {
     uint64_t packageSize;
     char* packageData;

@@ -5,10 +5,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "diag/quor_bpf_error_log.h"
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_strings.h"
+#include "ipc/package_block_pool.h"
 
 using Quor::Bpf::RecordBpfServiceErrorInfo;
 using Quor::Bpf::StringPrintf;
@@ -26,6 +28,42 @@ void PutU32(char* at, uint32_t value) {
     memcpy(at, &value, sizeof(value));
 }
 
+// Every package block starts with the count of queues (and builders) that
+// hold it and the size it was allocated with; packageData points just behind
+// it, 8-byte aligned.
+struct BlockHeader {
+    std::atomic<uint32_t> holders;
+    uint32_t blockSize;  // 0: larger than 4 GiB, straight from malloc
+};
+static_assert(sizeof(BlockHeader) == 8, "package bytes stay 8-byte aligned");
+
+BlockHeader* HeaderOf(char* data) {
+    return reinterpret_cast<BlockHeader*>(data - sizeof(BlockHeader));
+}
+
+char* AllocateBlock(uint64_t size) {
+    const uint64_t blockSize = sizeof(BlockHeader) + size;
+    void* base = PackageBlockPool::Allocate(blockSize);
+    if (base == nullptr) return nullptr;
+    BlockHeader* header = new (base) BlockHeader;
+    header->holders.store(1, std::memory_order_relaxed);
+    header->blockSize = blockSize <= UINT32_MAX ? static_cast<uint32_t>(blockSize) : 0;
+    return static_cast<char*>(base) + sizeof(BlockHeader);
+}
+
+void RetainBlock(char* data) {
+    HeaderOf(data)->holders.fetch_add(1, std::memory_order_relaxed);
+}
+
+void ReleaseBlock(char* data) {
+    BlockHeader* header = HeaderOf(data);
+    if (header->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        const size_t blockSize = header->blockSize != 0 ? header->blockSize : SIZE_MAX;
+        header->~BlockHeader();
+        PackageBlockPool::Release(header, blockSize);
+    }
+}
+
 }  // namespace
 
 IpcPackageManager::~IpcPackageManager() {
@@ -35,7 +73,7 @@ IpcPackageManager::~IpcPackageManager() {
 void IpcPackageManager::appendRespIpcPackage(QuorRespIpcPackage* resp) {
     const uint64_t size = static_cast<uint64_t>(resp->dataSize) + IPC_PACKAGE_HEADER_SIZE +
                           IPC_RESPONSE_BODY_HEADER_SIZE;
-    char* block = static_cast<char*>(malloc(size));
+    char* block = AllocateBlock(size);
     if (block == nullptr) {
         QLOGE(QUOR_TAG_UTILS, "[AppendRespIpc] allocate memory failed! %s", strerror(errno));
         return;
@@ -57,7 +95,7 @@ void IpcPackageManager::appendRespIpcPackage(QuorRespIpcPackage* resp) {
 void IpcPackageManager::appendReqIpcPackage(QuorReqIpcPackage* req) {
     const uint64_t size = static_cast<uint64_t>(req->dataSize) + IPC_PACKAGE_HEADER_SIZE +
                           IPC_REQUEST_BODY_HEADER_SIZE;
-    char* block = static_cast<char*>(malloc(size));
+    char* block = AllocateBlock(size);
     if (block == nullptr) {
         QLOGE(QUOR_TAG_UTILS, "[AppendReqIpc] allocate memory failed! %s", strerror(errno));
         return;
@@ -72,7 +110,7 @@ void IpcPackageManager::appendReqIpcPackage(QuorReqIpcPackage* req) {
 }
 
 void IpcPackageManager::buildAndAppendIpcPackage(char* data, unsigned long size) {
-    char* block = static_cast<char*>(malloc(size != 0 ? size : 1));
+    char* block = AllocateBlock(size);
     if (block == nullptr) {
         QLOGE(QUOR_TAG_UTILS, "[BuildAndAppendIpc] allocate memory failed! %s", strerror(errno));
         return;
@@ -84,25 +122,45 @@ void IpcPackageManager::buildAndAppendIpcPackage(char* data, unsigned long size)
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned int type, char* data,
                                                        unsigned long len) {
     if (type > IPC_PACKAGE_TYPE_MAX) return false;
-    if (len > UINT32_MAX) return false;  // the body length field is 32 bits
+    const QuorIpcPackage package = BuildSharedSecondIpcPackage(type, data, len);
+    if (package.packageData == nullptr) return false;
+    (void)appendPackage(package, kErrorSecondQueueFull, "[AppendSecondIpc]");
+    return true;
+}
+
+QuorIpcPackage IpcPackageManager::BuildSharedSecondIpcPackage(unsigned int type, char* data,
+                                                              unsigned long len) {
+    if (type > IPC_PACKAGE_TYPE_MAX) return QuorIpcPackage{0, nullptr};
+    if (len > UINT32_MAX) return QuorIpcPackage{0, nullptr};  // 32-bit body length field
     const uint64_t size = len + IPC_PACKAGE_HEADER_SIZE;
-    char* block = static_cast<char*>(malloc(size));
+    char* block = AllocateBlock(size);
     if (block == nullptr) {
         QLOGE(QUOR_TAG_UTILS, "[AppendSecondIpc] allocate memory failed! %s", strerror(errno));
-        return false;
+        return QuorIpcPackage{0, nullptr};
     }
     PutU32(block, type);
     PutU32(block + 4, static_cast<uint32_t>(len));
     if (len != 0) memcpy(block + IPC_PACKAGE_HEADER_SIZE, data, len);
-    appendPackage(QuorIpcPackage{size, block}, kErrorSecondQueueFull, "[AppendSecondIpc]");
-    return true;
+    return QuorIpcPackage{size, block};
 }
 
-void IpcPackageManager::appendPackage(QuorIpcPackage package, int errorCode,
-                                      const char* logPrefix) {
+size_t IpcPackageManager::appendSharedIpcPackage(const QuorIpcPackage& package) {
+    if (package.packageData == nullptr) return 0;
+    RetainBlock(package.packageData);
+    return appendPackage(package, kErrorSecondQueueFull, "[AppendSecondIpc]");
+}
+
+void IpcPackageManager::ReleaseSharedIpcPackage(const QuorIpcPackage& package) {
+    if (package.packageData != nullptr) ReleaseBlock(package.packageData);
+}
+
+size_t IpcPackageManager::appendPackage(QuorIpcPackage package, int errorCode,
+                                        const char* logPrefix) {
     size_t overflowCount = 0;
+    size_t queuedBefore = 0;
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        queuedBefore = queue_.size();
         if (queue_.size() > QUEUE_HIGH_WATER) {
             overflowCount = queue_.size();
             while (queue_.size() > QUEUE_LOW_WATER) popFront();
@@ -110,7 +168,9 @@ void IpcPackageManager::appendPackage(QuorIpcPackage package, int errorCode,
         queue_.push_back(package);
         count_.store(queue_.size(), std::memory_order_relaxed);
     }
-    cv_.notify_all();
+    // Waiters register under the mutex, so one that waits for this package
+    // is counted by now; without waiters the wake-up call is saved.
+    if (waiters_.load(std::memory_order_relaxed) != 0) cv_.notify_all();
     // Reported after the lock is released: writing the error log takes far
     // longer than a queue operation and the producers must not wait for it.
     if (overflowCount != 0) {
@@ -118,10 +178,11 @@ void IpcPackageManager::appendPackage(QuorIpcPackage package, int errorCode,
                                                           static_cast<int>(QUEUE_HIGH_WATER)));
         QLOGE(QUOR_TAG_UTILS, "%s ipc Package Queue too big: %zu", logPrefix, overflowCount);
     }
+    return queuedBefore;
 }
 
 void IpcPackageManager::popFront() {
-    free(queue_.front().packageData);
+    ReleaseBlock(queue_.front().packageData);
     queue_.pop_front();
 }
 
@@ -135,30 +196,56 @@ void IpcPackageManager::moveFrontToBuffer(BufferState* state) {
     popFront();
 }
 
+IpcPackageManager::FillStep IpcPackageManager::fillNextLocked(BufferState* state) {
+    if (queue_.empty()) return FillStep::kEmpty;
+    const uint64_t frameSize = queue_.front().packageSize + IPC_FRAME_HEADER_SIZE;
+    if (frameSize > static_cast<uint64_t>(state->bufferSize)) {
+        popFront();
+        return FillStep::kDamaged;
+    }
+    if (frameSize > static_cast<uint64_t>(state->bufferSize - state->bufferDataCursor)) {
+        return FillStep::kNoRoom;
+    }
+    moveFrontToBuffer(state);
+    return FillStep::kFilled;
+}
+
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* state) {
-    bool damaged = false;
+    FillStep step;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (queue_.empty()) return false;
-        const uint64_t frameSize = queue_.front().packageSize + IPC_FRAME_HEADER_SIZE;
-        if (frameSize > static_cast<uint64_t>(state->bufferSize)) {
-            popFront();
-            count_.store(queue_.size(), std::memory_order_relaxed);
-            damaged = true;
-        } else if (frameSize > static_cast<uint64_t>(state->bufferSize - state->bufferDataCursor)) {
-            return false;
-        } else {
-            moveFrontToBuffer(state);
-            count_.store(queue_.size(), std::memory_order_relaxed);
-            return true;
-        }
+        step = fillNextLocked(state);
+        count_.store(queue_.size(), std::memory_order_relaxed);
     }
-    if (damaged) {
+    if (step == FillStep::kDamaged) {
         RecordBpfServiceErrorInfo(kErrorFillNextDamaged,
                                   "fillNextIpcPackageToBuffer ipc package damaged");
         QLOGE(QUOR_TAG_UTILS, "The ipc package is damaged! remove this package");
     }
-    return false;
+    return step == FillStep::kFilled;
+}
+
+size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* state) {
+    size_t filled = 0;
+    for (;;) {
+        FillStep step;
+        {
+            // One lock for a whole batch: the producers contend for this
+            // mutex, and a batch holds hundreds of small frames.
+            std::lock_guard<std::mutex> lock(mutex_);
+            do {
+                step = fillNextLocked(state);
+                if (step == FillStep::kFilled) ++filled;
+            } while (step == FillStep::kFilled);
+            count_.store(queue_.size(), std::memory_order_relaxed);
+        }
+        if (step != FillStep::kDamaged) return filled;
+        // As fillNextIpcPackageToBuffer: a damaged package ends the batch.
+        RecordBpfServiceErrorInfo(kErrorFillNextDamaged,
+                                  "fillNextIpcPackageToBuffer ipc package damaged");
+        QLOGE(QUOR_TAG_UTILS, "The ipc package is damaged! remove this package");
+        return filled;
+    }
 }
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* state) {
@@ -186,8 +273,10 @@ bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* state) {
 void IpcPackageManager::waitEventReady(int timeoutMs) {
     if (getIpcPackageCount() != 0) return;
     std::unique_lock<std::mutex> lock(mutex_);
+    waiters_.fetch_add(1, std::memory_order_relaxed);
     cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs > 0 ? timeoutMs : 0),
                  [this] { return !queue_.empty(); });
+    waiters_.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void IpcPackageManager::notifyEventReady() {

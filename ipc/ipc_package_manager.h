@@ -9,7 +9,14 @@
 //
 //   mgr.buildAndAppendSecondIpcPackage(IPC_PACKAGE_EVENT, record, len);
 //   server->notifyNeedWriteData(fd);
-//   ... on the socket thread:  while (mgr.fillNextIpcPackageToBuffer(buf)) {}
+//   ... on the socket thread:  mgr.fillNextIpcPackagesToBuffer(buf);
+//
+// A package meant for many queues (one record, many subscribers) is built
+// once and shared: every block carries a count of the queues holding it.
+//
+//   QuorIpcPackage p = IpcPackageManager::BuildSharedSecondIpcPackage(3, rec, len);
+//   for (each queue) queue.appendSharedIpcPackage(p);
+//   IpcPackageManager::ReleaseSharedIpcPackage(p);
 //
 // Threading: any number of producers and one consumer; every queue operation
 // takes the queue's own mutex and no other lock while holding it.
@@ -46,6 +53,17 @@ class IpcPackageManager {
     // other type or a body too long for the 32-bit length field.
     bool buildAndAppendSecondIpcPackage(unsigned int type, char* data, unsigned long len);
 
+    // A typed package to be queued on several queues; packageData is null
+    // when it cannot be built (type above 3, body too long, no memory). The
+    // builder holds it until ReleaseSharedIpcPackage.
+    static QuorIpcPackage BuildSharedSecondIpcPackage(unsigned int type, char* data,
+                                                      unsigned long len);
+    // Queues a hold on a shared package (overflow rule as above, error code
+    // 4). Returns the number of packages queued before it (0: the writer
+    // may have gone idle and must be told).
+    size_t appendSharedIpcPackage(const QuorIpcPackage& package);
+    static void ReleaseSharedIpcPackage(const QuorIpcPackage& package);
+
     // Moves the front package into the buffer as one frame. False when the
     // queue is empty, when the frame does not fit the room left (it stays
     // first) or when it can never fit the buffer (dropped, error code 8).
@@ -53,6 +71,9 @@ class IpcPackageManager {
     // As many whole frames as fit; false for an empty queue or after dropping
     // a package that can never fit (error code 7).
     bool fillIpcPackageToBuffer(BufferState* state);
+    // fillNextIpcPackageToBuffer until it would return false, under one lock;
+    // returns the number of frames filled.
+    size_t fillNextIpcPackagesToBuffer(BufferState* state);
 
     // Waits up to timeoutMs until the queue holds a package.
     void waitEventReady(int timeoutMs);
@@ -63,8 +84,11 @@ class IpcPackageManager {
 
   private:
     // Queues a built package; errorCode and logPrefix name the caller in the
-    // overflow record.
-    void appendPackage(QuorIpcPackage package, int errorCode, const char* logPrefix);
+    // overflow record. Returns the number of packages queued before it.
+    size_t appendPackage(QuorIpcPackage package, int errorCode, const char* logPrefix);
+    // One step of fillNextIpcPackageToBuffer; the caller holds mutex_.
+    enum class FillStep { kFilled, kNoRoom, kEmpty, kDamaged };
+    FillStep fillNextLocked(BufferState* state);
     // Copies the front package as one frame; the caller holds mutex_ and has
     // checked that it fits.
     void moveFrontToBuffer(BufferState* state);
@@ -74,4 +98,5 @@ class IpcPackageManager {
     std::deque<QuorIpcPackage> queue_;
     std::condition_variable cv_;
     std::atomic<unsigned long> count_{0};
+    std::atomic<int> waiters_{0};  // threads in waitEventReady
 };

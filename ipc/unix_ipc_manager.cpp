@@ -78,8 +78,7 @@ UnixIpcManager::~UnixIpcManager() {
     epollManager.reset();
     // Nothing runs on the sockets any more; release them so that the name can
     // be bound again and peers see the close. The listening socket goes
-    // first: a client that sees its connection close and reconnects at once
-    // must be refused, not queued on a server that is going away.
+    // first, or a peer told of the close could reconnect into its backlog.
     const int fd = socketFd.load();
     if (fd != -1 && connections.count(fd) == 0) (void)close(fd);
     for (const int connection : connections) (void)close(connection);
@@ -121,6 +120,10 @@ bool UnixIpcManager::stop() {
     }
     epollManager->stop();
     return true;
+}
+
+void UnixIpcManager::waitStopped() {
+    if (epollManager) epollManager->join();
 }
 
 bool UnixIpcManager::createServer() {
@@ -366,11 +369,11 @@ int UnixIpcManager::onCommWriteCallback(epoll_event event) {
     // socket is full: one wake-up moves as much as the peer can take, and a
     // drained connection gives up write interest at once.
     for (;;) {
-        // Bytes of a stalled send go out before anything new is filled in
-        // behind them; a frame is never cut.
-        const bool stalled =
-            channel->lastTryAtMs != 0 && state->bufferCursor < state->bufferDataCursor;
-        if (!stalled) {
+        // Bytes still pending (a stalled send, or the rest of a frame the peer
+        // has begun to receive) go out before anything new is filled in
+        // behind them: the peer's stream never loses its framing.
+        const bool resuming = state->bufferCursor < state->bufferDataCursor;
+        if (!resuming) {
             state->bufferCursor = 0;
             state->bufferDataCursor = 0;
             if (handlerState.writeHandler && handlerState.writeHandler(fd, state) == -1) {
@@ -381,24 +384,25 @@ int UnixIpcManager::onCommWriteCallback(epoll_event event) {
             }
             if (state->bufferCursor == state->bufferDataCursor) return -3;
         }
-        if (!ensureDataSend(fd, channel)) {
-            QLOGE(name.c_str(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", errno,
-                  strerror(errno));
-            return -1;
-        }
-        // The rest waits for the socket to drain (or for the last try).
-        if (state->bufferCursor < state->bufferDataCursor) return 0;
+        const SendResult result = ensureDataSend(fd, channel);
+        if (result == SendResult::kSent) continue;
+        if (result == SendResult::kWaiting) return 0;  // until writable, or the last try
+        QLOGE(name.c_str(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", errno,
+              strerror(errno));
+        // After a drop write interest stays: the owner's queue still holds
+        // data, and it goes out once the peer reads again.
+        return result == SendResult::kDropped ? 0 : -1;
     }
 }
 
-bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
+UnixIpcManager::SendResult UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
     BufferState* state = &channel->state;
     if (state->bufferCursor >= state->bufferDataCursor) {
         state->bufferCursor = 0;
         state->bufferDataCursor = 0;
         channel->tryCount = 0;
         channel->lastTryAtMs = 0;
-        return true;
+        return SendResult::kSent;
     }
     for (;;) {
         const ssize_t pending = state->bufferDataCursor - state->bufferCursor;
@@ -414,7 +418,7 @@ bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
                 state->bufferCursor = 0;
                 state->bufferDataCursor = 0;
                 channel->tryCount = 0;
-                return true;
+                return SendResult::kSent;
             }
             continue;
         }
@@ -425,14 +429,17 @@ bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
                   "[UnixIpcManager] Send data failed! leftSize: %zd, error: %d, message: %s, "
                   "clientFd: %d",
                   pending, err, strerror(err), fd);
+            // What is left of this batch is given up, as the socket failed.
+            state->bufferCursor = 0;
+            state->bufferDataCursor = 0;
             channel->tryCount = 0;
             channel->lastTryAtMs = 0;
             errno = err;
-            return false;
+            return SendResult::kFailed;
         }
         if (channel->lastTryAtMs != 0) {
             // Woken before the last try is due: keep waiting for the socket.
-            if (MonotonicMs() < channel->lastTryAtMs) return true;
+            if (MonotonicMs() < channel->lastTryAtMs) return SendResult::kWaiting;
             QLOGE(name.c_str(),
                   "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: "
                   "%s, clientFd: %d",
@@ -443,12 +450,11 @@ bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
                 StringPrintf("Send data 10 times failed. bufferCursor: %zd, bufferDataCursor: %zd",
                              static_cast<ssize_t>(state->bufferCursor),
                              static_cast<ssize_t>(state->bufferDataCursor)));
-            state->bufferCursor = 0;
-            state->bufferDataCursor = 0;
+            keepStartedFrameOnly(state);
             channel->tryCount = 0;
             channel->lastTryAtMs = 0;
             errno = err;
-            return false;
+            return SendResult::kDropped;
         }
         channel->tryCount += 1;
         QLOGW(name.c_str(), "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s",
@@ -459,10 +465,33 @@ bool UnixIpcManager::ensureDataSend(int fd, WriteChannel* channel) {
             // soon as the socket drains.
             channel->lastTryAtMs = MonotonicMs() + kLastTryDelayMs;
             (void)epollManager->scheduleWriteRetry(fd, kLastTryDelayMs);
-            return true;
+            return SendResult::kWaiting;
         }
         sched_yield();
     }
+}
+
+void UnixIpcManager::keepStartedFrameOnly(BufferState* state) {
+    // The buffer holds whole frames from its start; find the one the peer has
+    // begun to receive.
+    int64_t frameStart = 0;
+    while (frameStart + IPC_FRAME_HEADER_SIZE <= state->bufferDataCursor) {
+        const int64_t length = IpcReadS64(state->buffer + frameStart);
+        if (length < 0 || length > state->bufferDataCursor - frameStart - IPC_FRAME_HEADER_SIZE) {
+            break;  // not a frame of ours: nothing can be kept
+        }
+        const int64_t frameEnd = frameStart + IPC_FRAME_HEADER_SIZE + length;
+        if (frameEnd > state->bufferCursor) {
+            if (frameStart < state->bufferCursor) {
+                state->bufferDataCursor = frameEnd;  // the rest of it still goes out
+                return;
+            }
+            break;
+        }
+        frameStart = frameEnd;
+    }
+    state->bufferCursor = 0;
+    state->bufferDataCursor = 0;
 }
 
 int UnixIpcManager::onClientCloseCallback(epoll_event event) {

@@ -17,8 +17,11 @@
 // Sending never blocks the loop: when a peer stops reading, the unsent bytes
 // stay in its write buffer and the loop serves everyone else. After ten
 // EAGAIN results in a row the connection gets one last try a second later;
-// if that fails too, the unsent bytes are dropped (error code 1) and the next
-// notice starts afresh.
+// if that fails too, the unsent frames are dropped (error code 1) and writing
+// resumes once the peer reads again: first the rest of a frame it had begun
+// to receive, so its stream keeps its framing, then fresh frames. Write interest is
+// kept until the owner's queue is empty, so a notice is needed only when
+// data is queued for an idle connection.
 //
 // Threading: every callback, handler, createServer() and connect() runs on
 // the loop thread. Other threads may call notifyNeedWriteData(), and
@@ -75,6 +78,8 @@ class UnixIpcManager {
     virtual bool connect();
     virtual bool start();
     virtual bool stop();
+    // Waits until the loop thread has ended after stop().
+    void waitStopped();
 
     bool notifyNeedWriteData(int fd);
     bool writeDataNow(int fd);
@@ -115,10 +120,17 @@ class UnixIpcManager {
         int64_t lastTryAtMs = 0;
     };
 
-    // Sends the pending bytes of a write buffer. True when everything went
-    // out or the rest waits for the socket; false on failure (after a stall
-    // the unsent bytes are then dropped).
-    bool ensureDataSend(int fd, WriteChannel* channel);
+    enum class SendResult {
+        kSent,     // everything went out
+        kWaiting,  // the rest waits for the socket to drain
+        kDropped,  // the peer stalled past its last try: the rest was dropped
+        kFailed,   // the socket failed
+    };
+    // Sends the pending bytes of a write buffer.
+    SendResult ensureDataSend(int fd, WriteChannel* channel);
+    // Drops the unsent frames of a write buffer but the rest of one the peer
+    // has partly received.
+    static void keepStartedFrameOnly(BufferState* state);
     // Buffers, epoll callbacks and registration of a new connection.
     bool setUpConnection(int fd);
     // Close sequence after a failed receive or read handler.

@@ -13,6 +13,8 @@ std::mutex EventManager::quorRawEventManagerLock;
 
 namespace {
 
+constexpr size_t kRenoticeEvery = 256;
+
 void EraseValue(std::vector<int>* values, int value) {
     values->erase(std::remove(values->begin(), values->end(), value), values->end());
 }
@@ -55,24 +57,41 @@ void EventManager::EraseObserver(int fd) {
 int EventManager::AppendEvent(char* data, unsigned long len) {
     if (data == nullptr || len < sizeof(int32_t)) return 0;  // no type to route by
     const int32_t type = IpcReadS32(data);
-    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
-    if (events_.empty()) return 0;
-    auto event = events_.find(type);
-    if (event == events_.end() || clients_ == nullptr) return 0;
-    for (const int fd : event->second) {
-        auto client = clients_->find(fd);
-        if (client == clients_->end()) {
-            QLOGE(QUOR_TAG_SERVICE, "[EventManager][AppendEvent] no client for subscriber fd %d",
-                  fd);
-            continue;
-        }
-        (void)client->second.buildAndAppendSecondIpcPackage(IPC_PACKAGE_EVENT, data, len);
+    {
+        // Most records have no subscriber: one lookup, nothing built.
+        std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+        if (events_.empty()) return 0;
+        auto event = events_.find(type);
+        if (event == events_.end() || event->second.empty() || clients_ == nullptr) return 0;
     }
-    if (server_ != nullptr) {
-        for (const int fd : event->second) {
-            if (clients_->count(fd) != 0) (void)server_->notifyNeedWriteData(fd);
+    // Built once for every subscriber, outside the lock.
+    const QuorIpcPackage package =
+        IpcPackageManager::BuildSharedSecondIpcPackage(IPC_PACKAGE_EVENT, data, len);
+    if (package.packageData == nullptr) return 0;
+    {
+        std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+        auto event = events_.find(type);
+        if (event != events_.end() && clients_ != nullptr) {
+            for (const int fd : event->second) {
+                auto client = clients_->find(fd);
+                if (client == clients_->end()) {
+                    QLOGE(QUOR_TAG_SERVICE,
+                          "[EventManager][AppendEvent] no client for subscriber fd %d", fd);
+                    continue;
+                }
+                // A queue that already held packages has its write pending:
+                // the socket thread drains queues to empty before it gives up
+                // write interest, so an empty queue needs the notice. Every
+                // so often a busy one gets it too, in case its connection
+                // gave up writing after a socket error.
+                const size_t queued = client->second.appendSharedIpcPackage(package);
+                if ((queued == 0 || queued % kRenoticeEvery == 0) && server_ != nullptr) {
+                    (void)server_->notifyNeedWriteData(fd);
+                }
+            }
         }
     }
+    IpcPackageManager::ReleaseSharedIpcPackage(package);
     return 0;
 }
 

@@ -127,7 +127,10 @@ int QuorBpfService::Wait() {
         }
         sleepUnlessStopped(60);
     }
-    if (server_) server_->stop();
+    if (server_) {
+        server_->stop();
+        server_->waitStopped();
+    }
     if (producer_.joinable()) producer_.join();
     if (gplProducer_.joinable()) gplProducer_.join();
     return 0;
@@ -136,8 +139,7 @@ int QuorBpfService::Wait() {
 int QuorBpfService::eventProduceThread() {
     prctl(PR_SET_NAME, "BpfServicePoll", 0, 0, 0);
     if (!PinToServiceCpus()) {
-        QLOGE(QUOR_TAG_SERVICE,
-              "[QuorBpfService][eventProduceThread] set thread affinity failed. %s",
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] set thread affinity failed. %s",
               strerror(errno));
     }
 
@@ -151,8 +153,7 @@ int QuorBpfService::eventProduceThread() {
     }
 
     if (!InitBasetime()) {
-        QLOGE(QUOR_TAG_SERVICE,
-              "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
               strerror(errno));
     }
     if (initBpfMap() != 0) {

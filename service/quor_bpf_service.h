@@ -41,7 +41,7 @@ namespace Quor {
 namespace Bpf {
 
 class QuorBpfService {
-  public:
+public:
     using EventHandler = std::function<int(char*, long)>;
 
     static QuorBpfService* GetInstance();
@@ -136,7 +136,7 @@ class QuorBpfService {
 
     ~QuorBpfService();
 
-  private:
+private:
     QuorBpfService();
     QuorBpfService(const QuorBpfService&) = delete;
     QuorBpfService& operator=(const QuorBpfService&) = delete;

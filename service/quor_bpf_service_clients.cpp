@@ -99,8 +99,7 @@ int QuorBpfService::onClientLibWriteable(int fd, BufferState* buf) {
     // Only this thread changes the map, so reading it here needs no lock.
     auto client = clients_.find(fd);
     if (client == clients_.end()) return 0;
-    while (client->second.fillNextIpcPackageToBuffer(buf)) {
-    }
+    (void)client->second.fillNextIpcPackagesToBuffer(buf);
     return 0;
 }
 

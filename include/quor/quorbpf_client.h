@@ -81,7 +81,8 @@ class QUOR_BPF_CLIENT_EXPORT QuorBpfClient {
     void setConnectionCallback(ConnectionCallback onConnection);
 
     // True once connected (at once if already connected); false when the
-    // service could not be reached in time.
+    // service could not be reached in time, or when disconnect() was called
+    // meanwhile from another thread.
     bool connect(int timeoutMs = -1);
     // Closes the connection and stops reconnecting. Requests still waiting
     // are answered QUOR_BPF_STATUS_DISCONNECTED.

@@ -155,6 +155,16 @@ TEST(ClientConnectionTest, FirstConnectionHonoursItsTimeout) {
     EXPECT_FALSE(client.isConnected());
     EXPECT_FALSE(client.subscribe(2));  // remembered for later
 
+    // A connect() without limit ends when another thread disconnects.
+    auto waiting = std::async(std::launch::async, [&] { return client.connect(-1); });
+    ASSERT_EQ(waiting.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    // (Again if the thread had not begun to wait yet.)
+    EXPECT_TRUE(WaitFor([&] {
+        client.disconnect();
+        return waiting.wait_for(std::chrono::milliseconds(20)) == std::future_status::ready;
+    }));
+    EXPECT_FALSE(waiting.get());
+
     std::unique_ptr<SubscriptionServer> server;
     std::thread starter([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));

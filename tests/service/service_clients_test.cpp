@@ -328,12 +328,29 @@ TEST_F(ServiceClientsTest, StalledReaderLosesItsBacklogWithoutStallingOthers) {
     // in the queue; one last read makes room, and the socket thread then
     // runs into a full socket with most of the backlog still to send: ten
     // EAGAINs, a last try a second later, and the unsent bytes are dropped.
-    for (uint32_t seq = 0; seq < 24; ++seq) Append(Record(kStalledType, seq, 30000));
-    ASSERT_TRUE(WaitFor([&] { return stalled.drainAvailable() > 0; }));
+    // 116-byte frames: a full batch is queued by the kernel in two pieces, the
+    // first ending inside a frame, so the last send can stop half-way.
+    for (uint32_t seq = 0; seq < 6000; ++seq) Append(Record(kStalledType, seq, 100));
+    ASSERT_TRUE(WaitFor([&] { return stalled.drainAvailable(256 * 1024) > 0; }));
     EXPECT_TRUE(WaitFor([] { return ErrorLogHas(1); }));
     // Its queue keeps growing until the oldest half is dropped.
     for (uint32_t seq = 0; seq < 10100; ++seq) Append(Record(kStalledType, seq));
     EXPECT_TRUE(WaitFor([] { return ErrorLogHas(4); }));
+
+    // Reading again, it gets whole frames only (what it lost, it lost whole),
+    // up to a record sent after it came back.
+    Append(Record(kStalledType, 777777));
+    for (;;) {
+        uint32_t type = 0;
+        std::string body;
+        ASSERT_TRUE(stalled.readFrame(&type, &body)) << "the stream lost its framing";
+        ASSERT_EQ(type, 3u);
+        ASSERT_TRUE(body.size() == 48 || body.size() == 100) << body.size();
+        uint32_t seq = 0;
+        memcpy(&seq, &body[4], 4);
+        ASSERT_EQ(body, Record(kStalledType, seq, body.size()));
+        if (seq == 777777) break;
+    }
 
     ticking.store(false);
     ticker.join();

@@ -97,24 +97,24 @@ class RawIpcClient {
         return true;
     }
 
-    // Exactly `count` bytes, or false on timeout or close.
+    // Exactly `count` bytes, or false on timeout or close (bytes read so far
+    // are kept for the next call, so a frame is never lost half-way).
     bool readExact(size_t count, std::string* out, int timeoutMs = 5000) {
-        out->clear();
         const auto deadline =
             std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (out->size() < count) {
+        while (pending_.size() < count) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 deadline - std::chrono::steady_clock::now());
             if (left.count() <= 0) return false;
             pollfd p = {fd_, POLLIN, 0};
             if (poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
-            char chunk[4096];
-            const size_t want =
-                count - out->size() < sizeof(chunk) ? count - out->size() : sizeof(chunk);
-            const ssize_t n = recv(fd_, chunk, want, 0);
+            char chunk[65536];
+            const ssize_t n = recv(fd_, chunk, sizeof(chunk), 0);
             if (n <= 0) return false;
-            out->append(chunk, n);
+            pending_.append(chunk, n);
         }
+        *out = pending_.substr(0, count);
+        pending_.erase(0, count);
         return true;
     }
 
@@ -126,22 +126,29 @@ class RawIpcClient {
         memcpy(&length, header.data(), 8);
         if (length < 8 || length > (1 << 20)) return false;
         std::string package;
-        if (!readExact(static_cast<size_t>(length), &package, timeoutMs)) return false;
+        if (!readExact(static_cast<size_t>(length), &package, timeoutMs)) {
+            pending_.insert(0, header);  // whole frames or nothing
+            return false;
+        }
         *type = GetU32(package, 0);
         if (GetU32(package, 4) != static_cast<uint64_t>(length) - 8) return false;
         *body = package.substr(8);
         return true;
     }
 
-    // Reads whatever has arrived, without waiting; returns the byte count.
-    size_t drainAvailable() {
+    // Takes up to `limit` bytes that have arrived off the socket without
+    // waiting (kept for later reads); returns the byte count.
+    size_t drainAvailable(size_t limit) {
         size_t total = 0;
         char chunk[65536];
-        for (;;) {
-            const ssize_t n = recv(fd_, chunk, sizeof(chunk), MSG_DONTWAIT);
+        while (total < limit) {
+            const size_t want = limit - total < sizeof(chunk) ? limit - total : sizeof(chunk);
+            const ssize_t n = recv(fd_, chunk, want, MSG_DONTWAIT);
             if (n <= 0) return total;
+            pending_.append(chunk, n);
             total += n;
         }
+        return total;
     }
 
     // True once the peer has closed the connection.
@@ -160,6 +167,7 @@ class RawIpcClient {
 
   private:
     int fd_ = -1;
+    std::string pending_;  // received, not yet read
 };
 
 }  // namespace quortest
