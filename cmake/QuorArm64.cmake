@@ -3,7 +3,7 @@
 #
 #   - The kernel programmes are built for the arm64 register layout and,
 #     as this machine has no arm64 kernel BTF, against the hand-kept CO-RE
-#     header kernel/quor_vmlinux_core.h plus the arm64 UAPI headers
+#     header kernel/core/vmlinux.h plus the arm64 UAPI headers
 #     (linux-libc-dev:arm64). Passing -DQUOR_VMLINUX_BTF=<arm64 BTF> together
 #     with -DQUOR_VMLINUX_HEADER= builds them from a real arm64 BTF instead.
 #   - libbcc_bpf.so for arm64 is not a dpkg-installed file (see
@@ -14,7 +14,7 @@ if(NOT CMAKE_CROSSCOMPILING OR NOT CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm
   return()
 endif()
 
-set(QUOR_VMLINUX_HEADER ${PROJECT_SOURCE_DIR}/kernel/quor_vmlinux_core.h CACHE FILEPATH "")
+set(QUOR_VMLINUX_HEADER ${PROJECT_SOURCE_DIR}/kernel/core/vmlinux.h CACHE FILEPATH "")
 set(QUOR_BPF_UAPI_INCLUDE_DIR /usr/include/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "")
 if(NOT EXISTS ${QUOR_BPF_UAPI_INCLUDE_DIR}/asm/ptrace.h)
   message(FATAL_ERROR "arm64 UAPI headers missing in ${QUOR_BPF_UAPI_INCLUDE_DIR}: "

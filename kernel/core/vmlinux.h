@@ -1,8 +1,10 @@
 /*
  * The kernel types the programmes read, for a build that has no BTF of its
- * target kernel (the arm64 cross build: the target's BTF is on the device,
- * not on the build machine). The build copies this file to vmlinux.h in
- * place of the header that bpftool generates from BTF.
+ * target kernel: the arm64 cross build (the target's BTF is on the device,
+ * not on the build machine; CMake copies this file to the build folder's
+ * vmlinux.h) and the platform build (Android.bp puts this folder on the
+ * programmes' include path). A native build generates vmlinux.h from the
+ * running kernel's BTF instead.
  *
  * Two kinds of type, kept apart:
  *   - the stable user-space ABI (BPF map types and flags, the kprobe register
