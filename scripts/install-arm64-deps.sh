@@ -25,8 +25,11 @@ TOOLS="
   qemu-user-static
 "
 # arm64 libraries; each must be the version of the amd64 one installed
-# beside it (Multi-Arch: same), which apt arranges.
+# beside it (Multi-Arch: same), which apt arranges. libc6:arm64 gives qemu
+# the loader and C library the binaries run with; linux-libc-dev:arm64 the
+# UAPI headers (asm/ptrace.h) the arm64 BPF objects are built with.
 LIBS="
+  libc6:arm64 linux-libc-dev:arm64
   android-libbase-dev:arm64 android-liblog-dev:arm64 android-libcutils-dev:arm64
   libbpf-dev:arm64 libelf-dev:arm64 zlib1g-dev:arm64
   libgtest-dev:arm64
