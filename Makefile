@@ -47,7 +47,7 @@ clean:
 BUILD_ARM64 ?= build-arm64
 ARM64_TEST_LABELS ?= unprivileged|namespaces
 
-.PHONY: arm64-deps arm64 test-arm64
+.PHONY: arm64-deps arm64 test-arm64 clean-arm64
 
 arm64-deps:
 	@scripts/install-arm64-deps.sh
@@ -58,6 +58,9 @@ arm64: arm64-deps
 
 test-arm64: arm64
 	@cd $(BUILD_ARM64) && ctest -j $(JOBS) --output-on-failure -L '$(ARM64_TEST_LABELS)'
+
+clean-arm64:
+	@rm -rf $(BUILD_ARM64)
 
 # `make test` runs the arm64 checks too, before the native suite: about seven
 # minutes from scratch on two cores, seconds once built. The arm64 packages go

@@ -250,15 +250,25 @@ TEST(DaemonFinderTest, PidFileFirstWhileItNamesTheDaemonThenTheProcessList) {
 // the file the way the real dump thread does (remove, create, write) but
 // slowly and in two parts, so a reader that trusts the first bytes fails.
 pid_t StartSlowWriter(const std::string& path, int signo, const std::string& contents) {
+    // The child starts with the signal blocked and takes it with sigwait(),
+    // so a request sent before it waits is kept, not lost (pause() would
+    // miss one that came before it) nor fatal (an emulator shows its own
+    // handlers in SigCgt, so the request may come before the child's).
     sigset_t set;
+    sigset_t old;
     sigemptyset(&set);
     sigaddset(&set, signo);
+    pthread_sigmask(SIG_BLOCK, &set, &old);
     const pid_t child = fork();
-    if (child != 0) return child;
+    if (child != 0) {
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+        return child;
+    }
     // A handler makes the signal show in SigCgt; the work is done below.
     signal(signo, [](int) {});
     for (;;) {
-        pause();
+        int taken = 0;
+        if (sigwait(&set, &taken) != 0) _exit(1);
         (void)remove(path.c_str());
         FILE* out = fopen(path.c_str(), "we");
         if (out == nullptr) _exit(1);
