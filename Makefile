@@ -30,9 +30,11 @@ run: build
 daemon: build
 	@$(BUILD)/tools/quorbpfd --unpin-on-exit $(ARGS)
 
-# The benchmarks start the service, so they run in private namespaces.
+# The benchmark suite starts the daemon and loads BPF programmes, so it runs
+# in private namespaces; it prints one table (bench/run_suite.sh).
+# BENCH_ARGS picks programmes, e.g. BENCH_ARGS=storm_bench.
 bench: build
-	@tests/run_isolated.sh $(BUILD)/bench/fanout_bench $(BENCH_ARGS)
+	@tests/run_isolated.sh bench/run_suite.sh $(BUILD) $(BENCH_ARGS)
 
 format:
 	@find include service ipc bpf diag tools tests -name '*.h' -o -name '*.cpp' | xargs clang-format -i

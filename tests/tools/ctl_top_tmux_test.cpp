@@ -38,7 +38,7 @@ protected:
                                    daemon_->PidFile() +
                                    "; echo TOP-EXIT=$?; stty -a | tr -s ' ;\\n' '\\n\\n\\n' | "
                                    "grep -x -e -icanon -e icanon -e -echo -e echo | tr '\\n' ' '; "
-                                   "echo; sleep 120";
+                                   "echo TTY-CHECKED; sleep 120";
         ASSERT_EQ(Shell(tmux_ + " new-session -d -s top -x 120 -y 40 \"" + script + "\"").code, 0);
         ASSERT_TRUE(
             WaitFor([&] { return Screen().find("quorbpfctl top") != std::string::npos; }, 20000))
@@ -100,7 +100,7 @@ TEST_F(TopTmuxTest, ShowsAGrowingProcessAndQuitsCleanly) {
     printf("%s\n", Screen().c_str());  // what a person saw
 
     ASSERT_EQ(Shell(tmux_ + " send-keys -t top q").code, 0);
-    ASSERT_TRUE(WaitFor([&] { return Screen().find("TOP-EXIT=") != std::string::npos; }, 10000));
+    ASSERT_TRUE(WaitFor([&] { return Screen().find("TTY-CHECKED") != std::string::npos; }, 10000));
     const std::string after = Screen();
     EXPECT_NE(after.find("TOP-EXIT=0"), std::string::npos) << after;
     EXPECT_NE(after.find("icanon echo"), std::string::npos) << after;
@@ -112,7 +112,7 @@ TEST_F(TopTmuxTest, SigtermRestoresTheTerminal) {
     const pid_t top = TopPid();
     ASSERT_GT(top, 0);
     kill(top, SIGTERM);
-    ASSERT_TRUE(WaitFor([&] { return Screen().find("TOP-EXIT=") != std::string::npos; }, 10000))
+    ASSERT_TRUE(WaitFor([&] { return Screen().find("TTY-CHECKED") != std::string::npos; }, 10000))
         << Screen();
     const std::string after = Screen();
     EXPECT_NE(after.find("TOP-EXIT=0"), std::string::npos) << after;

@@ -139,6 +139,10 @@ void RemovePidFile(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Signals 50 to 54 ask for dumps; until the service installs its handlers
+    // their default action would end the daemon, so ignore them meanwhile.
+    for (int signo = 50; signo <= 54; ++signo) (void)signal(signo, SIG_IGN);
+
     std::map<std::string, std::string> properties;
     bool load = true;
     bool unpinOnExit = false;
