@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
 .PHONY: all deps configure build test run daemon bench clean format
-.PHONY: unit stress test-asan test-tsan fuzz-build fuzz-smoke fuzz
+.PHONY: unit stress test-all test-asan test-tsan fuzz-build fuzz-smoke fuzz
 
 all: build
 
@@ -18,10 +18,13 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
-# make test: the suite, the stress and fault tests, the suite again under
-# AddressSanitizer + UndefinedBehaviorSanitizer and the threaded tests under
-# ThreadSanitizer (any report fails), and a short run of every fuzzer.
-test: unit stress test-asan test-tsan fuzz-smoke
+# make test: the suite and the stress and fault tests.
+# make test-all adds the suite under AddressSanitizer + UndefinedBehaviorSanitizer
+# and the threaded tests under ThreadSanitizer (any report fails), a short run
+# of every fuzzer, and the arm64 build with its tests under qemu.
+test: unit stress
+
+test-all: test test-asan test-tsan fuzz-smoke test-arm64
 
 unit: build
 	@cd $(BUILD) && ctest -j $(JOBS) --output-on-failure -LE stress
@@ -113,14 +116,13 @@ test-arm64: arm64
 clean-arm64:
 	@rm -rf $(BUILD_ARM64)
 
-# `make test` runs the arm64 checks too, before the native suite: about seven
-# minutes from scratch on two cores, seconds once built. The arm64 packages go
-# in before the native configure, which then also builds the arm64 programme
-# objects for arm64_objects_test. `make test ARM64=0` leaves all that out.
-ARM64 ?= 1
-ifeq ($(ARM64),1)
-test: test-arm64
-ifneq ($(filter test,$(MAKECMDGOALS)),)
-configure: arm64-deps
+# With ARM64=1 the arm64 packages go in before the native configure, which
+# then also builds the arm64 programme objects for arm64_objects_test: about
+# seven minutes from scratch on two cores. `make test-all` sets it.
+ARM64 ?= 0
+ifneq ($(filter test-all,$(MAKECMDGOALS)),)
+ARM64 := 1
 endif
+ifeq ($(ARM64),1)
+configure: arm64-deps
 endif

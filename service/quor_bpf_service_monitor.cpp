@@ -187,9 +187,8 @@ int QuorBpfService::runMonitor(int index) {
     // when it goes to sleep so that the next record wakes it at once. It
     // trades CPU for latency; by default the monitor blocks in its poll and
     // relies on the programmes' paced wake-ups.
-    const bool announces =
-        index == RINGBUF_MAIN &&
-        android::base::GetProperty(QUOR_BPF_LOW_LATENCY_PROPERTY, "0") == "1";
+    const bool announces = index == RINGBUF_MAIN &&
+                           android::base::GetProperty(QUOR_BPF_LOW_LATENCY_PROPERTY, "0") == "1";
     AnnouncedWait announced(rb, statusFd.get());
     if (announces) (void)prctl(PR_SET_TIMERSLACK, kPollTimerSlackNs, 0, 0, 0);
     int consecutiveErrors = 0;

@@ -32,16 +32,16 @@
 
 /* Kernel record types (first field of every ring-buffer record). */
 enum quor_event_type {
-    QUOR_EVENT_TASK_INIT = 0,      /* quor_task_init: a process that existed at start */
-    QUOR_EVENT_RSS_STAT = 1,       /* kmem_rss_info: one resident-memory counter changed */
-    QUOR_EVENT_TASK_CREATE = 2,    /* sched_task_create: fork of a process or thread */
-    QUOR_EVENT_TASK_EXIT = 3,      /* sched_task_exit: exit of a process or thread */
-    QUOR_EVENT_DMABUF_SIZE = 4,    /* dmabuf_size_info: a process's dmabuf total changed */
-    QUOR_EVENT_CGROUP_ATTACH = 5,  /* cgroup_attach_cpuset_info: a task moved cgroup */
-    QUOR_EVENT_FD_UPDATE = 6,      /* fd_update_info: a process installed a descriptor */
-    QUOR_EVENT_DMABUF_UPDATE = 7,  /* dmabuf_update: a dmabuf was set up or released */
+    QUOR_EVENT_TASK_INIT = 0,     /* quor_task_init: a process that existed at start */
+    QUOR_EVENT_RSS_STAT = 1,      /* kmem_rss_info: one resident-memory counter changed */
+    QUOR_EVENT_TASK_CREATE = 2,   /* sched_task_create: fork of a process or thread */
+    QUOR_EVENT_TASK_EXIT = 3,     /* sched_task_exit: exit of a process or thread */
+    QUOR_EVENT_DMABUF_SIZE = 4,   /* dmabuf_size_info: a process's dmabuf total changed */
+    QUOR_EVENT_CGROUP_ATTACH = 5, /* cgroup_attach_cpuset_info: a task moved cgroup */
+    QUOR_EVENT_FD_UPDATE = 6,     /* fd_update_info: a process installed a descriptor */
+    QUOR_EVENT_DMABUF_UPDATE = 7, /* dmabuf_update: a dmabuf was set up or released */
     QUOR_EVENT_KERNEL_MAX = 7,
-    QUOR_EVENT_POLL_COUNT = 8,     /* statistics slot only, never a record */
+    QUOR_EVENT_POLL_COUNT = 8, /* statistics slot only, never a record */
 };
 
 /* Records composed by the service itself. */
@@ -245,9 +245,9 @@ enum quor_reader_state {
     QUOR_READER_WOKEN = 3,
 };
 enum quor_status_bits {
-    QUOR_STATUS_OVERFLOW = 1,   /* set by the programmes, cleared by the service */
-    QUOR_STATUS_CORE_ON = 2,    /* programmes active; fork and exit records flow */
-    QUOR_STATUS_NORMAL_ON = 4,  /* with CORE_ON: every other record flows too */
+    QUOR_STATUS_OVERFLOW = 1,  /* set by the programmes, cleared by the service */
+    QUOR_STATUS_CORE_ON = 2,   /* programmes active; fork and exit records flow */
+    QUOR_STATUS_NORMAL_ON = 4, /* with CORE_ON: every other record flows too */
 };
 
 /*

@@ -79,7 +79,7 @@ std::string CommOf(const char (&comm)[QUOR_COMM_LEN]) {
 }
 
 class KernelRecordsTest : public ::testing::Test {
-  protected:
+protected:
     static void SetUpTestSuite() {
         if (geteuid() != 0) {
             g_skip = "needs root to load BPF programmes";
