@@ -10,7 +10,7 @@ set -u
 
 build=$(cd "${1:?usage: run_suite.sh BUILD_DIR [programme...]}" && pwd)
 shift
-programmes=${*:-"pipeline_bench storm_bench seeding_bench memory_bench"}
+programmes=${*:-"pipeline_bench storm_bench startup_scan_bench memory_bench"}
 
 logs=$build/bench-logs
 mkdir -p "$logs"

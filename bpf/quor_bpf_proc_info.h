@@ -3,7 +3,7 @@
 // dmabuf scan needs. The member functions getProcessInfo(), GetFdSize() and
 // GetFdInode() of QuorBpfService are implemented beside these helpers;
 // initTaskInfo(), which feeds ReadTaskInitRecord()'s records to the record
-// handler, is in quor_bpf_task_seed.cpp.
+// handler, is in quor_bpf_task_scan.cpp.
 //
 // Procfs text is treated as untrusted: a value that is not a number reads as
 // 0, lines are bounded (QuorBpfLineReader), names are copied into fixed

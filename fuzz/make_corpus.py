@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Writes the fuzzers' seed corpora into fuzz/corpus/<target>/.
+"""Writes the fuzzers' starting corpora into fuzz/corpus/<target>/.
 
-Run it again after changing a seed here; the files are kept in the tree so
+Run it again after changing an input here; the files are kept in the tree so
 that a fuzz run needs nothing but the build. Layouts follow ipc/ipc_package.h
 and include/quor/quor_bpf_records.h.
 """
