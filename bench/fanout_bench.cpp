@@ -227,7 +227,7 @@ BENCHMARK(BM_FanOut)
 
 // Prints the runs as usual and keeps their rates for the summary.
 class SummaryReporter : public benchmark::ConsoleReporter {
-  public:
+public:
     SummaryReporter() : ConsoleReporter(OO_Tabular) {}
 
     void ReportRuns(const std::vector<Run>& runs) override {

@@ -17,6 +17,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -78,11 +79,13 @@ int UpdateMapElem(int fd, const void* key, const void* value) {
 }
 
 // Deletes every key of a map keyed by quor_process_inode_key or
-// quor_process_mmap_key (same layout) whose pid is `pid`; `mapName` names the
-// map in the logs. The next key is fetched before the current one is deleted:
-// resuming from a deleted key would restart a hash map's walk at its start.
-template <typename Key>
-int DeletePidKeys(int mapFd, int pid, const char* mapName) {
+// quor_process_mmap_key (same layout) whose pid `doomed` accepts; `mapName`
+// names the map in the logs. The next key is fetched before the current one
+// is deleted: resuming from a deleted key would restart a hash map's walk at
+// its start. A walk costs a system call per entry plus a scan of every bucket
+// (even an empty map's), so callers walk once for as many pids as they can.
+template <typename Key, typename Doomed>
+int DeletePidKeys(int mapFd, const Doomed& doomed, const char* mapName) {
     static_assert(sizeof(Key) == 16, "per-process dmabuf key layout");
     Key key{};
     Key next{};
@@ -90,7 +93,7 @@ int DeletePidKeys(int mapFd, int pid, const char* mapName) {
     while (haveKey) {
         haveKey = bpf_map_get_next_key(mapFd, &key, &next) == 0;
         const int nextErrno = errno;
-        if (key.pid == pid && bpf_map_delete_elem(mapFd, &key) != 0) {
+        if (doomed(key.pid) && bpf_map_delete_elem(mapFd, &key) != 0) {
             QLOGW(QUOR_TAG_SERVICE, "Clean up %s faield! %s", mapName, strerror(errno));
             return -1;
         }
@@ -335,15 +338,25 @@ int QuorBpfService::initDmabufBpfProg() {
 }
 
 int QuorBpfService::cleanUpDmabufMap(int pid) {
+    return cleanUpDmabufMaps(std::vector<int32_t>{pid});
+}
+
+int QuorBpfService::cleanUpDmabufMaps(const std::vector<int32_t>& pids) {
     if (processInodeMapFd_.get() < 0 || processMmapInfos_.get() < 0) {
         QLOGW(QUOR_TAG_SERVICE, "processInodeMapFd and processMmapInfos not exists");
         return 0;
     }
-    if (DeletePidKeys<quor_process_inode_key>(processInodeMapFd_.get(), pid, "processInodeMapFd") !=
-        0) {
+    std::vector<int32_t> sorted(pids);
+    std::sort(sorted.begin(), sorted.end());
+    const auto doomed = [&sorted](int32_t pid) {
+        return std::binary_search(sorted.begin(), sorted.end(), pid);
+    };
+    if (DeletePidKeys<quor_process_inode_key>(processInodeMapFd_.get(), doomed,
+                                              "processInodeMapFd") != 0) {
         return -1;
     }
-    return DeletePidKeys<quor_process_mmap_key>(processMmapInfos_.get(), pid, "processMmapInfos");
+    return DeletePidKeys<quor_process_mmap_key>(processMmapInfos_.get(), doomed,
+                                                "processMmapInfos");
 }
 
 }  // namespace Bpf

@@ -35,7 +35,7 @@ constexpr int kFirstConnectRetryMs = 100;
 }  // namespace
 
 class QuorBpfClientImpl {
-  public:
+public:
     enum class Phase { kIdle, kFirstConnect, kConnected, kReconnecting };
 
     using EventCallback = QuorBpfClient::EventCallback;

@@ -32,7 +32,7 @@ namespace Quor {
 namespace Bpf {
 
 class QuorBpfDataState {
-  public:
+public:
     using SecondsClock = int64_t (*)();
 
     static QuorBpfDataState* GetInstance();
@@ -54,7 +54,7 @@ class QuorBpfDataState {
     static constexpr const char* QUORTASK_DUMP_TEMPLATE =
         "/data/quorlog/stability/quorbpfframework/bpfservice_state.csv";
 
-  private:
+private:
     using Slot = uint32_t[QUOR_STAT_SLOTS];
 
     // Moves head to the second `now`, clearing the slots it passes.

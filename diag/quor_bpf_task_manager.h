@@ -50,7 +50,7 @@ namespace Quor {
 namespace Bpf {
 
 class QuorTaskManager {
-  public:
+public:
     static QuorTaskManager* GetInstance();
 
     // main[pid] = task; returns 0.
@@ -95,7 +95,7 @@ class QuorTaskManager {
     static constexpr const char* QUORTASK_DUMP_TEMPLATE =
         "/data/quorlog/stability/quorbpfframework/DUMPTASK_INFO";
 
-  private:
+private:
     QuorTaskManager() = default;
     QuorTaskManager(const QuorTaskManager&) = delete;
     QuorTaskManager& operator=(const QuorTaskManager&) = delete;

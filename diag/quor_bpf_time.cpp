@@ -17,7 +17,9 @@ namespace {
 // Written once at start-up, read by every thread afterwards.
 std::atomic<int64_t> __basetime{0};
 
-int64_t Base() { return __basetime.load(std::memory_order_relaxed); }
+int64_t Base() {
+    return __basetime.load(std::memory_order_relaxed);
+}
 
 timespec ReadClock(clockid_t clock) {
     timespec ts = {};
@@ -55,7 +57,9 @@ bool InitBasetime() {
     return true;
 }
 
-int64_t GetBasetime() { return Base(); }
+int64_t GetBasetime() {
+    return Base();
+}
 
 int64_t GetSystemBootNanosencondsTime() {
     const timespec ts = ReadClock(CLOCK_MONOTONIC);

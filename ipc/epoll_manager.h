@@ -43,7 +43,7 @@ struct EpollCallback {
 };
 
 class EpollManager {
-  public:
+public:
     // epollSize: size hint (> 0); maxEvents: events handled per wait;
     // name: thread name and log tag ("BpfUtils" when null); cpus: the loop
     // thread's affinity (an empty set means CPU 0); timeoutMs: -1 waits forever.
@@ -84,7 +84,7 @@ class EpollManager {
 
     void mainThread();
 
-  private:
+private:
     struct Entry {
         EpollCallback callback;
         // A producer asked for a write since the write callback last started.

@@ -39,6 +39,7 @@
 // whoever holds that descriptor's write mutex).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // Frame header: the signed 64-bit length of the typed package that follows.
@@ -102,6 +103,30 @@ struct QuorRespIpcPackage {
     uint32_t reserved;
     char* data;
 };
+
+// The header sizes above are the wire's, and a received response body is
+// handed on as a QuorRespIpcPackage*: a target whose layout differs must not
+// build.
+static_assert(sizeof(IpcPackageType) == 4 && sizeof(IpcCommand) == 4, "wire words are 32-bit");
+static_assert(IPC_FRAME_HEADER_SIZE == sizeof(int64_t), "frame length is an s64");
+static_assert(IPC_PACKAGE_HEADER_SIZE == 2 * sizeof(uint32_t), "package header: type, length");
+static_assert(offsetof(QuorReqIpcPackage, reqId) == 0 &&
+                  offsetof(QuorReqIpcPackage, command) == 4 &&
+                  offsetof(QuorReqIpcPackage, dataSize) == 8,
+              "request fields in wire order");
+static_assert(offsetof(QuorReqIpcPackage, dataSize) + sizeof(uint32_t) ==
+                  IPC_REQUEST_BODY_HEADER_SIZE,
+              "request body header");
+static_assert(offsetof(QuorRespIpcPackage, reqId) == 0 &&
+                  offsetof(QuorRespIpcPackage, status) == 4 &&
+                  offsetof(QuorRespIpcPackage, dataSize) == 8 &&
+                  offsetof(QuorRespIpcPackage, reserved) == 12,
+              "response fields in wire order");
+static_assert(offsetof(QuorRespIpcPackage, dataSize) + sizeof(uint32_t) ==
+                  IPC_RESPONSE_DECODED_HEADER_SIZE,
+              "decoded response header");
+static_assert(sizeof(QuorRespIpcPackage) == IPC_RESPONSE_BODY_HEADER_SIZE,
+              "a response struct mirrors the encoded response body header");
 
 // True when a whole frame lies at state->bufferCursor. *headerSize is always
 // set to 8; once the 8 length bytes are present *packageSize is set to L.

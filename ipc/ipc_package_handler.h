@@ -22,7 +22,7 @@
 #include "ipc/ipc_package.h"
 
 class IpcPackageHandler {
-  public:
+public:
     // (fd, body, body length) -> -1 when the package is bad, else anything.
     using PackageCallback = std::function<int(int, char*, long)>;
 
@@ -39,6 +39,6 @@ class IpcPackageHandler {
     // claims more bytes than the frame holds.
     int handleSecondIpcPackage(int fd, char* package, long packageSize);
 
-  private:
+private:
     std::map<unsigned int, PackageCallback> callbacks_;
 };

@@ -226,25 +226,52 @@ bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* state) {
 }
 
 size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* state) {
+    // The producers contend for the queue's mutex, so it is held only to take
+    // the packages that fit off the queue (a few pointers each); the copying
+    // into the buffer and the freeing happen after it is released.
+    constexpr size_t kTakeAtOnce = 256;
     size_t filled = 0;
     for (;;) {
-        FillStep step;
+        QuorIpcPackage taken[kTakeAtOnce];
+        size_t count = 0;
+        bool damaged = false;
         {
-            // One lock for a whole batch: the producers contend for this
-            // mutex, and a batch holds hundreds of small frames.
             std::lock_guard<std::mutex> lock(mutex_);
-            do {
-                step = fillNextLocked(state);
-                if (step == FillStep::kFilled) ++filled;
-            } while (step == FillStep::kFilled);
+            int64_t room = state->bufferSize - state->bufferDataCursor;
+            while (count < kTakeAtOnce && !queue_.empty()) {
+                const uint64_t frameSize = queue_.front().packageSize + IPC_FRAME_HEADER_SIZE;
+                if (frameSize > static_cast<uint64_t>(state->bufferSize)) {
+                    // As fillNextIpcPackageToBuffer: a package that can never
+                    // fit is dropped and ends the batch, once it is first.
+                    if (count == 0) {
+                        popFront();
+                        damaged = true;
+                    }
+                    break;
+                }
+                if (frameSize > static_cast<uint64_t>(room)) break;
+                room -= static_cast<int64_t>(frameSize);
+                taken[count++] = queue_.front();
+                queue_.pop_front();
+            }
             count_.store(queue_.size(), std::memory_order_relaxed);
         }
-        if (step != FillStep::kDamaged) return filled;
-        // As fillNextIpcPackageToBuffer: a damaged package ends the batch.
-        RecordBpfServiceErrorInfo(kErrorFillNextDamaged,
-                                  "fillNextIpcPackageToBuffer ipc package damaged");
-        QLOGE(QUOR_TAG_UTILS, "The ipc package is damaged! remove this package");
-        return filled;
+        for (size_t i = 0; i < count; ++i) {
+            const int64_t length = static_cast<int64_t>(taken[i].packageSize);
+            char* at = state->buffer + state->bufferDataCursor;
+            memcpy(at, &length, sizeof(length));
+            memcpy(at + IPC_FRAME_HEADER_SIZE, taken[i].packageData, taken[i].packageSize);
+            state->bufferDataCursor += IPC_FRAME_HEADER_SIZE + length;
+            ReleaseBlock(taken[i].packageData);
+        }
+        filled += count;
+        if (damaged) {
+            RecordBpfServiceErrorInfo(kErrorFillNextDamaged,
+                                      "fillNextIpcPackageToBuffer ipc package damaged");
+            QLOGE(QUOR_TAG_UTILS, "The ipc package is damaged! remove this package");
+            return filled;
+        }
+        if (count < kTakeAtOnce) return filled;
     }
 }
 

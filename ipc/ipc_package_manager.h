@@ -32,7 +32,7 @@
 #include "ipc/ipc_package.h"
 
 class IpcPackageManager {
-  public:
+public:
     // Queue bound: an append that finds more than QUEUE_HIGH_WATER packages
     // drops the oldest until QUEUE_LOW_WATER remain.
     static constexpr size_t QUEUE_HIGH_WATER = 10000;
@@ -82,7 +82,7 @@ class IpcPackageManager {
     // Drops every queued package (a connection that is gone); returns how many.
     size_t dropAllIpcPackages();
 
-  private:
+private:
     // Queues a built package; errorCode and logPrefix name the caller in the
     // overflow record. Returns the number of packages queued before it.
     size_t appendPackage(QuorIpcPackage package, int errorCode, const char* logPrefix);

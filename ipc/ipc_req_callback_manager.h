@@ -23,7 +23,7 @@
 #include "ipc/ipc_package.h"
 
 class IpcReqCallBackManager {
-  public:
+public:
     // (reqId, status, data, dataSize); the result is ignored.
     using ResponseCallback = std::function<int(unsigned int, int, char*, unsigned int)>;
 
@@ -37,7 +37,7 @@ class IpcReqCallBackManager {
     // an ERROR log) when no callback waits for it.
     bool handleReqCallBack(QuorRespIpcPackage* resp);
 
-  private:
+private:
     unsigned int nextReqId_ = 0;
     std::mutex mutex_;
     std::map<unsigned int, ResponseCallback> callbacks_;

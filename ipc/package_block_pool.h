@@ -21,7 +21,7 @@
 #include <cstddef>
 
 class PackageBlockPool {
-  public:
+public:
     static constexpr size_t BLOCK_SIZE = 128;
 
     static void* Allocate(size_t size);

@@ -22,7 +22,7 @@
 #include <vector>
 
 class PeerAccessPolicy {
-  public:
+public:
     PeerAccessPolicy(uid_t ownUid, std::set<uid_t> uids, std::set<gid_t> gids);
 
     // The ids of a list; malformed entries are skipped and, when `rejected`
@@ -36,7 +36,7 @@ class PeerAccessPolicy {
     // peer whose credentials cannot be read is refused.
     bool allowsPeer(int fd, std::string* who) const;
 
-  private:
+private:
     uid_t ownUid_;
     std::set<uid_t> uids_;
     std::set<gid_t> gids_;

@@ -64,7 +64,7 @@ struct IpcHandlerState {
 };
 
 class UnixIpcManager {
-  public:
+public:
     UnixIpcManager(bool isServer, int bufferSize, std::string path, IpcHandlerState handlers,
                    const char* name, cpu_set_t cpus, int epollSize, int maxEvents);
     // With the calling thread's affinity.
@@ -125,7 +125,7 @@ class UnixIpcManager {
     int onCommWriteCallback(epoll_event event);
     int onClientCloseCallback(epoll_event event);
 
-  private:
+private:
     // One connection's outgoing side.
     struct WriteChannel {
         BufferState state{};

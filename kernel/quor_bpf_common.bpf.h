@@ -71,17 +71,30 @@ static __always_inline void quor_report_overflow(void)
 /*
  * Waking the reader costs the writer an interrupt (an expensive exit on a
  * virtual machine) and the reader a context switch, so a set that defines
- * QUOR_PACED_WAKEUPS wakes it at most every QUOR_WAKEUP_GAP_NS: the first
- * record after a quiet gap wakes it at once, a storm wakes it once per gap.
+ * QUOR_PACED_WAKEUPS wakes it sparingly, by what the reader announces in the
+ * status map (enum quor_reader_state):
  *
- * The wake-up after a gap must be forced: once a record went unannounced the
- * reader is behind, and the kernel's own (adaptive) rule only wakes a reader
- * that has caught up, so it would never wake again. For the same reason a
- * filling ring buffer forces a wake-up long before it is full: announcing
- * needs room for a record. What a storm leaves unannounced when it ends is
- * announced by quor_flush_wakeup(), which the main set runs from its
- * context-switch programme; a set without such a programme must not pace
- * and keeps the adaptive rule, which never strands a record.
+ *   polling      the reader consumes on its own short schedule: no wake-up;
+ *   sleeping     the first record committed afterwards wakes it, once (the
+ *                state moves to woken);
+ *   unannounced  the pacing rule below, for readers that say nothing.
+ *
+ * The check for a sleeping reader comes after the commit: the commit is a
+ * full barrier, and the reader announces its sleep before its last look at
+ * the ring buffer, so either that look finds the record or the record finds
+ * the announcement. The wake-up is carried by a discarded 8-byte record.
+ *
+ * Pacing rule: at most every QUOR_WAKEUP_GAP_NS; the first record after a
+ * quiet gap wakes the reader at once, a storm wakes it once per gap. That
+ * wake-up must be forced: once a record went unannounced the reader is
+ * behind, and the kernel's own (adaptive) rule only wakes a reader that has
+ * caught up, so it would never wake again. For the same reason a filling ring
+ * buffer forces a wake-up long before it is full, whatever the reader said:
+ * announcing needs room for a record. What a storm leaves unannounced when it
+ * ends is announced by quor_flush_wakeup(), which the main set runs from its
+ * context-switch programme (also a safety net for a reader that stopped
+ * without saying so); a set without such a programme must not pace and keeps
+ * the adaptive rule, which never strands a record.
  */
 #define QUOR_WAKEUP_GAP_NS 10000000ULL
 #define QUOR_WAKEUP_FILL_BYTES (64 << 10)
@@ -89,11 +102,15 @@ static __always_inline void quor_report_overflow(void)
 static __always_inline __u64 quor_submit_flags(__u64 now)
 {
 #ifdef QUOR_PACED_WAKEUPS
-    __u32 key = QUOR_STATUS_KEY_WOKEN_NS;
+    if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >= QUOR_WAKEUP_FILL_BYTES)
+        return BPF_RB_FORCE_WAKEUP;
+    __u32 key = QUOR_STATUS_KEY_READER;
+    __u64 *reader = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (reader && *reader != QUOR_READER_UNANNOUNCED) return BPF_RB_NO_WAKEUP;
+    key = QUOR_STATUS_KEY_WOKEN_NS;
     __u64 *woken = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!woken) return 0;
-    if (now - *woken >= QUOR_WAKEUP_GAP_NS ||
-        bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >= QUOR_WAKEUP_FILL_BYTES) {
+    if (now - *woken >= QUOR_WAKEUP_GAP_NS) {
         *woken = now;
         return BPF_RB_FORCE_WAKEUP;
     }
@@ -104,6 +121,25 @@ static __always_inline __u64 quor_submit_flags(__u64 now)
 }
 
 #ifdef QUOR_PACED_WAKEUPS
+/* Forces a wake-up of the reader through a discarded record. */
+static __always_inline void quor_nudge_reader(void)
+{
+    void *nudge = bpf_ringbuf_reserve(&ringbuf_map, 8, 0);
+    if (nudge) bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
+}
+
+/* After a commit: wakes a reader that announced its sleep, once. */
+static __always_inline void quor_after_submit(void)
+{
+    __u32 key = QUOR_STATUS_KEY_READER;
+    __u64 *reader = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!reader || *reader != QUOR_READER_SLEEPING) return;
+    if (__sync_val_compare_and_swap(reader, QUOR_READER_SLEEPING, QUOR_READER_WOKEN) !=
+        QUOR_READER_SLEEPING)
+        return;
+    quor_nudge_reader();
+}
+
 /* Wakes the reader when data sits unannounced; a discarded record carries the wake-up. */
 static __always_inline void quor_flush_wakeup(__u64 now)
 {
@@ -116,9 +152,23 @@ static __always_inline void quor_flush_wakeup(__u64 now)
     *woken = now;
     bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
 }
+#else
+static __always_inline void quor_after_submit(void) {}
 #endif
 
-#define QUOR_SUBMIT(rec) bpf_ringbuf_submit((rec), quor_submit_flags((rec)->header.timestamp_ns))
+#define QUOR_SUBMIT(rec)                                                                \
+    do {                                                                                \
+        bpf_ringbuf_submit((rec), quor_submit_flags((rec)->header.timestamp_ns));       \
+        quor_after_submit();                                                            \
+    } while (0)
+
+/* bpf_ringbuf_output() by the same wake-up rule, for records built elsewhere. */
+static __always_inline long quor_ringbuf_output(void *data, __u64 size, __u64 now)
+{
+    long err = bpf_ringbuf_output(&ringbuf_map, data, size, quor_submit_flags(now));
+    if (err == 0) quor_after_submit();
+    return err;
+}
 
 /*
  * Reserves a record of `size` bytes and fills its header; null (after

@@ -11,7 +11,7 @@ PACKAGES="
   libbpf-dev libbpfcc-dev libelf-dev zlib1g-dev linux-libc-dev
   android-libbase-dev android-liblog-dev android-libcutils-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  util-linux iproute2 procps tmux clang-format
+  util-linux iproute2 procps tmux clang-format python3
 "
 
 missing=""

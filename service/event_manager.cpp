@@ -8,7 +8,7 @@
 namespace Quor {
 namespace Bpf {
 
-EventManager* EventManager::instance = nullptr;
+std::atomic<EventManager*> EventManager::instance{nullptr};
 std::mutex EventManager::quorRawEventManagerLock;
 
 namespace {
@@ -22,9 +22,15 @@ void EraseValue(std::vector<int>* values, int value) {
 }  // namespace
 
 EventManager* EventManager::GetInstance() {
+    EventManager* current = instance.load(std::memory_order_acquire);
+    if (current != nullptr) return current;
     std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
-    if (instance == nullptr) instance = new EventManager();
-    return instance;
+    current = instance.load(std::memory_order_relaxed);
+    if (current == nullptr) {
+        current = new EventManager();
+        instance.store(current, std::memory_order_release);
+    }
+    return current;
 }
 
 void EventManager::AddObserverEvent(int fd, int eventType) {
@@ -57,21 +63,19 @@ void EventManager::EraseObserver(int fd) {
 int EventManager::AppendEvent(char* data, unsigned long len) {
     if (data == nullptr || len < sizeof(int32_t)) return 0;  // no type to route by
     const int32_t type = IpcReadS32(data);
+    QuorIpcPackage package{0, nullptr};
     {
-        // Most records have no subscriber: one lookup, nothing built.
+        // Most records have no subscriber: one lookup, nothing built. One
+        // lock for the whole fan-out: building the package is a copy into a
+        // block from this thread's own cache, shorter than a second lock.
         std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
         if (events_.empty()) return 0;
         auto event = events_.find(type);
         if (event == events_.end() || event->second.empty() || clients_ == nullptr) return 0;
-    }
-    // Built once for every subscriber, outside the lock.
-    const QuorIpcPackage package =
-        IpcPackageManager::BuildSharedSecondIpcPackage(IPC_PACKAGE_EVENT, data, len);
-    if (package.packageData == nullptr) return 0;
-    {
-        std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
-        auto event = events_.find(type);
-        if (event != events_.end() && clients_ != nullptr) {
+        // Built once for every subscriber.
+        package = IpcPackageManager::BuildSharedSecondIpcPackage(IPC_PACKAGE_EVENT, data, len);
+        if (package.packageData == nullptr) return 0;
+        {
             for (const int fd : event->second) {
                 auto client = clients_->find(fd);
                 if (client == clients_->end()) {

@@ -17,6 +17,7 @@
 // thread and only under that lock; AppendEvent reads it under the lock.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <map>
 #include <mutex>
@@ -30,7 +31,7 @@ namespace Quor {
 namespace Bpf {
 
 class EventManager {
-  public:
+public:
     using ClientMap = std::map<int, IpcPackageManager>;
 
     static EventManager* GetInstance();
@@ -52,7 +53,7 @@ class EventManager {
     // Descriptors subscribed to eventType, in subscription order.
     std::vector<int> GetEventObservers(int eventType);
 
-  private:
+private:
     EventManager() = default;
 
     ClientMap* clients_ = nullptr;
@@ -60,7 +61,8 @@ class EventManager {
     std::map<int, std::vector<int>> events_;     // event type -> fds
     UnixIpcManager* server_ = nullptr;
 
-    static EventManager* instance;
+    // Read without the lock on every record; created under it.
+    static std::atomic<EventManager*> instance;
 };
 
 }  // namespace Bpf

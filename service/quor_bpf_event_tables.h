@@ -22,6 +22,9 @@ constexpr const char* RINGBUF_MAP_PATHS[2] = {
     "/sys/fs/bpf/quor/map_QuorBpfDefineset_ringbuf_map",
     "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_ringbuf_map",
 };
+// "1" turns on the main monitor's low-latency reading (see the monitor).
+constexpr const char* QUOR_BPF_LOW_LATENCY_PROPERTY = "persist.sys.quorbpf.low_latency";
+
 constexpr const char* RINGBUF_STATUS_PATHS[2] = {
     "/sys/fs/bpf/quor/map_QuorBpfDefineset_ringbuf_status",
     "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_ringbuf_status",

@@ -139,7 +139,8 @@ int QuorBpfService::Wait() {
 int QuorBpfService::eventProduceThread() {
     prctl(PR_SET_NAME, "BpfServicePoll", 0, 0, 0);
     if (!PinToServiceCpus()) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] set thread affinity failed. %s",
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][eventProduceThread] set thread affinity failed. %s",
               strerror(errno));
     }
 
@@ -153,7 +154,8 @@ int QuorBpfService::eventProduceThread() {
     }
 
     if (!InitBasetime()) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
               strerror(errno));
     }
     if (initBpfMap() != 0) {

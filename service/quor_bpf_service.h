@@ -93,6 +93,8 @@ public:
     int initFdBpfProg();
     int initDmabufBpfProg();
     int cleanUpDmabufMap(int pid);
+    // As cleanUpDmabufMap for every pid of `pids`, in one walk of each map.
+    int cleanUpDmabufMaps(const std::vector<int32_t>& pids);
 
     // Client connections (quor_bpf_service_clients.cpp); all but
     // notifyClientEventReady run on the socket thread "BpfServiceTr".
@@ -176,6 +178,16 @@ private:
     android::base::unique_fd ringBuffStatusFd_;
     android::base::unique_fd gplRingBuffStatusFd_;
     std::map<std::string, std::string> refreshNameMap_;
+
+    // Processes that ended and whose dmabuf map entries are still to go
+    // (quor_bpf_service_handlers.cpp). A walk of those maps scans every
+    // bucket, so exits are gathered and cleaned up together at most once a
+    // second, or at once when a gathered pid is forked again.
+    void scheduleDmabufCleanup(int32_t pid);
+    void flushDmabufCleanup(int32_t reusedPid);
+    std::mutex dmabufCleanupMutex_;
+    std::vector<int32_t> dmabufCleanupPids_;
+    int64_t dmabufCleanupAtMs_ = 0;
 
     std::thread producer_;
     std::thread gplProducer_;

@@ -5,9 +5,14 @@
 // read outside that lock, and events are sent after it is released, so no
 // handler holds two locks at once.
 #include <signal.h>
+#include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <string>
+#include <vector>
 
 #include "bpf/quor_bpf_proc_info.h"
 #include "diag/quor_bpf_log.h"
@@ -30,6 +35,14 @@ constexpr int64_t kRefreshIntervalS = 2;
 constexpr int32_t kKernelThreadParent = 2;
 constexpr int32_t kLowestReportedPid = 300;
 constexpr uint32_t kMemoryEventMmId = 1000;
+constexpr int64_t kDmabufCleanupIntervalMs = 1000;
+constexpr size_t kDmabufCleanupMaxPending = 4096;
+
+int64_t SteadyMs() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 // Copies a record of type T out of the ring buffer; false when it is shorter
 // than T (nothing is read beyond the record).
@@ -53,11 +66,16 @@ void CopyComm(char (&dst)[QUOR_COMM_LEN], const char* src) {
 
 int64_t* CurrentSize(QuorTask& task, int32_t member) {
     switch (member) {
-        case QUOR_RSS_FILE: return &task.rssFileSize;
-        case QUOR_RSS_ANON: return &task.rssAnonSize;
-        case QUOR_RSS_SWAP: return &task.rssSwapSize;
-        case QUOR_RSS_SHMEM: return &task.rssShmemSize;
-        default: return nullptr;
+        case QUOR_RSS_FILE:
+            return &task.rssFileSize;
+        case QUOR_RSS_ANON:
+            return &task.rssAnonSize;
+        case QUOR_RSS_SWAP:
+            return &task.rssSwapSize;
+        case QUOR_RSS_SHMEM:
+            return &task.rssShmemSize;
+        default:
+            return nullptr;
     }
 }
 
@@ -77,8 +95,8 @@ bool ApplyThreadChange(int32_t pid, uint64_t eventTime, int32_t step,
         task.threadNum += step;
         if (static_cast<int64_t>(eventTime) - task.createTime < kSettleTimeNs) return;
         if (SubAbs(task.threadNum, task.oldThreadNum) < kThreadReportDelta) return;
-        *event = {QUOR_SERVICE_THREAD_CHANGE, task.pid,         task.ppid,
-                  task.uid,                   task.oldThreadNum, task.threadNum};
+        *event = {QUOR_SERVICE_THREAD_CHANGE, task.pid,      task.ppid, task.uid,
+                  task.oldThreadNum,          task.threadNum};
         task.oldThreadNum = task.threadNum;
         report = true;
     });
@@ -114,6 +132,9 @@ int QuorBpfService::handleSched_SchedProcessFork(char* data, long len) {
     if (!ReadRecord(data, len, &rec)) return 0;
     QuorTaskManager* tasks = QuorTaskManager::GetInstance();
     if (rec.kind == QUOR_TASK_KIND_PROCESS) {
+        // A pid used again must not lose its new entries to the old
+        // process's cleanup.
+        flushDmabufCleanup(rec.pid);
         QuorTask existing;
         if (tasks->GetQuorTaskCopy(rec.pid, &existing)) return 0;
         QuorTask task = {};
@@ -140,7 +161,8 @@ int QuorBpfService::handleSched_SchedProcessFork(char* data, long len) {
         quor_thread_change_event event;
         if (ApplyThreadChange(rec.pid, rec.header.timestamp_ns, +1, &event)) SendEvent(event);
     } else {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] Task Create raw event (SCHED__TASK_CREATE) error!");
+        QLOGE(QUOR_TAG_SERVICE,
+              "[QuorBpfService] Task Create raw event (SCHED__TASK_CREATE) error!");
     }
     return 0;
 }
@@ -153,7 +175,7 @@ int QuorBpfService::handleSched_SchedProcessExit(char* data, long len) {
         quor_task_exit_event event = {QUOR_SERVICE_TASK_EXIT, rec.pid, {}};
         CopyComm(event.comm, rec.comm);
         SendEvent(event);
-        (void)cleanUpDmabufMap(rec.pid);
+        scheduleDmabufCleanup(rec.pid);
     } else if (rec.kind == QUOR_TASK_KIND_THREAD) {
         quor_thread_change_event event;
         if (ApplyThreadChange(rec.pid, rec.header.timestamp_ns, -1, &event)) SendEvent(event);
@@ -163,45 +185,70 @@ int QuorBpfService::handleSched_SchedProcessExit(char* data, long len) {
     return 0;
 }
 
-int QuorBpfService::handleKmem_RssStat(char* data, long len) {
-    quor_rss_record rec;
-    if (!ReadRecord(data, len, &rec)) return 0;
-    if (rec.size < 0 || rec.member < QUOR_RSS_FILE || rec.member > QUOR_RSS_SHMEM) return 0;
+namespace {
 
-    QuorTaskManager* tasks = QuorTaskManager::GetInstance();
-    QuorTask snapshot;
-    if (!tasks->GetQuorTaskCopy(rec.pid, &snapshot)) return 0;
-
-    // A process still carrying a generic name is re-read from procfs, at most
-    // every 2 seconds; the read happens outside the registry lock.
-    const int64_t now = GetSystemSecondsTime();
-    const bool refresh = refreshNameMap_.count(snapshot.comm) != 0 &&
-                         now - snapshot.refreshTime > kRefreshIntervalS;
-    UpdateProcessExdata info = {};
-    const bool refreshed = refresh && getProcessInfo(rec.pid, &info) == 0;
-
+// What one rss record does to its task; run under the registry lock. The
+// handler hands UpdateQuorTask a lambda that captures only a pointer to this,
+// which std::function keeps without allocating.
+struct RssUpdate {
+    const quor_rss_record* rec;
+    const std::map<std::string, std::string>* refreshNames;
+    int64_t now = 0;          // seconds, read only for names that may be refreshed
+    bool refreshDue = false;  // set when the name needs procfs first: nothing changed
+    bool refreshed = false;   // procfs was read (whether or not it answered)
+    const UpdateProcessExdata* info = nullptr;  // its answer, when it answered
     bool report = false;
     quor_rss_change_event event = {};
-    tasks->UpdateQuorTask(rec.pid, [&](QuorTask& task) {
-        if (refresh) {
-            if (refreshed) {
-                task.ppid = info.ppid;
-                CopyComm(task.comm, info.comm);
+
+    static bool MayRefresh(const std::map<std::string, std::string>& names, const char* comm) {
+        if (names.empty()) return false;
+        const size_t length = strnlen(comm, QUOR_COMM_LEN);
+        for (const auto& name : names) {
+            if (name.first.size() == length && memcmp(name.first.data(), comm, length) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    void apply(QuorTask& task) {
+        if (!refreshed && MayRefresh(*refreshNames, task.comm)) {
+            now = GetSystemSecondsTime();
+            if (now - task.refreshTime > kRefreshIntervalS) {
+                refreshDue = true;  // the caller reads procfs outside the lock and comes back
+                return;
+            }
+        }
+        if (refreshed) {
+            if (info != nullptr) {
+                task.ppid = info->ppid;
+                CopyComm(task.comm, info->comm);
             }
             task.refreshTime = now;
         }
         task.mmId = kMemoryEventMmId;
-        *CurrentSize(task, rec.member) = rec.size;
+        *CurrentSize(task, rec->member) = rec->size;
         const int64_t change = SubAbs(task.rssFileSize, task.rssFileOldSize) +
                                SubAbs(task.rssAnonSize, task.rssAnonOldSize) +
                                SubAbs(task.rssSwapSize, task.rssSwapOldSize) +
                                SubAbs(task.rssShmemSize, task.rssShmemOldSize);
         if (ExcludedFromRssReports(task)) return;
-        if (static_cast<int64_t>(rec.header.timestamp_ns) - task.createTime < kSettleTimeNs) return;
+        if (static_cast<int64_t>(rec->header.timestamp_ns) - task.createTime < kSettleTimeNs) {
+            return;
+        }
         if (change < kRssReportBytes) return;
-        event = {QUOR_SERVICE_RSS_CHANGE, task.pid, task.ppid, task.uid, {},
-                 task.rssFileSize, task.rssAnonSize, task.rssSwapSize, task.rssShmemSize,
-                 task.rssFileOldSize, task.rssAnonOldSize, task.rssSwapOldSize,
+        event = {QUOR_SERVICE_RSS_CHANGE,
+                 task.pid,
+                 task.ppid,
+                 task.uid,
+                 {},
+                 task.rssFileSize,
+                 task.rssAnonSize,
+                 task.rssSwapSize,
+                 task.rssShmemSize,
+                 task.rssFileOldSize,
+                 task.rssAnonOldSize,
+                 task.rssSwapOldSize,
                  task.rssShmemOldSize};
         CopyComm(event.comm, task.comm);
         task.rssFileOldSize = task.rssFileSize;
@@ -209,9 +256,65 @@ int QuorBpfService::handleKmem_RssStat(char* data, long len) {
         task.rssSwapOldSize = task.rssSwapSize;
         task.rssShmemOldSize = task.rssShmemSize;
         report = true;
-    });
-    if (report) SendEvent(event);
+    }
+};
+
+}  // namespace
+
+int QuorBpfService::handleKmem_RssStat(char* data, long len) {
+    quor_rss_record rec;
+    if (!ReadRecord(data, len, &rec)) return 0;
+    if (rec.size < 0 || rec.member < QUOR_RSS_FILE || rec.member > QUOR_RSS_SHMEM) return 0;
+
+    // One registry visit in the common case; a process still carrying a
+    // generic name is re-read from procfs (at most every 2 seconds) outside
+    // the registry lock, and then visited again.
+    QuorTaskManager* tasks = QuorTaskManager::GetInstance();
+    RssUpdate update;
+    update.rec = &rec;
+    update.refreshNames = &refreshNameMap_;
+    RssUpdate* const pending = &update;
+    const auto apply = [pending](QuorTask& task) { pending->apply(task); };
+    if (!tasks->UpdateQuorTask(rec.pid, apply)) return 0;
+    if (update.refreshDue) {
+        UpdateProcessExdata info = {};
+        update.refreshDue = false;
+        update.refreshed = true;
+        update.info = getProcessInfo(rec.pid, &info) == 0 ? &info : nullptr;
+        if (!tasks->UpdateQuorTask(rec.pid, apply)) return 0;
+    }
+    if (update.report) SendEvent(update.event);
     return 0;
+}
+
+void QuorBpfService::scheduleDmabufCleanup(int32_t pid) {
+    std::vector<int32_t> due;
+    {
+        std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
+        dmabufCleanupPids_.push_back(pid);
+        const int64_t now = SteadyMs();
+        if (now - dmabufCleanupAtMs_ < kDmabufCleanupIntervalMs &&
+            dmabufCleanupPids_.size() < kDmabufCleanupMaxPending) {
+            return;
+        }
+        dmabufCleanupAtMs_ = now;
+        due.swap(dmabufCleanupPids_);
+    }
+    (void)cleanUpDmabufMaps(due);
+}
+
+void QuorBpfService::flushDmabufCleanup(int32_t reusedPid) {
+    std::vector<int32_t> due;
+    {
+        std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
+        if (std::find(dmabufCleanupPids_.begin(), dmabufCleanupPids_.end(), reusedPid) ==
+            dmabufCleanupPids_.end()) {
+            return;
+        }
+        dmabufCleanupAtMs_ = SteadyMs();
+        due.swap(dmabufCleanupPids_);
+    }
+    (void)cleanUpDmabufMaps(due);
 }
 
 int QuorBpfService::handleBpfPassthrough(char* data, long len) {

@@ -1,7 +1,10 @@
 // Draining the two ring buffers, and the status words that switch the kernel
 // programmes on in two stages and report overflow.
+#include <android-base/properties.h>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
+#include <sys/prctl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,8 +26,19 @@ namespace {
 constexpr int kMaxConsecutivePollErrors = 5;
 constexpr int64_t kStatusCheckIntervalS = 30;
 
+// The main ring buffer's reader polls while records flow and sleeps when they
+// stop. Polling every kPollIntervalNs bounds a record's wait for the reader
+// to that interval without a wake-up (an interrupt of the writer) per record;
+// kIdlePollsBeforeSleep empty polls in a row send it back to sleep, announced,
+// so that the next record wakes it at once.
+constexpr long kPollIntervalNs = 200000;
+constexpr long kPollTimerSlackNs = 10000;
+constexpr int kIdlePollsBeforeSleep = 2;
+
+// The service rides in libbpf's context pointer, so that a record costs no
+// singleton lookup (that takes servicelock); the handler's own ctx stays null.
 int RingBufferCallback(void* ctx, void* data, size_t size) {
-    return QuorBpfService::GetInstance()->handleBpfRingBuffEvent(ctx, data, size);
+    return static_cast<QuorBpfService*>(ctx)->handleBpfRingBuffEvent(nullptr, data, size);
 }
 
 uint64_t LookupStatus(int mapFd, uint32_t key) {
@@ -41,6 +55,60 @@ bool UpdateStatusBits(int mapFd, uint64_t bits, bool set) {
     return bpf_map_update_elem(mapFd, &key, &word, BPF_ANY) == 0;
 }
 
+// Tells the kernel programmes how this reader waits (enum quor_reader_state).
+// The fence orders the announcement before the reader's next look at the ring
+// buffer; the programmes look at it after committing a record.
+void AnnounceReader(int mapFd, uint64_t state) {
+    const uint32_t key = QUOR_STATUS_KEY_READER;
+    (void)bpf_map_update_elem(mapFd, &key, &state, BPF_ANY);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+}
+
+// The main ring buffer's wait: polling while records flow, an announced
+// sleep once they stop. Each call is one round; it returns what
+// ring_buffer__poll / ring_buffer__consume returned (records handled, or
+// negative with errno set).
+class AnnouncedWait {
+public:
+    AnnouncedWait(ring_buffer* rb, int statusFd) : rb_(rb), statusFd_(statusFd) {}
+
+    int round() {
+        if (sleeping_) {
+            const int ret = ring_buffer__poll(rb_, -1);
+            if (ret < 0) return ret;
+            AnnounceReader(statusFd_, QUOR_READER_POLLING);
+            sleeping_ = false;
+            idlePolls_ = 0;
+            return ret;
+        }
+        const timespec interval = {0, kPollIntervalNs};
+        (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &interval, nullptr);
+        int ret = ring_buffer__consume(rb_);
+        if (ret != 0) {
+            idlePolls_ = 0;
+            return ret;
+        }
+        if (++idlePolls_ < kIdlePollsBeforeSleep) return 0;
+        // Say so first, then look once more: a record committed meanwhile is
+        // either found now or wakes the sleep.
+        AnnounceReader(statusFd_, QUOR_READER_SLEEPING);
+        ret = ring_buffer__consume(rb_);
+        if (ret != 0) {
+            AnnounceReader(statusFd_, QUOR_READER_POLLING);
+            idlePolls_ = 0;
+            return ret;
+        }
+        sleeping_ = true;
+        return 0;
+    }
+
+private:
+    ring_buffer* rb_;
+    int statusFd_;
+    bool sleeping_ = false;
+    int idlePolls_ = kIdlePollsBeforeSleep - 1;  // starts with the announced sleep
+};
+
 struct MonitorText {
     const char* prefix;
     const char* stopMessage;
@@ -55,9 +123,13 @@ constexpr MonitorText kMonitorText[2] = {
 
 }  // namespace
 
-int QuorBpfService::eventMonitor() { return runMonitor(RINGBUF_MAIN); }
+int QuorBpfService::eventMonitor() {
+    return runMonitor(RINGBUF_MAIN);
+}
 
-int QuorBpfService::gpleventMonitor() { return runMonitor(RINGBUF_GPL); }
+int QuorBpfService::gpleventMonitor() {
+    return runMonitor(RINGBUF_GPL);
+}
 
 void QuorBpfService::runInitialScan(int index) {
     if (index == RINGBUF_MAIN) {
@@ -85,12 +157,12 @@ int QuorBpfService::runMonitor(int index) {
     }
     statusFd.reset(bpf_obj_get(RINGBUF_STATUS_PATHS[index]));
     if (statusFd.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "%s QUORBPF: get ringbuf status map failed: %s, map fd: %d",
-              prefix, strerror(errno), statusFd.get());
+        QLOGE(QUOR_TAG_SERVICE, "%s QUORBPF: get ringbuf status map failed: %s, map fd: %d", prefix,
+              strerror(errno), statusFd.get());
         errno = 0;
         return -1;
     }
-    ring_buffer* rb = ring_buffer__new(ringFd.get(), RingBufferCallback, nullptr, nullptr);
+    ring_buffer* rb = ring_buffer__new(ringFd.get(), RingBufferCallback, this, nullptr);
     if (rb == nullptr) {
         QLOGE(QUOR_TAG_SERVICE, "%s QUORBPF: Set up ringbuf failed: %s, ringbufMap fd: %d", prefix,
               strerror(errno), ringFd.get());
@@ -110,16 +182,31 @@ int QuorBpfService::runMonitor(int index) {
         (void)UpdateStatusBits(statusFd.get(), QUOR_STATUS_NORMAL_ON, true);
     }
 
+    // Opt-in low-latency mode, main set only: while records flow the reader
+    // polls in short rounds instead of blocking, and it tells the programmes
+    // when it goes to sleep so that the next record wakes it at once. It
+    // trades CPU for latency; by default the monitor blocks in its poll and
+    // relies on the programmes' paced wake-ups.
+    const bool announces = index == RINGBUF_MAIN &&
+                           android::base::GetProperty(QUOR_BPF_LOW_LATENCY_PROPERTY, "0") == "1";
+    AnnouncedWait announced(rb, statusFd.get());
+    if (announces) (void)prctl(PR_SET_TIMERSLACK, kPollTimerSlackNs, 0, 0, 0);
     int consecutiveErrors = 0;
     while (true) {
         if (!running_.load()) {
             QLOGW(QUOR_TAG_SERVICE, "%s", kMonitorText[index].stopMessage);
+            // Whoever reads next is woken by the pacing rule until it says
+            // otherwise.
+            if (announces) AnnounceReader(statusFd.get(), QUOR_READER_UNANNOUNCED);
             ring_buffer__free(rb);
             return 0;
         }
-        const int ret = ring_buffer__poll(rb, -1);
+        const int ret = announces ? announced.round() : ring_buffer__poll(rb, -1);
         if (ret >= 0) {
-            QuorBpfDataState::GetInstance()->RecordEvent(QUOR_EVENT_POLL_COUNT, 1);
+            // Empty polling rounds are not counted as polls.
+            if (ret > 0 || !announces) {
+                QuorBpfDataState::GetInstance()->RecordEvent(QUOR_EVENT_POLL_COUNT, 1);
+            }
             (void)checkBpfRingBuffStatus(index, false);
             consecutiveErrors = 0;
             continue;
@@ -132,6 +219,7 @@ int QuorBpfService::runMonitor(int index) {
         errno = 0;
         sleep(1);
         if (consecutiveErrors++ >= kMaxConsecutivePollErrors) {
+            if (announces) AnnounceReader(statusFd.get(), QUOR_READER_UNANNOUNCED);
             ring_buffer__free(rb);
             return -1;
         }

@@ -32,16 +32,16 @@
 
 /* Kernel record types (first field of every ring-buffer record). */
 enum quor_event_type {
-    QUOR_EVENT_TASK_INIT = 0,      /* quor_task_init: a process that existed at start */
-    QUOR_EVENT_RSS_STAT = 1,       /* kmem_rss_info: one resident-memory counter changed */
-    QUOR_EVENT_TASK_CREATE = 2,    /* sched_task_create: fork of a process or thread */
-    QUOR_EVENT_TASK_EXIT = 3,      /* sched_task_exit: exit of a process or thread */
-    QUOR_EVENT_DMABUF_SIZE = 4,    /* dmabuf_size_info: a process's dmabuf total changed */
-    QUOR_EVENT_CGROUP_ATTACH = 5,  /* cgroup_attach_cpuset_info: a task moved cgroup */
-    QUOR_EVENT_FD_UPDATE = 6,      /* fd_update_info: a process installed a descriptor */
-    QUOR_EVENT_DMABUF_UPDATE = 7,  /* dmabuf_update: a dmabuf was set up or released */
+    QUOR_EVENT_TASK_INIT = 0,     /* quor_task_init: a process that existed at start */
+    QUOR_EVENT_RSS_STAT = 1,      /* kmem_rss_info: one resident-memory counter changed */
+    QUOR_EVENT_TASK_CREATE = 2,   /* sched_task_create: fork of a process or thread */
+    QUOR_EVENT_TASK_EXIT = 3,     /* sched_task_exit: exit of a process or thread */
+    QUOR_EVENT_DMABUF_SIZE = 4,   /* dmabuf_size_info: a process's dmabuf total changed */
+    QUOR_EVENT_CGROUP_ATTACH = 5, /* cgroup_attach_cpuset_info: a task moved cgroup */
+    QUOR_EVENT_FD_UPDATE = 6,     /* fd_update_info: a process installed a descriptor */
+    QUOR_EVENT_DMABUF_UPDATE = 7, /* dmabuf_update: a dmabuf was set up or released */
     QUOR_EVENT_KERNEL_MAX = 7,
-    QUOR_EVENT_POLL_COUNT = 8,     /* statistics slot only, never a record */
+    QUOR_EVENT_POLL_COUNT = 8, /* statistics slot only, never a record */
 };
 
 /* Records composed by the service itself. */
@@ -157,6 +157,12 @@ struct quor_dmabuf_update_record {
     __u64 size; /* bytes */
 };
 
+/*
+ * The service's events carry the registry's third task identifier in `uid`:
+ * the real uid for a process found running at start (task-init record), the
+ * task's own id (`tid` of its fork record) for a process seen forking.
+ */
+
 /* 50001: a new process entered the task registry. */
 struct quor_task_new_event {
     __u32 id;
@@ -207,7 +213,8 @@ struct quor_rss_change_event {
  * refreshing keys 1 to 4 from the ring buffer's own figures. The main set
  * also refreshes keys 1 to 4 at most once a second from its context-switch
  * programme and notes when in key 5 (kernel clock, ns). Keys 6 and 7 pace the
- * reader's wake-ups. The service reads only keys 0 to 4.
+ * reader's wake-ups. The service reads keys 0 to 4 and announces in key 8 how
+ * it waits for records (enum quor_reader_state).
  */
 enum quor_status_key {
     QUOR_STATUS_KEY_FLAGS = 0,
@@ -219,12 +226,28 @@ enum quor_status_key {
     QUOR_STATUS_KEY_REFRESHED_NS = 5, /* kernel side only: keys 1-4 refreshed at */
     QUOR_STATUS_KEY_WOKEN_NS = 6,     /* kernel side only: reader last woken at */
     QUOR_STATUS_KEY_FLUSHED_NS = 7,   /* kernel side only: unwoken data last checked at */
-    QUOR_STATUS_MAP_ENTRIES = 8,
+    QUOR_STATUS_KEY_READER = 8,       /* the reader's state, enum quor_reader_state */
+    QUOR_STATUS_MAP_ENTRIES = 9,
+};
+
+/*
+ * How the reader of a paced ring buffer (the main set's) waits, in key 8.
+ * A reader that says nothing (0) is woken by the pacing rule: at once after a
+ * quiet gap, at most every 10 ms in a storm. A reader that polls on its own
+ * schedule (1) is never woken. A reader about to sleep (2) is woken by the
+ * first record committed after it said so, which moves the state to 3, so
+ * that one sleep costs one wake-up; the reader sets 1 or 2 again itself.
+ */
+enum quor_reader_state {
+    QUOR_READER_UNANNOUNCED = 0,
+    QUOR_READER_POLLING = 1,
+    QUOR_READER_SLEEPING = 2,
+    QUOR_READER_WOKEN = 3,
 };
 enum quor_status_bits {
-    QUOR_STATUS_OVERFLOW = 1,   /* set by the programmes, cleared by the service */
-    QUOR_STATUS_CORE_ON = 2,    /* programmes active; fork and exit records flow */
-    QUOR_STATUS_NORMAL_ON = 4,  /* with CORE_ON: every other record flows too */
+    QUOR_STATUS_OVERFLOW = 1,  /* set by the programmes, cleared by the service */
+    QUOR_STATUS_CORE_ON = 2,   /* programmes active; fork and exit records flow */
+    QUOR_STATUS_NORMAL_ON = 4, /* with CORE_ON: every other record flows too */
 };
 
 /*

@@ -54,7 +54,7 @@ constexpr uint32_t QUOR_BPF_COMMAND_UNSUBSCRIBE = 52;
 class QuorBpfClientImpl;
 
 class QUOR_BPF_CLIENT_EXPORT QuorBpfClient {
-  public:
+public:
     // One record: its type (the record's first 32-bit field), its bytes.
     using EventCallback = std::function<void(uint32_t type, const uint8_t* data, size_t length)>;
     // The answer to a request.
@@ -101,7 +101,7 @@ class QUOR_BPF_CLIENT_EXPORT QuorBpfClient {
     // the service. False when not connected.
     bool sendRequest(uint32_t command, int32_t eventType, ResponseCallback done);
 
-  private:
+private:
     std::unique_ptr<QuorBpfClientImpl> impl_;
 };
 

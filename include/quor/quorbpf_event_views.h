@@ -53,7 +53,7 @@ QUOR_BPF_RECORD_TRAITS(quor_rss_change_event, QUOR_SERVICE_RSS_CHANGE);
 
 template <typename Record>
 class QuorRecordView {
-  public:
+public:
     static constexpr uint32_t kType = QuorRecordTraits<Record>::kType;
 
     QuorRecordView(const void* data, size_t length) {
@@ -75,7 +75,7 @@ class QuorRecordView {
     const Record& operator*() const { return record_; }
     const Record* operator->() const { return &record_; }
 
-  private:
+private:
     Record record_;
     bool valid_;
 };

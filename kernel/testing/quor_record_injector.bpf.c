@@ -2,11 +2,14 @@
 // benchmarks can drive everything downstream of the kernel with exact bytes
 // at kernel speed. A syscall programme: run it with BPF_PROG_TEST_RUN and a
 // struct quor_inject_args as its context. The ring buffer is meant to be
-// replaced (bpf_map__reuse_fd) by the pinned ring buffer under test.
+// replaced (bpf_map__reuse_fd) by the pinned ring buffer under test, and the
+// status map by that ring buffer's status map when records are to wake the
+// reader as the real programmes' records do (QUOR_INJECT_PACED).
 #include "vmlinux.h"
 
 #include <bpf/bpf_helpers.h>
 
+#include "quor/quor_bpf_records.h"
 #include "quor_record_injector.h"
 
 char LICENSE[] SEC("license") = "GPL";
@@ -15,6 +18,17 @@ struct {
     __uint(type, BPF_MAP_TYPE_RINGBUF);
     __uint(max_entries, 256 * 1024);
 } ringbuf_map SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __type(key, __u32);
+    __type(value, __u64);
+    __uint(max_entries, QUOR_STATUS_MAP_ENTRIES);
+} ringbuf_status SEC(".maps");
+
+/* The same wake-up rule as the main programme set. */
+#define QUOR_PACED_WAKEUPS
+#include "quor_bpf_common.bpf.h"
 
 struct injector_state {
     __u32 len;
@@ -40,17 +54,19 @@ static long emit_one(__u64 index, void* ctx) {
     if (!s) return 1;
     __u32 len = s->len;
     if (len < 16 || len > QUOR_INJECT_MAX_LEN) return 1;
-    if (s->flags & QUOR_INJECT_STAMP_TIME) {
-        __u64 now = bpf_ktime_get_ns();
-        __builtin_memcpy(&s->data[8], &now, sizeof(now));
-    }
+    __u64 now = bpf_ktime_get_ns();
+    if (s->flags & QUOR_INJECT_STAMP_TIME) __builtin_memcpy(&s->data[8], &now, sizeof(now));
     __u32 off = s->seq_offset;
     if (off <= QUOR_INJECT_MAX_LEN - sizeof(__u64)) {
         __u64 seq = s->seq;
         __builtin_memcpy(&s->data[off], &seq, sizeof(seq));
     }
     s->seq++;
-    if (bpf_ringbuf_output(&ringbuf_map, s->data, len, 0) != 0) s->dropped++;
+    if (s->flags & QUOR_INJECT_PACED) {
+        if (quor_ringbuf_output(s->data, len, now) != 0) s->dropped++;
+    } else if (bpf_ringbuf_output(&ringbuf_map, s->data, len, 0) != 0) {
+        s->dropped++;
+    }
     return 0;
 }
 

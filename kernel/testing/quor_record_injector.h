@@ -12,6 +12,8 @@
 
 enum quor_inject_flags {
     QUOR_INJECT_STAMP_TIME = 1, /* overwrite bytes 8..15 with bpf_ktime_get_ns() */
+    QUOR_INJECT_PACED = 2,      /* wake the reader by the real programmes' rule, not the
+                                   kernel's default one */
 };
 
 struct quor_inject_args {

@@ -47,7 +47,7 @@ int RunMember(const std::string& procRoot, int (QuorBpfService::*fn)(), ChildRun
 }
 
 class DmabufMapsTest : public testing::Test {
-  protected:
+protected:
     void SetUp() override {
         struct statfs fs;
         if (statfs("/sys/fs/bpf", &fs) != 0 || fs.f_type != BPF_FS_MAGIC) {

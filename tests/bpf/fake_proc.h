@@ -11,7 +11,7 @@
 #include <vector>
 
 class FakeProc {
-  public:
+public:
     FakeProc();
     ~FakeProc();
     FakeProc(const FakeProc&) = delete;
@@ -26,7 +26,7 @@ class FakeProc {
     // which is the order the service's walks visit them.
     std::vector<std::string> PidOrder() const;
 
-  private:
+private:
     std::string root_;
 };
 

@@ -62,7 +62,7 @@ int AdmittedRows(const BpfProgTable& table) {
 }
 
 class ProgAttachTest : public ::testing::Test {
-  protected:
+protected:
     static void SetUpTestSuite() {
         utsname name = {};
         (void)uname(&name);

@@ -28,7 +28,7 @@ constexpr uint32_t kSilentCommand = 99;  // the server never answers it
 // Subscriptions by request; answers 0 for subscribe and unsubscribe, -1 for
 // other commands, nothing for kSilentCommand.
 class SubscriptionServer {
-  public:
+public:
     SubscriptionServer() {
         handler_ = std::make_unique<IpcPackageHandler>(
             std::map<unsigned int, IpcPackageHandler::PackageCallback>{
@@ -81,7 +81,7 @@ class SubscriptionServer {
         return count;
     }
 
-  private:
+private:
     struct Client {
         std::unique_ptr<IpcPackageManager> queue;
         std::set<uint32_t> types;

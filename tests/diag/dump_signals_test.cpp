@@ -78,7 +78,7 @@ QuorTask Task(int32_t pid, const char* comm, int64_t anon) {
 }
 
 class DumpSignalsTest : public ::testing::Test {
-  protected:
+protected:
     static void SetUpTestSuite() {
         // Both monitors call it, possibly at the same time.
         std::thread other(InstallDumpSignalHandlers);

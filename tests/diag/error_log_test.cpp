@@ -1,6 +1,4 @@
 // Runs inside a private mount namespace with a tmpfs on /data.
-#include "diag/quor_bpf_error_log.h"
-
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -12,6 +10,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "diag/quor_bpf_error_log.h"
 
 using namespace Quor::Bpf;
 
@@ -29,7 +29,9 @@ std::vector<std::string> ReadLines(const char* path) {
     return lines;
 }
 
-void WriteFile(const char* path, const std::string& text) { std::ofstream(path) << text; }
+void WriteFile(const char* path, const std::string& text) {
+    std::ofstream(path) << text;
+}
 
 class ErrorLogTest : public ::testing::Test {
 protected:

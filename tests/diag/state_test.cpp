@@ -50,7 +50,7 @@ std::vector<long long> Numbers(const std::string& row) {
 }
 
 class StateTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         ASSERT_EQ(system("rm -rf /data/quorlog && mkdir -p /data/quorlog/stability"), 0);
         fakeNow = 5000;

@@ -1,5 +1,3 @@
-#include "diag/quor_bpf_strings.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,6 +5,8 @@
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "diag/quor_bpf_strings.h"
 
 using namespace Quor::Bpf;
 using Tokens = std::vector<std::string>;

@@ -56,7 +56,7 @@ QuorTask MakeTask(int32_t pid, const char* comm, int64_t anon, int64_t file = 0)
 
 // The registry is a process-wide singleton: every test removes what it added.
 class TaskManagerTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         ASSERT_EQ(system("rm -rf /data/quorlog && mkdir -p /data/quorlog/stability"), 0);
         tasks = QuorTaskManager::GetInstance();

@@ -1,10 +1,10 @@
-#include "diag/quor_bpf_time.h"
-
 #include <gtest/gtest.h>
 #include <time.h>
 
 #include <fstream>
 #include <string>
+
+#include "diag/quor_bpf_time.h"
 
 using namespace Quor::Bpf;
 

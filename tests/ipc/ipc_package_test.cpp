@@ -44,7 +44,7 @@ struct Buffer {
 };
 
 class IpcPackageTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         ASSERT_EQ(
             system("rm -rf /data/quorlog && mkdir -p /data/quorlog/stability/quorbpfframework"), 0);

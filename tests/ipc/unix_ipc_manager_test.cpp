@@ -38,7 +38,7 @@ cpu_set_t AnyCpu() {
 // Answers every type-2 package with a type-3 package holding the same body,
 // and can push bodies to every client.
 class EchoServer {
-  public:
+public:
     explicit EchoServer(int bufferSize = 32768) {
         handler_ = std::make_unique<IpcPackageHandler>(
             std::map<unsigned int, IpcPackageHandler::PackageCallback>{
@@ -97,7 +97,7 @@ class EchoServer {
     std::atomic<int> closes{0};
     bool listening = false;
 
-  private:
+private:
     IpcPackageManager* queueFor(int fd) {
         std::lock_guard<std::mutex> lock(mutex_);
         auto& queue = queues_[fd];

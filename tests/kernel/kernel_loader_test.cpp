@@ -59,7 +59,7 @@ std::set<std::string> Listing(const std::string& dir) {
 }
 
 class LoaderTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root to load BPF programmes";
         if (access("/sys/kernel/btf/vmlinux", F_OK) != 0) GTEST_SKIP() << "the kernel has no BTF";

@@ -43,7 +43,7 @@ inline bool StatusSet(int statusFd, uint32_t key, uint64_t value) {
 
 // Collects every record of a pinned ring buffer as raw bytes.
 class RingReader {
-  public:
+public:
     explicit RingReader(const std::string& pinPath) {
         fd_ = bpf_obj_get(pinPath.c_str());
         if (fd_ >= 0) rb_ = ring_buffer__new(fd_, &RingReader::OnRecord, this, nullptr);
@@ -72,7 +72,7 @@ class RingReader {
     void Keep(std::function<bool(uint32_t, const std::string&)> keep) { keep_ = std::move(keep); }
     std::vector<std::string>& records() { return records_; }
 
-  private:
+private:
     static int OnRecord(void* ctx, void* data, size_t size) {
         auto* self = static_cast<RingReader*>(ctx);
         std::string bytes(static_cast<const char*>(data), size);

@@ -24,7 +24,8 @@ TEST(EventTablesTest, ProgrammeTablesHoldWellFormedRowsInOrder) {
 
     const auto& gpl = QuorBpfService::PROG_GPL_EVENT_MAP.at("QuorBpfGplDefineset");
     EXPECT_EQ(gpl.at(BPF_ATTACH_KPROBE)[1][3], "6.1+");
-    for (const auto* table : {&QuorBpfService::PROG_EVENT_MAP, &QuorBpfService::PROG_GPL_EVENT_MAP}) {
+    for (const auto* table :
+         {&QuorBpfService::PROG_EVENT_MAP, &QuorBpfService::PROG_GPL_EVENT_MAP}) {
         for (const auto& [object, byType] : *table) {
             for (const auto& [type, rows] : byType) {
                 for (const auto& row : rows) EXPECT_EQ(row.size(), 4u) << object << " " << type;

@@ -71,7 +71,7 @@ int32_t PidOf(uint32_t type, const uint8_t* data, size_t len) {
 // What the client receives, indexed by pid as it arrives so that waiting
 // costs little however busy the machine is.
 class Collector {
-  public:
+public:
     void add(uint32_t type, const uint8_t* data, size_t len) {
         std::lock_guard<std::mutex> lock(mutex_);
         byPid_[PidOf(type, data, len)].push_back(
@@ -105,7 +105,7 @@ class Collector {
         return countLocked(pid, type);
     }
 
-  private:
+private:
     std::mutex mutex_;
     std::condition_variable cv_;
     std::map<int32_t, std::vector<Event>> byPid_;
@@ -115,7 +115,7 @@ class PipelineEnvironment;
 PipelineEnvironment* gEnv = nullptr;
 
 class PipelineEnvironment : public ::testing::Environment {
-  public:
+public:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root to load BPF programmes";
         QuorBpfLoadReport report;
@@ -142,16 +142,22 @@ class PipelineEnvironment : public ::testing::Environment {
         std::string error;
         ASSERT_TRUE(injector.Open(RINGBUF_MAP_PATHS[RINGBUF_MAIN], &error)) << error;
 
-        client = std::make_unique<QuorBpfClient>(
-            [this](uint32_t type, const uint8_t* data, size_t len) { events.add(type, data, len); });
+        client =
+            std::make_unique<QuorBpfClient>([this](uint32_t type, const uint8_t* data, size_t len) {
+                events.add(type, data, len);
+            });
         ASSERT_TRUE(client->connect(5000));
         std::mutex mutex;
         std::condition_variable cv;
         int answered = 0;
-        const int32_t types[] = {QUOR_EVENT_TASK_CREATE,     QUOR_EVENT_TASK_EXIT,
-                                 QUOR_EVENT_CGROUP_ATTACH,   QUOR_EVENT_DMABUF_UPDATE,
-                                 9,                          QUOR_SERVICE_TASK_NEW,
-                                 QUOR_SERVICE_TASK_EXIT,     QUOR_SERVICE_THREAD_CHANGE,
+        const int32_t types[] = {QUOR_EVENT_TASK_CREATE,
+                                 QUOR_EVENT_TASK_EXIT,
+                                 QUOR_EVENT_CGROUP_ATTACH,
+                                 QUOR_EVENT_DMABUF_UPDATE,
+                                 9,
+                                 QUOR_SERVICE_TASK_NEW,
+                                 QUOR_SERVICE_TASK_EXIT,
+                                 QUOR_SERVICE_THREAD_CHANGE,
                                  QUOR_SERVICE_RSS_CHANGE};
         for (int32_t type : types) {
             ASSERT_TRUE(client->subscribe(type, [&](int32_t status) {
@@ -198,7 +204,7 @@ class PipelineEnvironment : public ::testing::Environment {
     quor_test::RecordInjector injector;
     std::unique_ptr<QuorBpfClient> client;
 
-  private:
+private:
     int statusFd_ = -1;
     size_t markersSent_ = 0;
 };
@@ -270,7 +276,8 @@ TEST(PipelineTest, ChildLifetimeReachesTheClientInOrder) {
         // reported, so allocate after that.
         std::this_thread::sleep_for(std::chrono::milliseconds(3300));
         const size_t size = 64 << 20;
-        void* block = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void* block =
+            mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (block != MAP_FAILED) memset(block, 1, size);
         std::this_thread::sleep_for(std::chrono::milliseconds(1700));
         _exit(0);
@@ -278,9 +285,9 @@ TEST(PipelineTest, ChildLifetimeReachesTheClientInOrder) {
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
 
-    ASSERT_TRUE(gEnv->events.waitFor(
-        [&] { return gEnv->events.countLocked(child, QUOR_SERVICE_TASK_EXIT) == 1; }))
-        << "no exit event for the child";
+    ASSERT_TRUE(gEnv->events.waitFor([&] {
+        return gEnv->events.countLocked(child, QUOR_SERVICE_TASK_EXIT) == 1;
+    })) << "no exit event for the child";
 
     // fork record, 50001, at least one 50004, exit record, 50002 - in order.
     std::vector<uint32_t> order;
@@ -289,7 +296,8 @@ TEST(PipelineTest, ChildLifetimeReachesTheClientInOrder) {
             EXPECT_EQ(e.as<quor_fork_record>().kind, QUOR_TASK_KIND_PROCESS);
             EXPECT_EQ(e.as<quor_fork_record>().ppid, getpid());
         }
-        if (e.type == QUOR_EVENT_TASK_EXIT && e.as<quor_exit_record>().kind != QUOR_TASK_KIND_PROCESS) {
+        if (e.type == QUOR_EVENT_TASK_EXIT &&
+            e.as<quor_exit_record>().kind != QUOR_TASK_KIND_PROCESS) {
             continue;  // a thread of the child, if any
         }
         if (order.empty() || order.back() != e.type) order.push_back(e.type);
@@ -443,16 +451,17 @@ TEST(PipelineTest, KernelThreadsShellsAndLowPidsNeverReportMemory) {
                           {kFakePidBase + 13, 77, "dumpsys"}};
     const uint64_t t0 = 3000 * kSecond;
     for (const Case& c : cases) {
-        ASSERT_EQ(gEnv->injector.Inject(Fork(c.pid, c.ppid, t0, QUOR_TASK_KIND_PROCESS, c.comm)), 0);
+        ASSERT_EQ(gEnv->injector.Inject(Fork(c.pid, c.ppid, t0, QUOR_TASK_KIND_PROCESS, c.comm)),
+                  0);
         ASSERT_EQ(gEnv->injector.Inject(Rss(c.pid, t0 + 4 * kSecond, QUOR_RSS_ANON, 64 << 20)), 0);
     }
     ASSERT_TRUE(gEnv->Checkpoint());
     for (const Case& c : cases) {
         EXPECT_EQ(TaskOf(c.pid).rssAnonSize, 64 << 20) << c.comm;
-        EXPECT_EQ(CountOf(gEnv->events.of(c.pid), QUOR_SERVICE_RSS_CHANGE), 0u)
-            << c.comm;
-        ASSERT_EQ(gEnv->injector.Inject(Exit(c.pid, t0 + 5 * kSecond, QUOR_TASK_KIND_PROCESS, c.comm)),
-                  0);
+        EXPECT_EQ(CountOf(gEnv->events.of(c.pid), QUOR_SERVICE_RSS_CHANGE), 0u) << c.comm;
+        ASSERT_EQ(
+            gEnv->injector.Inject(Exit(c.pid, t0 + 5 * kSecond, QUOR_TASK_KIND_PROCESS, c.comm)),
+            0);
     }
     ASSERT_TRUE(gEnv->Checkpoint());
 }
@@ -477,9 +486,8 @@ TEST(PipelineTest, ForwardingDependsOnlyOnTheType) {
 
     const auto events = gEnv->events.of(pid);
     ASSERT_EQ(CountOf(events, QUOR_SERVICE_TASK_EXIT), 1u);
-    const auto exit = std::find_if(events.begin(), events.end(), [](const Event& e) {
-        return e.type == QUOR_SERVICE_TASK_EXIT;
-    });
+    const auto exit = std::find_if(events.begin(), events.end(),
+                                   [](const Event& e) { return e.type == QUOR_SERVICE_TASK_EXIT; });
     EXPECT_STREQ(exit->as<quor_task_exit_event>().comm, "ghost");
     ASSERT_EQ(CountOf(events, QUOR_EVENT_DMABUF_UPDATE), 1u);
     EXPECT_EQ(CountOf(events, 9), 0u);

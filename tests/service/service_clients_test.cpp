@@ -103,7 +103,7 @@ std::unique_ptr<QuorBpfClient> Connect(Received* received) {
 }
 
 class ServiceClientsTest : public ::testing::Test {
-  protected:
+protected:
     static void SetUpTestSuite() {
         ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework"), 0);
         android::base::SetProperty("sys.quor_bpf_ready", "0");

@@ -66,7 +66,7 @@ inline bool WaitFor(const std::function<bool()>& condition,
 }
 
 class RawIpcClient {
-  public:
+public:
     // Connects to the abstract socket `name`.
     explicit RawIpcClient(const std::string& name) {
         fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -165,7 +165,7 @@ class RawIpcClient {
         return false;
     }
 
-  private:
+private:
     int fd_ = -1;
     std::string pending_;  // received, not yet read
 };

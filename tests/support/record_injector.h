@@ -14,25 +14,38 @@
 namespace quor_test {
 
 class RecordInjector {
-  public:
+public:
     RecordInjector() = default;
     ~RecordInjector() {
         if (object_ != nullptr) bpf_object__close(object_);
         if (ringFd_ >= 0) close(ringFd_);
+        if (statusFd_ >= 0) close(statusFd_);
     }
     RecordInjector(const RecordInjector&) = delete;
     RecordInjector& operator=(const RecordInjector&) = delete;
 
     // Loads the injector with its ring buffer replaced by the one pinned at
-    // `ringPin`; `error` says why when it returns false.
-    bool Open(const std::string& ringPin, std::string* error) {
+    // `ringPin` and, when `statusPin` is given, its status map by that one
+    // (QUOR_INJECT_PACED then wakes the reader exactly as the real
+    // programmes do); `error` says why when it returns false.
+    bool Open(const std::string& ringPin, std::string* error, const std::string& statusPin = "") {
         ringFd_ = bpf_obj_get(ringPin.c_str());
         if (ringFd_ < 0) return Fail(error, "open " + ringPin);
+        if (!statusPin.empty()) {
+            statusFd_ = bpf_obj_get(statusPin.c_str());
+            if (statusFd_ < 0) return Fail(error, "open " + statusPin);
+        }
         object_ = bpf_object__open_file(QUOR_RECORD_INJECTOR_OBJECT, nullptr);
         if (object_ == nullptr) return Fail(error, "open " QUOR_RECORD_INJECTOR_OBJECT);
         bpf_map* ring = bpf_object__find_map_by_name(object_, "ringbuf_map");
         if (ring == nullptr || bpf_map__reuse_fd(ring, ringFd_) != 0) {
             return Fail(error, "reuse ring buffer");
+        }
+        if (statusFd_ >= 0) {
+            bpf_map* status = bpf_object__find_map_by_name(object_, "ringbuf_status");
+            if (status == nullptr || bpf_map__reuse_fd(status, statusFd_) != 0) {
+                return Fail(error, "reuse status map");
+            }
         }
         if (bpf_object__load(object_) != 0) return Fail(error, "load injector");
         bpf_program* prog = bpf_object__find_program_by_name(object_, "inject");
@@ -65,7 +78,7 @@ class RecordInjector {
         return Inject(&record, sizeof(record), count);
     }
 
-  private:
+private:
     static bool Fail(std::string* error, const std::string& what) {
         if (error != nullptr) *error = what + ": " + strerror(errno);
         return false;
@@ -73,6 +86,7 @@ class RecordInjector {
 
     bpf_object* object_ = nullptr;
     int ringFd_ = -1;
+    int statusFd_ = -1;
     int progFd_ = -1;
 };
 

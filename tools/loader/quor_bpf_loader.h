@@ -46,7 +46,7 @@ struct QuorBpfLoadReport {
 };
 
 class QuorBpfLoader {
-  public:
+public:
     struct Options {
         std::string pinDir = "/sys/fs/bpf/quor/";
         // Ring-buffer size in bytes for newly created ring buffers (a power

@@ -7,11 +7,14 @@
 // both programme sets under /sys/fs/bpf/quor/ (unless --no-load) and then
 // sets "sys.quor_bpf_ready" to "1", starts the service and blocks until
 // SIGINT or SIGTERM, which stop it (exit code 0). With --unpin-on-exit it
-// removes the pins it made when it stops. --allow-uid and --allow-gid name
-// further users and groups whose processes may connect; they reach the
+// removes the pins it made when it stops. While the service runs, its pid is
+// in /run/quorbpfd.pid (--pid-file), so that quorbpfctl can send it the dump
+// signals; the file is removed on a clean stop. --allow-uid and --allow-gid
+// name further users and groups whose processes may connect; they reach the
 // service as the properties "persist.sys.quorbpf.allow_uids" / "allow_gids".
 #include <android-base/properties.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
@@ -36,14 +39,16 @@ namespace {
 constexpr const char* kTag = "quorbpfd";
 constexpr const char* kLogDir = "/data/quorlog/stability/quorbpfframework/";
 constexpr const char* kReadyProperty = "sys.quor_bpf_ready";
+constexpr const char* kDefaultPidFile = "/run/quorbpfd.pid";
+
 // Who may connect besides uid 0 and the daemon's own uid (--allow-uid/gid).
 constexpr const char* kAllowUidsProperty = "persist.sys.quorbpf.allow_uids";
 constexpr const char* kAllowGidsProperty = "persist.sys.quorbpf.allow_gids";
 
 void Usage(FILE* out) {
     fprintf(out,
-            "usage: quorbpfd [--no-load] [--unpin-on-exit] [--property KEY=VALUE]...\n"
-            "                [--allow-uid UID]... [--allow-gid GID]...\n"
+            "usage: quorbpfd [--no-load] [--unpin-on-exit] [--pid-file PATH]\n"
+            "                [--property KEY=VALUE]... [--allow-uid UID]... [--allow-gid GID]...\n"
             "\n"
             "Loads and pins the BPF programme sets under /sys/fs/bpf/quor/, then starts\n"
             "the kernel-event service in the foreground. SIGINT or SIGTERM stop it.\n"
@@ -51,6 +56,8 @@ void Usage(FILE* out) {
             "  --no-load             do not load the programmes (the platform does) and\n"
             "                        leave \"sys.quor_bpf_ready\" to the platform too\n"
             "  --unpin-on-exit       remove the pins made at start when stopping\n"
+            "  --pid-file PATH       where to write the daemon's pid while it runs\n"
+            "                        (default /run/quorbpfd.pid; \"\" for none)\n"
             "  --property KEY=VALUE  set a system property before the service starts\n"
             "                        (repeatable); \"ro.kernel.version\" defaults to the\n"
             "                        running kernel's major.minor\n"
@@ -142,12 +149,41 @@ void UnpinProgrammes() {
     for (const auto& failure : report.failures) QLOGE(kTag, "[quorbpfd] %s", failure.c_str());
 }
 
+// Written to a temporary name and renamed, so a reader never sees half a pid.
+bool WritePidFile(const std::string& path) {
+    const std::string temporary = path + ".tmp";
+    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    const std::string text = std::to_string(getpid()) + "\n";
+    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    if (close(fd) != 0 || !written || rename(temporary.c_str(), path.c_str()) != 0) {
+        (void)unlink(temporary.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Only our own pid file: a second daemon may have replaced it since.
+void RemovePidFile(const std::string& path) {
+    FILE* in = fopen(path.c_str(), "re");
+    if (in == nullptr) return;
+    long pid = 0;
+    const bool ours = fscanf(in, "%ld", &pid) == 1 && pid == static_cast<long>(getpid());
+    fclose(in);
+    if (ours) (void)unlink(path.c_str());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Signals 50 to 54 ask for dumps; until the service installs its handlers
+    // their default action would end the daemon, so ignore them meanwhile.
+    for (int signo = 50; signo <= 54; ++signo) (void)signal(signo, SIG_IGN);
+
     std::map<std::string, std::string> properties;
     bool load = true;
     bool unpinOnExit = false;
+    std::string pidFile = kDefaultPidFile;
     std::vector<std::pair<std::string, std::string>> allowed;  // (property, id)
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -161,6 +197,14 @@ int main(int argc, char** argv) {
         }
         if (arg == "--unpin-on-exit") {
             unpinOnExit = true;
+            continue;
+        }
+        if (arg == "--pid-file" && i + 1 < argc) {
+            pidFile = argv[++i];
+            continue;
+        }
+        if (arg.rfind("--pid-file=", 0) == 0) {
+            pidFile = arg.substr(strlen("--pid-file="));
             continue;
         }
         if ((arg == "--allow-uid" || arg == "--allow-gid") && i + 1 < argc) {
@@ -218,6 +262,10 @@ int main(int argc, char** argv) {
 
     std::thread supervisor([] { Quor::Bpf::WaitBpfService(); });
     supervisor.detach();
+    if (!pidFile.empty() && !WritePidFile(pidFile)) {
+        QLOGW(kTag, "[quorbpfd] cannot write the pid file %s: %s", pidFile.c_str(),
+              strerror(errno));
+    }
 
     int signo = 0;
     while (sigwait(&stopSignals, &signo) != 0) {
@@ -225,6 +273,7 @@ int main(int argc, char** argv) {
     QLOGI(kTag, "[quorbpfd] %s received, stopping", strsignal(signo));
     Quor::Bpf::StopBpfService();
     if (unpinOnExit && load) UnpinProgrammes();
+    if (!pidFile.empty()) RemovePidFile(pidFile);
     // The monitors block in their ring-buffer poll until the next record;
     // end the process now instead of waiting for it.
     fflush(nullptr);

@@ -1,0 +1,104 @@
+// The two programme sets as the arm64 build makes them (the CO-RE header
+// kernel/core/vmlinux.h, the arm64 register layout), checked where a kernel
+// is at hand: every CO-RE relocation must resolve against this kernel's BTF
+// and the verifier must accept every programme, and the probes must read
+// their arguments where arm64 passes them (x0, x1: the first words of
+// user_pt_regs), not where this machine's architecture does.
+#include <bpf/libbpf.h>
+#include <gtest/gtest.h>
+#include <linux/bpf.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char* kObjectDir = QUOR_ARM64_BPF_OBJECT_DIR;
+const char* const kObjects[] = {"QuorBpfDefineset", "QuorBpfGplDefineset"};
+
+std::string ObjectPath(const char* name) {
+    return std::string(kObjectDir) + "/" + name + ".bpf.o";
+}
+
+// Offsets of the loads a programme makes from its context: the registers
+// holding the context are followed through copies until overwritten or a
+// call clobbers r1 to r5. Straight-line reading is enough for the argument
+// loads, which the compiler places before any use.
+std::vector<int> ContextLoadOffsets(const bpf_program* prog) {
+    const bpf_insn* insns = bpf_program__insns(prog);
+    const size_t count = bpf_program__insn_cnt(prog);
+    std::set<int> ctx = {BPF_REG_1};
+    std::vector<int> offsets;
+    for (size_t i = 0; i < count; ++i) {
+        const bpf_insn& in = insns[i];
+        const int cls = BPF_CLASS(in.code);
+        if (cls == BPF_LDX && BPF_MODE(in.code) == BPF_MEM) {
+            if (ctx.count(in.src_reg) != 0) offsets.push_back(in.off);
+            ctx.erase(in.dst_reg);
+        } else if (cls == BPF_ALU64 && BPF_OP(in.code) == BPF_MOV && BPF_SRC(in.code) == BPF_X) {
+            if (ctx.count(in.src_reg) != 0) {
+                ctx.insert(in.dst_reg);
+            } else {
+                ctx.erase(in.dst_reg);
+            }
+        } else if (cls == BPF_JMP && BPF_OP(in.code) == BPF_CALL) {
+            for (int r = BPF_REG_1; r <= BPF_REG_5; ++r) ctx.erase(r);
+            ctx.erase(BPF_REG_0);
+        } else if (cls == BPF_ALU || cls == BPF_ALU64 || cls == BPF_LD) {
+            ctx.erase(in.dst_reg);
+        }
+    }
+    return offsets;
+}
+
+class Arm64ObjectsTest : public ::testing::TestWithParam<const char*> {
+protected:
+    void SetUp() override {
+        if (kObjectDir[0] == '\0')
+            GTEST_SKIP()
+                << "no arm64 objects: the arm64 UAPI headers (linux-libc-dev:arm64) were "
+                   "missing when this build was configured (scripts/install-arm64-deps.sh)";
+        obj_ = bpf_object__open_file(ObjectPath(GetParam()).c_str(), nullptr);
+        ASSERT_NE(obj_, nullptr) << ObjectPath(GetParam()) << ": " << libbpf_get_error(obj_);
+    }
+    void TearDown() override { bpf_object__close(obj_); }
+
+    bpf_object* obj_ = nullptr;
+};
+
+TEST_P(Arm64ObjectsTest, ProbesReadArgumentsFromArm64Registers) {
+    int probes = 0;
+    bpf_program* prog;
+    bpf_object__for_each_program(prog, obj_) {
+        if (bpf_program__type(prog) != BPF_PROG_TYPE_KPROBE) continue;
+        ++probes;
+        const std::vector<int> offsets = ContextLoadOffsets(prog);
+        EXPECT_FALSE(offsets.empty()) << bpf_program__name(prog) << " reads no argument";
+        // user_pt_regs.regs[0..7] hold the first eight arguments.
+        for (const int off : offsets) {
+            EXPECT_TRUE(off >= 0 && off < 8 * 8 && off % 8 == 0)
+                << bpf_program__name(prog) << " loads context offset " << off
+                << ", which is no arm64 argument register";
+        }
+    }
+    EXPECT_GT(probes, 0);
+}
+
+TEST_P(Arm64ObjectsTest, RelocatesAndVerifiesOnThisKernel) {
+    if (geteuid() != 0) GTEST_SKIP() << "loading programmes needs root";
+    // The verifier's reasons go to stderr through libbpf's default printer.
+    const int err = bpf_object__load(obj_);
+    ASSERT_EQ(err, 0) << GetParam() << ": " << err
+                      << " (a CO-RE relocation failed or the verifier refused)";
+    bpf_program* prog;
+    bpf_object__for_each_program(prog, obj_) {
+        EXPECT_GE(bpf_program__fd(prog), 0) << bpf_program__name(prog);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Objects, Arm64ObjectsTest, ::testing::ValuesIn(kObjects));
+
+}  // namespace

@@ -1,0 +1,346 @@
+// The daemon's files as quorbpfctl reads them (task dump, statistics), the
+// SVG chart drawn from them, finding the daemon, and waiting for a dump that
+// a real process writes slowly in response to a real signal.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "tools/quorbpfctl/ctl_exit_codes.h"
+#include "tools/quorbpfctl/daemon_finder.h"
+#include "tools/quorbpfctl/dump_request.h"
+#include "tools/quorbpfctl/rate_plot.h"
+#include "tools/quorbpfctl/state_table.h"
+#include "tools/quorbpfctl/task_dump.h"
+
+using namespace Quor::Bpf::Ctl;
+
+namespace {
+
+// Whether the kernel's SigCgt mask for `pid` has `signo`, read here without
+// the code under test.
+bool KernelReportsHandler(pid_t pid, int signo) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("SigCgt:", 0) != 0) continue;
+        const unsigned long long mask = std::stoull(line.substr(7), nullptr, 16);
+        return ((mask >> (signo - 1)) & 1ULL) != 0;
+    }
+    return false;
+}
+
+std::string TempDir() {
+    char pattern[] = "/tmp/quorbpfctl_test.XXXXXX";
+    const char* dir = mkdtemp(pattern);
+    return dir == nullptr ? "/tmp" : dir;
+}
+
+void WriteText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::trunc) << text;
+}
+
+// Rows written with the daemon's own formats.
+std::string FullRow(const char* comm, int pid, long anonKb) {
+    char row[512];
+    std::string name = comm;
+    if (name.size() < 16) name.append(16 - name.size(), ' ');
+    snprintf(row, sizeof(row),
+             "   %-12d%-12d%-12d%-13d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld "
+             "KB%17ld KB%20ld\n",
+             pid, 1, 3, 2, 1000u, anonKb, anonKb - 4, 20L, 20L, 0L, 0L, 0L, 0L, 1700000000L);
+    return name + row;
+}
+
+std::string NormalRow(const char* comm, int pid, long anonKb) {
+    char row[512];
+    std::string name = comm;
+    if (name.size() < 16) name.append(16 - name.size(), ' ');
+    snprintf(row, sizeof(row), "   %-12d%-12d%-12d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%20ld\n",
+             pid, 1, 3, 0u, anonKb, 8L, 0L, 0L, 1700000000L);
+    return name + row;
+}
+
+const char* const kHeader =
+    "============ DUMP ALL QUOR TASKS INFO (count: 3, time: 1700000123) ============\n";
+const char* const kFullColumns =
+    "comm               pid         ppid        threadNum   oldThreadNum mmId        rssAnonSize  "
+    "       rssAnonOldSize      rssFileSize         rssFileOldSize      rssShmemSize        "
+    "rssShmemOldSize     rssSwapSize         rssSwapOldSize      initTimeStamp       \n";
+const char* const kNormalColumns =
+    "comm               pid         ppid        threadNum   mmId        rssAnonSize         "
+    "rssFileSize         rssShmemSize        rssSwapSize         initTimeStamp       \n";
+
+TEST(TaskDumpTest, ParsesBothVariantsWithAwkwardNames) {
+    const std::string full = std::string(kHeader) + kFullColumns + FullRow("web content", 10, 900) +
+                             FullRow("0123456789abcdef", 11, -5) + FullRow("x", 12, 0);
+    TaskDump dump;
+    std::string error;
+    ASSERT_TRUE(ParseTaskDump(full, &dump, &error)) << error;
+    EXPECT_TRUE(dump.full);
+    EXPECT_EQ(dump.count, 3u);
+    EXPECT_EQ(dump.time, 1700000123);
+    ASSERT_EQ(dump.rows.size(), 3u);
+    EXPECT_EQ(dump.rows[0].comm, "web content");
+    EXPECT_EQ(dump.rows[0].anonKb, 900);
+    EXPECT_EQ(dump.rows[0].oldAnonKb, 896);
+    EXPECT_EQ(dump.rows[0].oldThreads, 2);
+    EXPECT_EQ(dump.rows[0].uid, 1000u);
+    EXPECT_EQ(dump.rows[1].comm, "0123456789abcdef");
+    EXPECT_EQ(dump.rows[1].anonKb, -5);
+    EXPECT_EQ(dump.rows[2].comm, "x");
+    EXPECT_TRUE(TaskDumpComplete(full, true));
+
+    const std::string normal =
+        std::string(kHeader) + kNormalColumns + NormalRow("kworker/0:1", 20, 0);
+    ASSERT_TRUE(ParseTaskDump(normal, &dump, &error)) << error;
+    EXPECT_FALSE(dump.full);
+    ASSERT_EQ(dump.rows.size(), 1u);
+    EXPECT_EQ(dump.rows[0].comm, "kworker/0:1");
+    EXPECT_EQ(dump.rows[0].fileKb, 8);
+    EXPECT_EQ(dump.rows[0].initTimestamp, 1700000000);
+    // One row of three: whole only for a variant that leaves tasks out.
+    EXPECT_FALSE(TaskDumpComplete(normal, true));
+    EXPECT_TRUE(TaskDumpComplete(normal, false));
+}
+
+TEST(TaskDumpTest, RejectsWhatIsNotADump) {
+    const std::string full = std::string(kHeader) + kFullColumns + FullRow("a", 1, 1) +
+                             FullRow("b", 2, 2) + FullRow("c", 3, 3);
+    // Cut anywhere before the end, the dump is incomplete.
+    for (size_t cut = 0; cut < full.size(); cut += 7) {
+        EXPECT_FALSE(TaskDumpComplete(full.substr(0, cut), true)) << cut;
+    }
+    TaskDump dump;
+    std::string error;
+    EXPECT_FALSE(ParseTaskDump("hello\nworld\n", &dump, &error));
+    EXPECT_FALSE(ParseTaskDump(std::string(kHeader) + kFullColumns + "a 1 2 3\n", &dump, &error));
+    EXPECT_NE(error.find("line 3"), std::string::npos) << error;
+}
+
+// Statistics with the daemon's formats: newest second first.
+std::string StateFile(int64_t head, int64_t tail, const std::vector<std::vector<int>>& rows) {
+    std::string text =
+        "EventCount, quor_task_init, kmem_rss_info, sched_task_create, sched_task_exit, "
+        "dmabuf_size_info, cgroup_attach_cpuset_info, fd_update_info, dmabuf_update, PollCount, " +
+        std::to_string(head) + ", " + std::to_string(tail) + " \r\n";
+    for (const auto& row : rows) {
+        int sum = 0;
+        for (size_t k = 0; k < 8; ++k) sum += row[k];
+        text += std::to_string(sum) + ", ";
+        for (const int value : row) text += std::to_string(value) + ", ";
+        text += "\r\n";
+    }
+    return text;
+}
+
+TEST(StateTableTest, RatesLeaveOutTheRunningSecond) {
+    std::vector<std::vector<int>> rows;
+    rows.push_back({0, 999, 0, 0, 0, 0, 0, 0, 1});  // the second in progress
+    for (int i = 0; i < 70; ++i) rows.push_back({0, i < 60 ? 10 : 40, 1, 0, 0, 0, 0, 0, 2});
+    const std::string text = StateFile(1070, 1000, rows);
+    ASSERT_TRUE(StateTableComplete(text));
+    EXPECT_FALSE(StateTableComplete(text.substr(0, text.size() - 3)));
+    EXPECT_FALSE(StateTableComplete(StateFile(1071, 1000, rows)));
+    StateTable table;
+    std::string error;
+    ASSERT_TRUE(ParseStateTable(text, &table, &error)) << error;
+    EXPECT_EQ(table.names[1], "kmem_rss_info");
+    EXPECT_EQ(table.names[8], "PollCount");
+    const StateRates minute = table.Rates(60);
+    EXPECT_EQ(minute.seconds, 60u);
+    EXPECT_DOUBLE_EQ(minute.perSecond[1], 10.0);
+    const StateRates all = table.Rates(0);
+    EXPECT_EQ(all.seconds, 70u);
+    EXPECT_DOUBLE_EQ(all.perSecond[1], (60 * 10 + 10 * 40) / 70.0);
+    EXPECT_EQ(all.totals[2], 70u);
+    EXPECT_DOUBLE_EQ(all.perSecond[8], 2.0);
+    // Right after the daemon starts there is one row: it is all there is.
+    ASSERT_TRUE(ParseStateTable(StateFile(0, 0, {{1, 2, 3, 4, 5, 6, 7, 8, 9}}), &table, &error));
+    EXPECT_EQ(table.Rates(60).seconds, 1u);
+    EXPECT_DOUBLE_EQ(table.Rates(60).perSecond[7], 8.0);
+    EXPECT_FALSE(ParseStateTable("EventCount, a, b\r\n", &table, &error));
+    EXPECT_FALSE(
+        ParseStateTable(StateFile(1, 0, {{1, 2, 3, 4, 5, 6, 7, 8, 9}, {1, 2}}), &table, &error));
+}
+
+// The SVG parsed by a real XML parser: well formed, one polyline per type
+// with events, the points inside the plot.
+TEST(RatePlotTest, OnePolylinePerTypeWithDataInAWellFormedDocument) {
+    std::vector<std::vector<int>> rows;
+    for (int i = 0; i < 120; ++i)
+        rows.push_back({i == 119 ? 200 : 0, 5000 + i, i % 7, 0, 0, 0, 0, 0, 50});
+    StateTable table;
+    std::string error;
+    ASSERT_TRUE(ParseStateTable(StateFile(119, 0, rows), &table, &error));
+    for (const bool log : {true, false}) {
+        const std::string svg = RenderRatePlotSvg(table, log, "rates <& \"test\">");
+        const std::string path = TempDir() + "/rates.svg";
+        WriteText(path, svg);
+        if (system("python3 -c 'pass' 2>/dev/null") != 0) GTEST_SKIP() << "python3 is missing";
+        const std::string check =
+            "python3 -c \"import sys, xml.etree.ElementTree as E\n"
+            "ns = '{http://www.w3.org/2000/svg}'\n"
+            "root = E.parse(sys.argv[1]).getroot()\n"
+            "lines = root.findall(ns + 'polyline')\n"
+            "assert len(lines) == 3, len(lines)\n"
+            "names = [l.find(ns + 'title').text for l in lines]\n"
+            "assert names == ['quor_task_init', 'kmem_rss_info', 'sched_task_create'], names\n"
+            "for l in lines:\n"
+            "    pts = [tuple(map(float, p.split(','))) for p in l.get('points').split()]\n"
+            "    assert len(pts) == 119, len(pts)\n"
+            "    assert all(80 <= x <= 711 and 49 <= y <= 441 for x, y in pts), pts[:3]\n"
+            "texts = ''.join(t.text or '' for t in root.iter(ns + 'text'))\n"
+            "assert 'rates <& \\\"test\\\">' in texts and 'kmem_rss_info' in texts\n"
+            "\" " +
+            path;
+        EXPECT_EQ(system(check.c_str()), 0) << svg.substr(0, 2000);
+    }
+    // No events at all still makes a chart that says so.
+    ASSERT_TRUE(ParseStateTable(StateFile(0, 0, {{0, 0, 0, 0, 0, 0, 0, 0, 3}}), &table, &error));
+    const std::string empty = RenderRatePlotSvg(table, true, "t");
+    EXPECT_NE(empty.find("no events in the window"), std::string::npos);
+    EXPECT_EQ(empty.find("<polyline"), std::string::npos);
+}
+
+TEST(DaemonFinderTest, PidFileFirstWhileItNamesTheDaemonThenTheProcessList) {
+    const std::string proc = TempDir();
+    const auto fakeProcess = [&](int pid, const char* comm) {
+        mkdir((proc + "/" + std::to_string(pid)).c_str(), 0755);
+        WriteText(proc + "/" + std::to_string(pid) + "/comm", std::string(comm) + "\n");
+    };
+    fakeProcess(10, "bash");
+    fakeProcess(20, "quorbpfd");
+    mkdir((proc + "/self").c_str(), 0755);
+    const std::string pidFile = proc + "/quorbpfd.pid";
+    const DaemonFinder finder(proc);
+
+    WriteText(pidFile, "20\n");
+    DaemonLookup found = finder.Find(0, pidFile);
+    EXPECT_EQ(found.pid, 20);
+    EXPECT_EQ(found.source, pidFile);
+    // A stale file naming a recycled pid is not believed.
+    WriteText(pidFile, "10\n");
+    found = finder.Find(0, pidFile);
+    EXPECT_EQ(found.pid, 20);
+    EXPECT_EQ(found.source, "process list");
+    WriteText(pidFile, "20 junk\n");
+    EXPECT_EQ(finder.Find(0, pidFile).source, "process list");
+    // An explicit pid wins as long as it exists.
+    EXPECT_EQ(finder.Find(10, pidFile).pid, 10);
+    EXPECT_EQ(finder.Find(99, pidFile).exitCode, kExitNotRunning);
+    // Two daemons: no guessing.
+    fakeProcess(30, "quorbpfd");
+    found = finder.Find(0, "/nonexistent");
+    EXPECT_EQ(found.pid, 0);
+    EXPECT_EQ(found.exitCode, kExitFailure);
+    EXPECT_NE(found.error.find("20 30"), std::string::npos) << found.error;
+    const DaemonFinder none(proc, "nothing");
+    EXPECT_EQ(none.Find(0, "/nonexistent").exitCode, kExitNotRunning);
+}
+
+// A stand-in daemon: a child that, on each SIGRTMIN+N it catches, replaces
+// the file the way the real dump thread does (remove, create, write) but
+// slowly and in two parts, so a reader that trusts the first bytes fails.
+pid_t StartSlowWriter(const std::string& path, int signo, const std::string& contents) {
+    // The child starts with the signal blocked and takes it with sigwait(),
+    // so a request sent before it waits is kept, not lost (pause() would
+    // miss one that came before it) nor fatal (an emulator shows its own
+    // handlers in SigCgt, so the request may come before the child's).
+    sigset_t set;
+    sigset_t old;
+    sigemptyset(&set);
+    sigaddset(&set, signo);
+    pthread_sigmask(SIG_BLOCK, &set, &old);
+    const pid_t child = fork();
+    if (child != 0) {
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+        return child;
+    }
+    // A handler makes the signal show in SigCgt; the work is done below.
+    signal(signo, [](int) {});
+    for (;;) {
+        int taken = 0;
+        if (sigwait(&set, &taken) != 0) _exit(1);
+        (void)remove(path.c_str());
+        FILE* out = fopen(path.c_str(), "we");
+        if (out == nullptr) _exit(1);
+        const size_t half = contents.size() / 2;
+        fwrite(contents.data(), 1, half, out);
+        fflush(out);
+        usleep(300 * 1000);
+        fwrite(contents.data() + half, 1, contents.size() - half, out);
+        fclose(out);
+    }
+}
+
+TEST(DumpRequestTest, WaitsForTheWholeNewFile) {
+    const std::string dir = TempDir();
+    const std::string path = dir + "/DUMPTASK_INFO";
+    const std::string full = std::string(kHeader) + kFullColumns + FullRow("a", 1, 1) +
+                             FullRow("b", 2, 2) + FullRow("c", 3, 3);
+    // An old, complete file is there already: it must not be taken for the answer.
+    WriteText(path, std::string(kHeader) + kFullColumns + FullRow("old", 1, 1) +
+                        FullRow("old", 2, 2) + FullRow("old", 3, 3));
+    const int signo = SIGRTMIN + 20;
+    const pid_t writer = StartSlowWriter(path, signo, full);
+    std::string contents;
+    std::string error;
+    const auto start = std::chrono::steady_clock::now();
+    const int rc = DumpRequest(writer, signo, path, 10000)
+                       .Run([](const std::string& text) { return TaskDumpComplete(text, true); },
+                            &contents, &error);
+    EXPECT_EQ(rc, kExitOk) << error;
+    EXPECT_EQ(contents, full);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+
+    // A second request gets a second, fresh file.
+    contents.clear();
+    EXPECT_EQ(DumpRequest(writer, signo, path, 10000)
+                  .Run([](const std::string& text) { return TaskDumpComplete(text, true); },
+                       &contents, &error),
+              kExitOk)
+        << error;
+    EXPECT_EQ(contents, full);
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+}
+
+TEST(DumpRequestTest, NeverSignalsAProcessWithoutAHandlerAndTimesOut) {
+    const std::string path = TempDir() + "/bpfservice_state.csv";
+    // A child with no handler: the default action would end it.
+    const pid_t child = fork();
+    if (child == 0) {
+        for (;;) pause();
+    }
+    std::string contents;
+    std::string error;
+    const int signo = SIGRTMIN + 21;
+    if (KernelReportsHandler(child, signo)) {
+        // qemu-user catches every signal itself to forward it to the guest,
+        // so the kernel cannot tell a guest without a handler.
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        GTEST_SKIP() << "the kernel reports a handler the child never installed (an emulator's)";
+    }
+    EXPECT_EQ(DumpRequest(child, signo, path, 1000)
+                  .Run([](const std::string&) { return true; }, &contents, &error),
+              kExitTimeout);
+    EXPECT_NE(error.find("does not handle signal"), std::string::npos) << error;
+    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0) << "the child was killed by the signal";
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    // A process that is gone.
+    EXPECT_EQ(DumpRequest(child, signo, path, 1000)
+                  .Run([](const std::string&) { return true; }, &contents, &error),
+              kExitNotRunning);
+}
+
+}  // namespace

@@ -1,0 +1,268 @@
+// quorbpfctl's event lines (text and JSON) from records of known bytes, and
+// its command line: type names, numbers and the errors for both.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <cstring>
+#include <string>
+
+#include "quor/quor_bpf_records.h"
+#include "tools/quorbpfctl/ctl_exit_codes.h"
+#include "tools/quorbpfctl/ctl_options.h"
+#include "tools/quorbpfctl/event_formatter.h"
+#include "tools/quorbpfctl/json_line.h"
+#include "tools/quorbpfctl/watch_command.h"
+
+using namespace Quor::Bpf;
+using namespace Quor::Bpf::Ctl;
+
+namespace {
+
+// 2026-01-02 03:04:05.678 UTC, and the monotonic clock at that moment.
+constexpr int64_t kWallNs = 1767323045678000000;
+constexpr int64_t kMonoNs = 500000000000;
+
+class FormatTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        context_.realtimeNs = kWallNs;
+        context_.monotonicNs = kMonoNs;
+    }
+    template <typename Record>
+    DecodedEvent Decode(const Record& record, size_t length = sizeof(Record)) {
+        uint32_t type = 0;
+        memcpy(&type, &record, sizeof(type));
+        return DecodeEvent(type, &record, length);
+    }
+    EventContext context_;
+};
+
+TEST_F(FormatTest, KernelRecordsShowLocalTimeSizesAndEveryField) {
+    quor_fork_record fork = {};
+    fork.header.type = QUOR_EVENT_TASK_CREATE;
+    fork.header.timestamp_ns = kMonoNs - 1000000000;  // one second before arrival
+    fork.ppid = 1;
+    fork.pid = 200;
+    fork.tid = 201;
+    memcpy(fork.comm, "0123456789abcdef", 16);  // a full comm has no NUL
+    fork.kind = QUOR_TASK_KIND_THREAD;
+    EXPECT_EQ(FormatEventText(Decode(fork), context_),
+              "03:04:04.678 sched_task_create             200 0123456789abcdef "
+              "ppid=1 tid=201 kind=thread");
+    EXPECT_EQ(
+        FormatEventJson(Decode(fork), context_),
+        "{\"time\":\"2026-01-02T03:04:04.678+0000\",\"type\":2,\"name\":\"sched_task_create\","
+        "\"ts_ns\":499000000000,\"pid\":200,\"comm\":\"0123456789abcdef\",\"ppid\":1,"
+        "\"tid\":201,\"kind\":\"thread\"}");
+
+    quor_rss_record rss = {};
+    rss.header.type = QUOR_EVENT_RSS_STAT;
+    rss.header.timestamp_ns = kMonoNs;
+    rss.pid = 7;
+    rss.member = QUOR_RSS_ANON;
+    rss.size = 5 * 1024 * 1024 + 512 * 1024;
+    context_.commOf = [](int32_t pid) { return pid == 7 ? std::string("app") : std::string(); };
+    EXPECT_EQ(FormatEventText(Decode(rss), context_),
+              "03:04:05.678 kmem_rss_info                   7 app              anon=5.5 MiB");
+    // JSON keeps the record's own fields only, sizes in bytes.
+    EXPECT_EQ(FormatEventJson(Decode(rss), context_),
+              "{\"time\":\"2026-01-02T03:04:05.678+0000\",\"type\":1,\"name\":\"kmem_rss_info\","
+              "\"ts_ns\":500000000000,\"pid\":7,\"member\":\"anon\",\"size\":5767168}");
+
+    quor_dmabuf_update_record dmabuf = {};
+    dmabuf.header.type = QUOR_EVENT_DMABUF_UPDATE;
+    dmabuf.header.timestamp_ns = kMonoNs + 5;  // from the future: shown at arrival
+    dmabuf.pid = 9;
+    dmabuf.action = 77;
+    dmabuf.inode = 1234;
+    dmabuf.size = 16384;
+    context_.commOf = nullptr;
+    EXPECT_EQ(FormatEventText(Decode(dmabuf), context_),
+              "03:04:05.678 dmabuf_update                   9 -                "
+              "action=unknown(77) inode=1234 size=16 KiB");
+}
+
+TEST_F(FormatTest, ServiceEventsShowChangesAndKeepOldValuesInJson) {
+    quor_rss_change_event rss = {};
+    rss.id = QUOR_SERVICE_RSS_CHANGE;
+    rss.pid = 42;
+    rss.ppid = 1;
+    memcpy(rss.comm, "big", 3);
+    rss.rss_anon = 300LL * 1024 * 1024;
+    rss.old_rss_anon = 100LL * 1024 * 1024;
+    rss.rss_file = rss.old_rss_file = 8192;
+    rss.old_rss_shmem = 4096;  // shmem went to zero: still shown
+    EXPECT_EQ(FormatEventText(Decode(rss), context_),
+              "03:04:05.678 rss_change                     42 big              ppid=1 uid=0 "
+              "rss=300.0 MiB (+200.0 MiB) anon=300.0 MiB (+200.0 MiB) file=8 KiB "
+              "shmem=0 KiB (-4 KiB)");
+    const std::string json = FormatEventJson(Decode(rss), context_);
+    EXPECT_NE(json.find("\"rss_anon\":314572800"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"old_rss_anon\":104857600"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"old_rss_shmem\":4096"), std::string::npos) << json;
+    EXPECT_EQ(json.find("ts_ns"), std::string::npos) << "service events carry no time";
+}
+
+TEST_F(FormatTest, HostileNamesStayOnOneLineAndValidJson) {
+    quor_exit_record exit = {};
+    exit.header.type = QUOR_EVENT_TASK_EXIT;
+    exit.pid = 5;
+    // Quote, backslash, newline, escape, DEL, a lone 0xff and valid UTF-8 (é).
+    const char comm[] = "a\"b\\c\n\x1b\x7f\xff\xc3\xa9";
+    memcpy(exit.comm, comm, sizeof(comm) - 1);
+    exit.kind = QUOR_TASK_KIND_PROCESS;
+    const std::string text = FormatEventText(Decode(exit), context_);
+    EXPECT_NE(text.find("a\"b\\\\c\\x0a\\x1b\\x7f\\xff\\xc3\\xa9"), std::string::npos) << text;
+    EXPECT_EQ(text.find('\n'), std::string::npos);
+    const std::string json = FormatEventJson(Decode(exit), context_);
+    EXPECT_NE(json.find("\"comm\":\"a\\\"b\\\\c\\n\\u001b\\u007f\\u00ff\xc3\xa9\""),
+              std::string::npos)
+        << json;
+    // Sequences that look like UTF-8 but are not: overlong, surrogate, cut.
+    EXPECT_EQ(JsonQuote("\xc0\xaf"), "\"\\u00c0\\u00af\"");
+    EXPECT_EQ(JsonQuote("\xed\xa0\x80"), "\"\\u00ed\\u00a0\\u0080\"");
+    EXPECT_EQ(JsonQuote("\xe2\x82"), "\"\\u00e2\\u0082\"");
+    EXPECT_EQ(JsonQuote("\xf0\x9f\x98\x80"), "\"\xf0\x9f\x98\x80\"");
+}
+
+TEST_F(FormatTest, ShortForeignAndUnknownRecordsBecomeErrorLines) {
+    quor_fork_record fork = {};
+    fork.header.type = QUOR_EVENT_TASK_CREATE;
+    const DecodedEvent cut = Decode(fork, sizeof(fork) - 1);
+    EXPECT_EQ(cut.error, "truncated");
+    EXPECT_EQ(FormatEventText(cut, context_),
+              "03:04:05.678 sched_task_create truncated (47 bytes)");
+    EXPECT_EQ(
+        FormatEventJson(cut, context_),
+        "{\"time\":\"2026-01-02T03:04:05.678+0000\",\"type\":2,\"name\":\"sched_task_create\","
+        "\"error\":\"truncated\",\"length\":47}");
+    // The record says exit, the frame says fork.
+    quor_exit_record exit = {};
+    exit.header.type = QUOR_EVENT_TASK_EXIT;
+    EXPECT_EQ(DecodeEvent(QUOR_EVENT_TASK_CREATE, &exit, sizeof(exit)).error,
+              "type mismatch (record says 3)");
+    EXPECT_EQ(DecodeEvent(9, &exit, sizeof(exit)).error, "unknown type");
+    EXPECT_EQ(DecodeEvent(QUOR_EVENT_TASK_EXIT, nullptr, 0).error, "truncated");
+    EXPECT_EQ(FormatEventJson(DecodeEvent(9, &exit, 3), context_),
+              "{\"time\":\"2026-01-02T03:04:05.678+0000\",\"type\":9,\"error\":\"unknown type\","
+              "\"length\":3}");
+}
+
+TEST(SizeFormatTest, KibBelowOneMibThenMib) {
+    EXPECT_EQ(FormatSize(0), "0 KiB");
+    EXPECT_EQ(FormatSize(1536), "1.5 KiB");
+    EXPECT_EQ(FormatSize(1023 * 1024), "1023 KiB");
+    EXPECT_EQ(FormatSize(1024 * 1024), "1.0 MiB");
+    EXPECT_EQ(FormatSize(-3 * 1024 * 1024), "-3.0 MiB");
+    EXPECT_EQ(FormatSizeChange(16384), "+16 KiB");
+    EXPECT_EQ(FormatSizeChange(-16384), "-16 KiB");
+}
+
+TEST(WatchFilterTest, PidMatchesParentsOfForksAndCommMatchesSubstrings) {
+    CtlOptions options;
+    options.pids = {100};
+    options.comm = "ash";
+    WatchCommand watch(options, stdout, stderr);
+    quor_fork_record fork = {};
+    fork.header.type = QUOR_EVENT_TASK_CREATE;
+    fork.ppid = 100;
+    fork.pid = 101;
+    memcpy(fork.comm, "bash", 4);
+    const EventContext context;
+    EXPECT_FALSE(watch
+                     .Format(fork.header.type, reinterpret_cast<const uint8_t*>(&fork),
+                             sizeof(fork), context)
+                     .empty());
+    memcpy(fork.comm, "zsh\0", 4);
+    EXPECT_TRUE(watch
+                    .Format(fork.header.type, reinterpret_cast<const uint8_t*>(&fork), sizeof(fork),
+                            context)
+                    .empty());
+    quor_exit_record exit = {};
+    exit.header.type = QUOR_EVENT_TASK_EXIT;
+    exit.pid = 101;  // not 100, and an exit does not match on its parent
+    memcpy(exit.comm, "bash", 4);
+    EXPECT_TRUE(watch
+                    .Format(exit.header.type, reinterpret_cast<const uint8_t*>(&exit), sizeof(exit),
+                            context)
+                    .empty());
+    // A malformed record is not shown when the user asked for one process.
+    EXPECT_TRUE(
+        watch.Format(QUOR_EVENT_TASK_EXIT, reinterpret_cast<const uint8_t*>(&exit), 4, context)
+            .empty());
+}
+
+int Parse(std::vector<std::string> args, CtlOptions* options, std::string* error) {
+    return ParseCtlArguments(args, options, error);
+}
+
+TEST(CtlOptionsTest, TypesByNameNumberAndCommaList) {
+    CtlOptions options;
+    std::string error;
+    ASSERT_EQ(Parse({"watch", "task_new", "2,sched_task_exit", "--json", "--pid=7,8", "--comm",
+                     "sh", "--count", "3", "--timeout=2"},
+                    &options, &error),
+              kExitOk)
+        << error;
+    EXPECT_EQ(options.command, CtlCommand::kWatch);
+    EXPECT_EQ(options.types, (std::vector<uint32_t>{50001, 2, 3}));
+    EXPECT_TRUE(options.json);
+    EXPECT_EQ(options.pids, (std::vector<int32_t>{7, 8}));
+    EXPECT_EQ(options.comm, "sh");
+    EXPECT_EQ(options.count, 3u);
+    EXPECT_EQ(options.timeoutMs, 2000);
+    for (const uint32_t type : AllEventTypes()) {
+        uint32_t parsed = 0;
+        EXPECT_TRUE(ParseEventType(std::to_string(type), &parsed, &error));
+        EXPECT_EQ(parsed, type);
+    }
+}
+
+TEST(CtlOptionsTest, MistakesAreUsageErrorsThatSayWhat) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"watch", "sched_fork"}, "unknown event type 'sched_fork'"},
+        {{"watch", "8"}, "unknown event type '8'"},
+        {{"watch", "50005"}, "unknown event type '50005'"},
+        {{"watch", "99999999999"}, "unknown event type"},
+        {{"watch", "--pid", "x"}, "--pid needs process ids"},
+        {{"watch", "--count", "0"}, "--count needs a positive number"},
+        {{"watch", "--timeout"}, "--timeout needs a value"},
+        {{"tasks", "--json"}, "unknown option '--json' for tasks"},
+        {{"tasks", "--normal=1"}, "takes no value"},
+        {{"stats", "--linear"}, "--linear applies to --plot"},
+        {{"frob"}, "unknown command 'frob'"},
+        {{}, "a command is needed"},
+    };
+    for (const auto& [args, message] : cases) {
+        CtlOptions options;
+        std::string error;
+        EXPECT_EQ(Parse(args, &options, &error), kExitUsage) << message;
+        EXPECT_NE(error.find(message), std::string::npos) << error;
+    }
+    CtlOptions options;
+    std::string error;
+    Parse({"watch", "nope"}, &options, &error);
+    EXPECT_NE(error.find("50004  rss_change"), std::string::npos) << "lists the known types";
+}
+
+TEST(CtlOptionsTest, HelpForEachCommandHasExamplesAndExitCodes) {
+    for (const CtlCommand command : {CtlCommand::kNone, CtlCommand::kWatch, CtlCommand::kTasks,
+                                     CtlCommand::kStats, CtlCommand::kTop}) {
+        const std::string text = UsageText(command);
+        EXPECT_NE(text.find("exit codes:"), std::string::npos);
+        EXPECT_NE(text.find("  3  service not running"), std::string::npos);
+        if (command != CtlCommand::kNone) {
+            EXPECT_NE(text.find("examples:"), std::string::npos);
+        }
+    }
+    CtlOptions options;
+    std::string error;
+    ASSERT_EQ(Parse({"stats", "--help"}, &options, &error), kExitOk);
+    EXPECT_TRUE(options.help);
+    EXPECT_EQ(options.command, CtlCommand::kStats);
+}
+
+}  // namespace

@@ -1,0 +1,442 @@
+#include "tools/quorbpfctl/event_formatter.h"
+
+#include <time.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+
+#include "quor/quorbpf_event_views.h"
+#include "tools/quorbpfctl/json_line.h"
+
+namespace Quor {
+namespace Bpf {
+namespace Ctl {
+
+namespace {
+
+using Kind = EventField::Kind;
+
+int64_t ClockNs(clockid_t clock) {
+    timespec ts = {};
+    clock_gettime(clock, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+EventField Int(const char* jsonKey, const char* textKey, int64_t value) {
+    EventField field;
+    field.jsonKey = jsonKey;
+    field.textKey = textKey;
+    field.kind = Kind::kInt;
+    field.number = value;
+    return field;
+}
+
+EventField Uint(const char* jsonKey, const char* textKey, uint64_t value) {
+    EventField field;
+    field.jsonKey = jsonKey;
+    field.textKey = textKey;
+    field.kind = Kind::kUint;
+    field.unsignedNumber = value;
+    return field;
+}
+
+EventField Size(const char* jsonKey, const char* textKey, int64_t bytes) {
+    EventField field;
+    field.jsonKey = jsonKey;
+    field.textKey = textKey;
+    field.kind = Kind::kSize;
+    field.number = bytes;
+    return field;
+}
+
+EventField Text(const char* jsonKey, const char* textKey, std::string value) {
+    EventField field;
+    field.jsonKey = jsonKey;
+    field.textKey = textKey;
+    field.kind = Kind::kText;
+    field.text = std::move(value);
+    return field;
+}
+
+std::string EnumName(const char* name, uint64_t value) {
+    if (name != nullptr) return name;
+    return "unknown(" + std::to_string(value) + ")";
+}
+
+std::string TaskKind(uint32_t kind) {
+    return EnumName(kind == QUOR_TASK_KIND_PROCESS  ? "process"
+                    : kind == QUOR_TASK_KIND_THREAD ? "thread"
+                                                    : nullptr,
+                    kind);
+}
+
+std::string RssMember(int32_t member) {
+    static const char* const kNames[] = {"file", "anon", "swap", "shmem"};
+    if (member >= 0 && member < 4) return kNames[member];
+    return "unknown(" + std::to_string(member) + ")";
+}
+
+std::string DmabufAction(uint32_t action) {
+    return EnumName(action == QUOR_DMABUF_SETUP     ? "setup"
+                    : action == QUOR_DMABUF_RELEASE ? "release"
+                                                    : nullptr,
+                    action);
+}
+
+void SetHeader(DecodedEvent* event, const quor_record_header& header) {
+    event->hasTimestamp = true;
+    event->timestampNs = header.timestamp_ns;
+}
+
+void SetComm(DecodedEvent* event, const char (&comm)[QUOR_COMM_LEN]) {
+    event->hasComm = true;
+    event->comm = QuorCommString(comm);
+}
+
+// Fills pid, comm and fields of a record already known to be whole.
+void DecodeWhole(const void* data, size_t length, DecodedEvent* e) {
+    auto& f = e->fields;
+    switch (e->type) {
+        case QUOR_EVENT_TASK_INIT: {
+            const QuorTaskInitView r(data, length);
+            SetHeader(e, r->header);
+            e->pid = r->pid;
+            e->ppid = r->ppid;
+            SetComm(e, r->comm);
+            f = {Int("ppid", "ppid", r->ppid),
+                 Int("uid", "uid", r->uid),
+                 Int("thread_count", "threads", r->thread_count),
+                 Size("rss_file", "file", r->rss_file),
+                 Size("rss_anon", "anon", r->rss_anon),
+                 Size("rss_shmem", "shmem", r->rss_shmem),
+                 Size("swap", "swap", r->swap),
+                 Int("start_time_s", "start", r->start_time_s)};
+            break;
+        }
+        case QUOR_EVENT_RSS_STAT: {
+            const QuorRssView r(data, length);
+            SetHeader(e, r->header);
+            e->pid = r->pid;
+            static const char* const kMembers[] = {"file", "anon", "swap", "shmem"};
+            const bool known = r->member >= 0 && r->member < 4;
+            f = {Text("member", known ? nullptr : "member", RssMember(r->member)),
+                 Size("size", known ? kMembers[r->member] : "size", r->size)};
+            break;
+        }
+        case QUOR_EVENT_TASK_CREATE: {
+            const QuorForkView r(data, length);
+            SetHeader(e, r->header);
+            e->pid = r->pid;
+            e->ppid = r->ppid;
+            SetComm(e, r->comm);
+            f = {Int("ppid", "ppid", r->ppid), Int("tid", "tid", r->tid),
+                 Text("kind", "kind", TaskKind(r->kind))};
+            break;
+        }
+        case QUOR_EVENT_TASK_EXIT: {
+            const QuorExitView r(data, length);
+            SetHeader(e, r->header);
+            e->pid = r->pid;
+            SetComm(e, r->comm);
+            f = {Text("kind", "kind", TaskKind(r->kind))};
+            break;
+        }
+        case QUOR_EVENT_DMABUF_SIZE: {
+            const QuorDmabufSizeView r(data, length);
+            SetHeader(e, r->header);
+            e->pid = r->pid;
+            f = {Uint("total_size", nullptr, r->total_size),
+                 Size(nullptr, "dmabuf_total", static_cast<int64_t>(r->total_size))};
+            break;
+        }
+        case QUOR_EVENT_CGROUP_ATTACH: {
+            const QuorCgroupAttachView r(data, length);
+            SetHeader(e, r->header);
+            e->pid = r->pid;
+            SetComm(e, r->comm);
+            f = {Int("tid", "tid", r->tid), Text("cgroup", "cgroup", QuorFieldString(r->cgroup))};
+            break;
+        }
+        case QUOR_EVENT_FD_UPDATE: {
+            const QuorFdUpdateView r(data, length);
+            SetHeader(e, r->header);
+            e->pid = r->pid;
+            SetComm(e, r->comm);
+            f = {Int("fd", "fd", r->fd), Uint("open_fds", "open_fds", r->open_fds)};
+            break;
+        }
+        case QUOR_EVENT_DMABUF_UPDATE: {
+            const QuorDmabufUpdateView r(data, length);
+            SetHeader(e, r->header);
+            e->pid = r->pid;
+            f = {Text("action", "action", DmabufAction(r->action)),
+                 Uint("inode", "inode", r->inode), Uint("size", nullptr, r->size),
+                 Size(nullptr, "size", static_cast<int64_t>(r->size))};
+            break;
+        }
+        case QUOR_SERVICE_TASK_NEW: {
+            const QuorTaskNewView r(data, length);
+            e->pid = r->pid;
+            e->ppid = r->ppid;
+            SetComm(e, r->comm);
+            f = {Int("ppid", "ppid", r->ppid), Int("uid", "uid", r->uid)};
+            break;
+        }
+        case QUOR_SERVICE_TASK_EXIT: {
+            const QuorTaskExitView r(data, length);
+            e->pid = r->pid;
+            SetComm(e, r->comm);
+            break;
+        }
+        case QUOR_SERVICE_THREAD_CHANGE: {
+            const QuorThreadChangeView r(data, length);
+            e->pid = r->pid;
+            e->ppid = r->ppid;
+            f = {Int("ppid", "ppid", r->ppid), Int("uid", "uid", r->uid),
+                 Int("old_thread_count", "old_threads", r->old_thread_count),
+                 Int("thread_count", "threads", r->thread_count)};
+            break;
+        }
+        case QUOR_SERVICE_RSS_CHANGE: {
+            const QuorRssChangeView r(data, length);
+            e->pid = r->pid;
+            e->ppid = r->ppid;
+            SetComm(e, r->comm);
+            // The text line shows each size with its change; the old values
+            // are JSON-only fields.
+            f = {Int("ppid", "ppid", r->ppid),
+                 Int("uid", "uid", r->uid),
+                 Size("rss_file", "file", r->rss_file),
+                 Size("rss_anon", "anon", r->rss_anon),
+                 Size("swap", "swap", r->swap),
+                 Size("rss_shmem", "shmem", r->rss_shmem),
+                 Size("old_rss_file", nullptr, r->old_rss_file),
+                 Size("old_rss_anon", nullptr, r->old_rss_anon),
+                 Size("old_swap", nullptr, r->old_swap),
+                 Size("old_rss_shmem", nullptr, r->old_rss_shmem)};
+            break;
+        }
+        default:
+            break;
+    }
+}
+
+// The value of JSON field `key` among `fields` (rss_change pairs).
+int64_t FieldNumber(const std::vector<EventField>& fields, const char* key) {
+    for (const EventField& field : fields) {
+        if (field.jsonKey != nullptr && std::string(field.jsonKey) == key) return field.number;
+    }
+    return 0;
+}
+
+// rss_change as a person reads it: the total and its change first, then each
+// part, with its change when it moved; shmem and swap only when not zero.
+std::string RssChangeText(const std::vector<EventField>& fields) {
+    struct Part {
+        const char* key;
+        const char* name;
+    };
+    const Part parts[] = {
+        {"rss_anon", "anon"}, {"rss_file", "file"}, {"rss_shmem", "shmem"}, {"swap", "swap"}};
+    int64_t rss = 0;
+    int64_t oldRss = 0;
+    std::string detail;
+    for (const Part& part : parts) {
+        const int64_t now = FieldNumber(fields, part.key);
+        const int64_t old = FieldNumber(fields, ("old_" + std::string(part.key)).c_str());
+        if (std::string(part.key) != "swap") {
+            rss += now;
+            oldRss += old;
+        }
+        const bool core = std::string(part.name) == "anon" || std::string(part.name) == "file";
+        if (!core && now == 0 && old == 0) continue;
+        detail += std::string(" ") + part.name + "=" + FormatSize(now);
+        if (now != old) detail += " (" + FormatSizeChange(now - old) + ")";
+    }
+    return " ppid=" + std::to_string(FieldNumber(fields, "ppid")) +
+           " uid=" + std::to_string(FieldNumber(fields, "uid")) + " rss=" + FormatSize(rss) + " (" +
+           FormatSizeChange(rss - oldRss) + ")" + detail;
+}
+
+std::string Trimmed(double value) {
+    char text[32];
+    if (value == static_cast<double>(static_cast<int64_t>(value))) {
+        snprintf(text, sizeof(text), "%" PRId64, static_cast<int64_t>(value));
+    } else {
+        snprintf(text, sizeof(text), "%.1f", value);
+    }
+    return text;
+}
+
+}  // namespace
+
+EventContext EventContext::Now() {
+    EventContext context;
+    context.realtimeNs = ClockNs(CLOCK_REALTIME);
+    context.monotonicNs = ClockNs(CLOCK_MONOTONIC);
+    return context;
+}
+
+DecodedEvent DecodeEvent(uint32_t type, const void* data, size_t length) {
+    DecodedEvent event;
+    event.type = type;
+    event.length = length;
+    event.name = QuorEventName(type);
+    if (event.name == nullptr) {
+        event.error = "unknown type";
+        return event;
+    }
+    uint32_t recordType = 0;
+    if (data == nullptr || length < sizeof(recordType)) {
+        event.error = "truncated";
+        return event;
+    }
+    memcpy(&recordType, data, sizeof(recordType));
+    if (recordType != type) {
+        event.error = "type mismatch (record says " + std::to_string(recordType) + ")";
+        return event;
+    }
+    if (length < QuorRecordSize(type)) {
+        event.error = "truncated";
+        return event;
+    }
+    DecodeWhole(data, length, &event);
+    return event;
+}
+
+std::string FormatSize(int64_t bytes) {
+    const double magnitude = bytes < 0 ? -static_cast<double>(bytes) : static_cast<double>(bytes);
+    const char* sign = bytes < 0 ? "-" : "";
+    if (magnitude < 1024.0 * 1024.0) return sign + Trimmed(magnitude / 1024.0) + " KiB";
+    char text[32];
+    snprintf(text, sizeof(text), "%s%.1f MiB", sign, magnitude / (1024.0 * 1024.0));
+    return text;
+}
+
+std::string FormatSizeChange(int64_t bytes) {
+    if (bytes == 0) return "0 KiB";
+    return (bytes > 0 ? "+" : "") + FormatSize(bytes);
+}
+
+std::string PrintableText(const std::string& text) {
+    std::string out;
+    for (const char ch : text) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c < 0x20 || c >= 0x7f) {
+            char escaped[8];
+            snprintf(escaped, sizeof(escaped), "\\x%02x", c);
+            out += escaped;
+        } else {
+            out += ch;
+        }
+    }
+    return out;
+}
+
+std::string FormatLocalTime(int64_t epochNs, bool iso) {
+    const time_t seconds = static_cast<time_t>(epochNs / 1000000000);
+    const int millis = static_cast<int>((epochNs % 1000000000) / 1000000);
+    tm local = {};
+    localtime_r(&seconds, &local);
+    char text[64];
+    char zone[16];
+    if (!iso) {
+        snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min,
+                 local.tm_sec, millis);
+        return text;
+    }
+    strftime(zone, sizeof(zone), "%z", &local);
+    snprintf(text, sizeof(text), "%04d-%02d-%02dT%02d:%02d:%02d.%03d%s", local.tm_year + 1900,
+             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, millis,
+             zone);
+    return text;
+}
+
+int64_t EventEpochNs(const DecodedEvent& event, const EventContext& context) {
+    if (!event.hasTimestamp || event.timestampNs == 0) return context.realtimeNs;
+    const int64_t age = context.monotonicNs - static_cast<int64_t>(event.timestampNs);
+    // A time from the future or from before boot is not to be trusted.
+    if (age < 0 || age > context.monotonicNs) return context.realtimeNs;
+    return context.realtimeNs - age;
+}
+
+std::string FormatEventText(const DecodedEvent& event, const EventContext& context) {
+    const std::string when = FormatLocalTime(EventEpochNs(event, context), false);
+    char head[160];
+    if (!event.error.empty()) {
+        snprintf(
+            head, sizeof(head), "%s %s %s (%zu bytes)", when.c_str(),
+            event.name != nullptr ? event.name : ("type " + std::to_string(event.type)).c_str(),
+            event.error.c_str(), event.length);
+        return head;
+    }
+    std::string comm = event.comm;
+    if (!event.hasComm && context.commOf) comm = context.commOf(event.pid);
+    if (comm.empty()) comm = "-";
+    snprintf(head, sizeof(head), "%s %-25s %7d %-16s", when.c_str(), event.name, event.pid,
+             PrintableText(comm).c_str());
+    std::string out = head;
+    if (event.type == QUOR_SERVICE_RSS_CHANGE) {
+        out += RssChangeText(event.fields);
+    } else {
+        for (const EventField& field : event.fields) {
+            if (field.textKey == nullptr) continue;
+            out += ' ';
+            out += field.textKey;
+            out += '=';
+            switch (field.kind) {
+                case Kind::kInt:
+                    out += std::to_string(field.number);
+                    break;
+                case Kind::kUint:
+                    out += std::to_string(field.unsignedNumber);
+                    break;
+                case Kind::kSize:
+                    out += FormatSize(field.number);
+                    break;
+                case Kind::kText:
+                    out += PrintableText(field.text);
+                    break;
+            }
+        }
+    }
+    while (!out.empty() && out.back() == ' ') out.pop_back();
+    return out;
+}
+
+std::string FormatEventJson(const DecodedEvent& event, const EventContext& context) {
+    JsonLine line;
+    line.Add("time", FormatLocalTime(EventEpochNs(event, context), true));
+    line.Add("type", event.type);
+    if (event.name != nullptr) line.Add("name", event.name);
+    if (!event.error.empty()) {
+        line.Add("error", event.error).Add("length", static_cast<uint64_t>(event.length));
+        return line.Text();
+    }
+    if (event.hasTimestamp) line.Add("ts_ns", event.timestampNs);
+    line.Add("pid", event.pid);
+    if (event.hasComm) line.Add("comm", event.comm);
+    for (const EventField& field : event.fields) {
+        if (field.jsonKey == nullptr) continue;
+        switch (field.kind) {
+            case Kind::kInt:
+            case Kind::kSize:
+                line.Add(field.jsonKey, field.number);
+                break;
+            case Kind::kUint:
+                line.Add(field.jsonKey, field.unsignedNumber);
+                break;
+            case Kind::kText:
+                line.Add(field.jsonKey, field.text);
+                break;
+        }
+    }
+    return line.Text();
+}
+
+}  // namespace Ctl
+}  // namespace Bpf
+}  // namespace Quor
