@@ -109,8 +109,8 @@ public:
     // Clients connected at once; one more is refused at accept, with a log.
     static constexpr size_t MAX_CLIENT_CONNECTIONS = 64;
     // Who may connect besides uid 0 and the service's own uid: lists of uids
-    // and gids ("1000,2000"), read at each accept. Linux hosts only; on a
-    // device the platform's socket policy decides.
+    // and gids ("1000,2000"), read when the service is created. Linux hosts
+    // only; on a device the platform's socket policy decides.
     static constexpr const char* ALLOW_UIDS_PROPERTY = "persist.sys.quorbpf.allow_uids";
     static constexpr const char* ALLOW_GIDS_PROPERTY = "persist.sys.quorbpf.allow_gids";
     // Distinct event types one client may subscribe to; there are twelve.

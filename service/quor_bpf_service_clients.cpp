@@ -29,25 +29,26 @@ constexpr int kEpollMaxEvents = 32;
 constexpr long kRequestBodyRead = 16;
 
 #ifndef __ANDROID__
-// The peer credentials of a new connection against the allow-list
-// properties. Runs on the socket thread only.
-bool AllowedPeer(int fd, std::string* reason) {
+// The policy of the allow-list properties, read once when the server is built:
+// they are set before the service starts and do not change while it runs.
+PeerAccessPolicy AllowListPolicy() {
     std::vector<std::string> malformed;
-    const PeerAccessPolicy policy(
-        geteuid(),
-        PeerAccessPolicy::ParseIdList(
-            android::base::GetProperty(QuorBpfService::ALLOW_UIDS_PROPERTY, ""), &malformed),
-        PeerAccessPolicy::ParseIdList(
-            android::base::GetProperty(QuorBpfService::ALLOW_GIDS_PROPERTY, ""), &malformed));
-    std::string who;
-    if (policy.allowsPeer(fd, &who)) return true;
-    *reason = who + " is not allowed";
-    if (!malformed.empty()) {
-        *reason += " (ignored malformed ids in " +
-                   std::string(QuorBpfService::ALLOW_UIDS_PROPERTY) + " / " +
-                   QuorBpfService::ALLOW_GIDS_PROPERTY + ": " + malformed.front() + ")";
+    const std::string uids = android::base::GetProperty(QuorBpfService::ALLOW_UIDS_PROPERTY, "");
+    const std::string gids = android::base::GetProperty(QuorBpfService::ALLOW_GIDS_PROPERTY, "");
+    PeerAccessPolicy policy(geteuid(), PeerAccessPolicy::ParseIdList(uids, &malformed),
+                            PeerAccessPolicy::ParseIdList(gids, &malformed));
+    for (const std::string& entry : malformed) {
+        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] ignored malformed id '%s' in %s / %s",
+              entry.c_str(), QuorBpfService::ALLOW_UIDS_PROPERTY,
+              QuorBpfService::ALLOW_GIDS_PROPERTY);
     }
-    return false;
+    if (!uids.empty() || !gids.empty()) {
+        QLOGI(QUOR_TAG_SERVICE,
+              "[QuorBpfService] clients allowed besides uid 0 and %u: uids [%s], "
+              "gids [%s]",
+              static_cast<unsigned>(geteuid()), uids.c_str(), gids.c_str());
+    }
+    return policy;
 }
 #endif
 
@@ -78,7 +79,12 @@ void QuorBpfService::initClientServer() {
                                                ServiceCpus(), kEpollSizeHint, kEpollMaxEvents);
     server_->setMaxConnections(MAX_CLIENT_CONNECTIONS);
 #ifndef __ANDROID__
-    server_->setAcceptFilter(AllowedPeer);
+    server_->setAcceptFilter([policy = AllowListPolicy()](int fd, std::string* reason) {
+        std::string who;
+        if (policy.allowsPeer(fd, &who)) return true;
+        *reason = who + " is not allowed";
+        return false;
+    });
 #endif
 
     packageManager_ = std::make_unique<IpcPackageManager>();

@@ -37,11 +37,6 @@ bool LogHas(const std::string& text) {
     return ReadFile(kLogFile).find(text) != std::string::npos;
 }
 
-void SetAllowed(const std::string& uids, const std::string& gids) {
-    android::base::SetProperty(QuorBpfService::ALLOW_UIDS_PROPERTY, uids);
-    android::base::SetProperty(QuorBpfService::ALLOW_GIDS_PROPERTY, gids);
-}
-
 class ClientAccessTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -51,11 +46,15 @@ protected:
         close(fd);
         ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework"), 0);
         android::base::SetProperty("sys.quor_bpf_ready", "0");
+        // The allow-lists are read when the service starts. Malformed entries
+        // are ignored (and logged).
+        android::base::SetProperty(QuorBpfService::ALLOW_UIDS_PROPERTY,
+                                   "1000, 65534,nobody,-1,65534x,4294967295");
+        android::base::SetProperty(QuorBpfService::ALLOW_GIDS_PROPERTY, "4242,4343");
         ASSERT_EQ(BpfServiceMain(), 1);
         ASSERT_TRUE(WaitFor([] { return RawIpcClient(kSocket).connected(); }));
     }
     void SetUp() override {
-        SetAllowed("", "");
         ASSERT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(5)));
     }
 };
@@ -113,42 +112,27 @@ TEST_F(ClientAccessTest, PeersAreJudgedByTheirCredentialsAtAccept) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to connect as other users";
     struct Case {
         const char* what;
-        std::string uids, gids;
         uid_t uid;
         gid_t gid;
         std::vector<gid_t> groups;
         ProbeResult expected;
     };
     const Case cases[] = {
-        {"root always", "", "", 0, 0, {}, ProbeResult::kAccepted},
-        {"a stranger", "", "", kNobody, kNobody, {}, ProbeResult::kRefused},
-        {"an allowed uid", "1000, 65534", "", kNobody, kNobody, {}, ProbeResult::kAccepted},
-        {"another uid", "65533", "", kNobody, kNobody, {}, ProbeResult::kRefused},
-        {"an allowed primary group", "", "4242", kNobody, 4242, {}, ProbeResult::kAccepted},
-        {"an allowed supplementary group",
-         "",
-         "4343",
-         kNobody,
-         kNobody,
-         {17, 4343},
-         ProbeResult::kAccepted},
-        {"groups not allowed", "", "4343", kNobody, kNobody, {17, 4344}, ProbeResult::kRefused},
-        {"malformed entries",
-         "nobody,-1,65534x,4294967295",
-         "",
-         kNobody,
-         kNobody,
-         {},
-         ProbeResult::kRefused},
+        {"root always", 0, 0, {}, ProbeResult::kAccepted},
+        {"an allowed uid", kNobody, kNobody, {}, ProbeResult::kAccepted},
+        {"a stranger", 65533, 65533, {}, ProbeResult::kRefused},
+        {"an allowed primary group", 65532, 4242, {}, ProbeResult::kAccepted},
+        {"an allowed supplementary group", 65531, 65531, {17, 4343}, ProbeResult::kAccepted},
+        {"groups not allowed", 65530, 65530, {17, 4344}, ProbeResult::kRefused},
+        {"a uid is not a gid", 65529, 1000, {}, ProbeResult::kRefused},
     };
     for (const Case& c : cases) {
-        SetAllowed(c.uids, c.gids);
-        EXPECT_EQ(ProbeAs(kSocket, c.uid, c.gid, c.groups), c.expected)
-            << c.what << ": " << ProbeName(ProbeAs(kSocket, c.uid, c.gid, c.groups));
+        const ProbeResult result = ProbeAs(kSocket, c.uid, c.gid, c.groups);
+        EXPECT_EQ(result, c.expected) << c.what << ": " << ProbeName(result);
     }
-    EXPECT_TRUE(PollUntil([] { return LogHas("uid 65534 gid 65534 is not allowed"); },
+    EXPECT_TRUE(PollUntil([] { return LogHas("uid 65533 gid 65533 is not allowed"); },
                           std::chrono::seconds(5)));
-    EXPECT_TRUE(LogHas("ignored malformed ids"));
+    EXPECT_TRUE(LogHas("ignored malformed id '65534x'"));
     // The refused never got as far as a subscription.
     EXPECT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(5)));
 }
