@@ -5,6 +5,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
 .PHONY: all deps configure build test run daemon bench clean format
+.PHONY: unit stress test-asan test-tsan fuzz-build fuzz-smoke fuzz
 
 all: build
 
@@ -17,8 +18,56 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
-test: build
-	@cd $(BUILD) && ctest -j $(JOBS) --output-on-failure
+# make test: the suite, the stress and fault tests, the suite again under
+# AddressSanitizer + UndefinedBehaviorSanitizer and the threaded tests under
+# ThreadSanitizer (any report fails), and a short run of every fuzzer.
+test: unit stress test-asan test-tsan fuzz-smoke
+
+unit: build
+	@cd $(BUILD) && ctest -j $(JOBS) --output-on-failure -LE stress
+
+# The stress and fault tests run one at a time: they load the machine.
+stress: build
+	@cd $(BUILD) && ctest -j 1 --output-on-failure -L stress
+
+# Sanitizer builds: separate build directories, no benchmarks.
+ASAN_BUILD ?= build-asan
+TSAN_BUILD ?= build-tsan
+# -O1: the sanitizers' usual level, far quicker to build than -O2.
+SANITIZER_CMAKE_FLAGS = -DQUOR_BUILD_BENCHMARKS=OFF -DCMAKE_BUILD_TYPE=Debug \
+	-DCMAKE_CXX_FLAGS_DEBUG="-g -O1" -DCMAKE_C_FLAGS_DEBUG="-g -O1"
+# The client storm runs for a minute in the plain build; shorter under the
+# (much slower) sanitizers.
+SANITIZER_STRESS_SECONDS ?= 20
+
+test-asan: deps
+	@cmake -S . -B $(ASAN_BUILD) -DQUOR_SANITIZE=address,undefined $(SANITIZER_CMAKE_FLAGS) >/dev/null
+	@cmake --build $(ASAN_BUILD) -j $(JOBS)
+	@cd $(ASAN_BUILD) && ctest -j $(JOBS) --output-on-failure -LE stress
+	@cd $(ASAN_BUILD) && QUOR_STRESS_SECONDS=$(SANITIZER_STRESS_SECONDS) ctest -j 1 --output-on-failure -L stress
+
+test-tsan: deps
+	@cmake -S . -B $(TSAN_BUILD) -DQUOR_SANITIZE=thread $(SANITIZER_CMAKE_FLAGS) >/dev/null
+	@cmake --build $(TSAN_BUILD) -j $(JOBS) --target quor_concurrency_tests
+	@cd $(TSAN_BUILD) && ctest -j $(JOBS) --output-on-failure -L concurrency -LE stress
+	@cd $(TSAN_BUILD) && QUOR_STRESS_SECONDS=$(SANITIZER_STRESS_SECONDS) ctest -j 1 --output-on-failure -L stress
+
+# Fuzzers: clang with libFuzzer, AddressSanitizer and UndefinedBehaviorSanitizer.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+
+fuzz-build: deps
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DQUOR_BUILD_FUZZERS=ON \
+		-DQUOR_BUILD_TESTS=OFF -DQUOR_BUILD_BENCHMARKS=OFF >/dev/null
+	@cmake --build $(FUZZ_BUILD) -j $(JOBS) --target quor_fuzzers
+
+# Every fuzzer on its seeds and for a few seconds more.
+fuzz-smoke: fuzz-build
+	@cd $(FUZZ_BUILD) && ctest -j $(JOBS) --output-on-failure -L fuzz
+
+# Every fuzzer for FUZZ_SECONDS (60 unless set), with a summary.
+fuzz: fuzz-build
+	@scripts/run-fuzzers.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 # The demonstration: the daemon in the background (log in $(BUILD)/quorbpfd.log)
 # and `quorbpfctl watch` in this terminal; Ctrl-C stops both and removes the
@@ -37,10 +86,10 @@ bench: build
 	@tests/run_isolated.sh bench/run_suite.sh $(BUILD) $(BENCH_ARGS)
 
 format:
-	@find include service ipc bpf diag tools tests -name '*.h' -o -name '*.cpp' | xargs clang-format -i
+	@find include service ipc bpf diag tools tests fuzz -name '*.h' -o -name '*.cpp' | xargs clang-format -i
 
 clean:
-	@rm -rf $(BUILD)
+	@rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)
 
 # The target: arm64. `make arm64` installs the cross toolchain and the arm64
 # packages (scripts/install-arm64-deps.sh) and cross builds everything,

@@ -49,12 +49,6 @@ constexpr const char* DMABUF_PERPROCESS_SIZE_MAP_PATH =
 constexpr unsigned int MAP_UPDATE_ATTR_SIZE = 144;
 static_assert(sizeof(union bpf_attr) >= MAP_UPDATE_ATTR_SIZE, "bpf_attr smaller than passed");
 
-// Fields of a maps line split on blanks: address range, perms, offset,
-// device, inode, path.
-constexpr size_t MAPS_RANGE_PIECE = 0;
-constexpr size_t MAPS_INODE_PIECE = 4;
-constexpr size_t MAPS_PATH_PIECE = 5;
-
 // Opens the map pinned at `path`; -1 with errno set when it cannot be opened,
 // EINVAL when its key or value size differs from the given layout.
 int OpenPinnedMap(const char* path, uint32_t keySize, uint32_t valueSize) {
@@ -172,24 +166,13 @@ uint64_t ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTa
 // Records the dmabuf mappings of process `pidName` by start address.
 void ScanDmabufMappings(const std::string& pidName, int32_t pid, DmabufTables* tables) {
     const std::string mapsPath = StringPrintf(QuorBpfService::TASK_MAPS_TEMPLATE, pidName.c_str());
-    QuorBpfLineReader reader;
-    if (!reader.Open(mapsPath)) {
+    std::map<uint64_t, uint64_t> mappings;
+    if (!ReadDmabufMappings(mapsPath, &mappings)) {
         QLOGW(QUOR_TAG_SERVICE, "[QuorBpfService][IMIT] Task not exists, so we skip it (%s)",
               mapsPath.c_str());
         return;
     }
-    std::string line;
-    while (reader.Next(&line)) {
-        const std::vector<std::string> pieces = Split(line, " ");
-        if (pieces.size() <= MAPS_PATH_PIECE ||
-            pieces[MAPS_PATH_PIECE].find(QuorBpfService::TASK_DMABUF_PREFIX) == std::string::npos) {
-            continue;
-        }
-        const std::vector<std::string> range = Split(pieces[MAPS_RANGE_PIECE], "-");
-        if (range.size() != 2) continue;
-        const uint64_t start = strtoull(range[0].c_str(), nullptr, 16);
-        tables->processMmaps[pid][start] = ProcToUint64(pieces[MAPS_INODE_PIECE]);
-    }
+    if (!mappings.empty()) tables->processMmaps[pid].insert(mappings.begin(), mappings.end());
 }
 
 }  // namespace

@@ -26,6 +26,12 @@ namespace {
 constexpr size_t STAT_THREADS_PIECE = 19;
 constexpr size_t STAT_START_TIME_PIECE = 21;
 
+// Fields of a maps line split on blanks: address range, perms, offset,
+// device, inode, path.
+constexpr size_t MAPS_RANGE_PIECE = 0;
+constexpr size_t MAPS_INODE_PIECE = 4;
+constexpr size_t MAPS_PATH_PIECE = 5;
+
 // Fills the field of `record` that one status line names; the first key that
 // matches decides.
 void ApplyStatusLine(const std::string& line, quor_task_init_record* record) {
@@ -133,22 +139,26 @@ int ForEachProcPid(const std::function<void(const std::string& pidName)>& visit)
 }
 
 bool ReadTaskInitRecord(const std::string& pidName, quor_task_init_record* out) {
+    return ReadTaskInitRecordFiles(
+        StringPrintf(QuorBpfService::TASK_STATUS_TEMPLATE, pidName.c_str()),
+        StringPrintf(QuorBpfService::TASK_STAT_TEMPLATE, pidName.c_str()), ProcToInt32(pidName),
+        out);
+}
+
+bool ReadTaskInitRecordFiles(const std::string& statusPath, const std::string& statPath,
+                             int32_t pid, quor_task_init_record* out) {
     memset(out, 0, sizeof(*out));
     out->header.type = QUOR_EVENT_TASK_INIT;
     out->header.timestamp_ns = static_cast<uint64_t>(GetSystemBootNanosencondsTime());
-    out->pid = ProcToInt32(pidName);
+    out->pid = pid;
 
     QuorBpfLineReader reader;
     std::string line;
-    if (!reader.Open(StringPrintf(QuorBpfService::TASK_STATUS_TEMPLATE, pidName.c_str()))) {
-        return false;
-    }
+    if (!reader.Open(statusPath)) return false;
     while (reader.Next(&line)) ApplyStatusLine(line, out);
 
     // A process that has gone between the two files is not reported at all.
-    if (!reader.Open(StringPrintf(QuorBpfService::TASK_STAT_TEMPLATE, pidName.c_str()))) {
-        return false;
-    }
+    if (!reader.Open(statPath)) return false;
     if (reader.Next(&line)) {
         const std::vector<std::string> pieces = Split(line, " ");
         if (pieces.size() > STAT_START_TIME_PIECE) {
@@ -159,21 +169,45 @@ bool ReadTaskInitRecord(const std::string& pidName, quor_task_init_record* out) 
     return true;
 }
 
-int QuorBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
+bool ReadProcessExdataFile(const std::string& statusPath, UpdateProcessExdata* out) {
     QuorBpfLineReader reader;
-    if (out == nullptr || !reader.Open(StringPrintf(TASK_STATUS_PID_TEMPLATE, pid))) {
-        QLOGW(QUOR_TAG_SERVICE, "[QuorBpfService][GPI] Task not exists, errno info: %s",
-              strerror(out == nullptr ? EINVAL : errno));
-        return -1;
-    }
+    if (!reader.Open(statusPath)) return false;
     std::string line;
     std::string value;
     while (reader.Next(&line)) {
-        if (ProcLineValue(line, TASK_COMM_PREFIX, &value)) {
+        if (ProcLineValue(line, QuorBpfService::TASK_COMM_PREFIX, &value)) {
             CopyProcName(value, out->comm);
-        } else if (ProcLineValue(line, TASK_PPID_PREFIX, &value)) {
+        } else if (ProcLineValue(line, QuorBpfService::TASK_PPID_PREFIX, &value)) {
             out->ppid = ProcToInt32(value);
         }
+    }
+    return true;
+}
+
+bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t>* mappings) {
+    QuorBpfLineReader reader;
+    if (!reader.Open(mapsPath)) return false;
+    std::string line;
+    while (reader.Next(&line)) {
+        const std::vector<std::string> pieces = Split(line, " ");
+        if (pieces.size() <= MAPS_PATH_PIECE ||
+            pieces[MAPS_PATH_PIECE].find(QuorBpfService::TASK_DMABUF_PREFIX) == std::string::npos) {
+            continue;
+        }
+        const std::vector<std::string> range = Split(pieces[MAPS_RANGE_PIECE], "-");
+        if (range.size() != 2) continue;
+        const uint64_t start = strtoull(range[0].c_str(), nullptr, 16);
+        (*mappings)[start] = ProcToUint64(pieces[MAPS_INODE_PIECE]);
+    }
+    return true;
+}
+
+int QuorBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
+    if (out == nullptr ||
+        !ReadProcessExdataFile(StringPrintf(TASK_STATUS_PID_TEMPLATE, pid), out)) {
+        QLOGW(QUOR_TAG_SERVICE, "[QuorBpfService][GPI] Task not exists, errno info: %s",
+              strerror(out == nullptr ? EINVAL : errno));
+        return -1;
     }
     out->pid = pid;
     return 0;

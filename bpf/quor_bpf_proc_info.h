@@ -20,6 +20,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 
 #include "quor/quor_bpf_records.h"
@@ -63,6 +64,19 @@ int ForEachProcPid(const std::function<void(const std::string& pidName)>& visit)
 // from its status and stat files. False when either file does not open (the
 // process is gone); then *out holds no meaningful record.
 bool ReadTaskInitRecord(const std::string& pidName, quor_task_init_record* out);
+
+// The readers above and getProcessInfo() with the files named directly; what
+// they do with the text of any file (the fuzzers feed them arbitrary bytes).
+// ReadTaskInitRecordFiles fills *out for `pid` from a status and a stat file;
+// ReadProcessExdataFile fills out->ppid and out->comm from a status file.
+// Both return false when a file does not open.
+bool ReadTaskInitRecordFiles(const std::string& statusPath, const std::string& statPath,
+                             int32_t pid, quor_task_init_record* out);
+bool ReadProcessExdataFile(const std::string& statusPath, UpdateProcessExdata* out);
+
+// The dmabuf mappings of a maps file: start address -> inode of every line
+// whose path holds "/dmabuf". False when the file does not open.
+bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t>* mappings);
 
 }  // namespace Bpf
 }  // namespace Quor

@@ -178,6 +178,14 @@ uint32_t QuorTaskManager::GetQuorTaskCount() {
     return static_cast<uint32_t>(quorTaskMap_.size());
 }
 
+std::vector<int32_t> QuorTaskManager::GetQuorTaskPids() {
+    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    std::vector<int32_t> pids;
+    pids.reserve(quorTaskMap_.size());
+    for (const auto& entry : quorTaskMap_) pids.push_back(entry.first);
+    return pids;
+}
+
 void QuorTaskManager::DumpQuorTaskInfo() {
     dump(true, false);
 }

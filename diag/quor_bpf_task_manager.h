@@ -42,6 +42,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <vector>
 
 #include "diag/quor_task.h"
 
@@ -79,6 +80,8 @@ class QuorTaskManager {
     int DelRssTempTask(uint32_t mmId);
 
     uint32_t GetQuorTaskCount();
+    // The pids of every record, in ascending order.
+    std::vector<int32_t> GetQuorTaskPids();
 
     // Write the dump file: all columns / the Normal columns, with or without
     // the kernel tasks.

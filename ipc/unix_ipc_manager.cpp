@@ -26,6 +26,8 @@ constexpr int32_t kErrorSendRetriesExhausted = 1;
 constexpr int kEagainBeforeLastTry = 10;
 // ...which comes this much later.
 constexpr int kLastTryDelayMs = 1000;
+// Refused connections are reported at most this often.
+constexpr int64_t kRefusalLogIntervalMs = 1000;
 
 int64_t MonotonicMs() {
     timespec now = {};
@@ -251,6 +253,17 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
               strerror(err));
         return -1;
     }
+    // Refused before a byte is read: existing clients never notice.
+    if (maxConnections != 0 && connections.size() >= maxConnections) {
+        refuseConnection(
+            fd, StringPrintf("%zu clients connected, the most allowed", connections.size()));
+        return 0;
+    }
+    std::string reason;
+    if (acceptFilter && !acceptFilter(fd, &reason)) {
+        refuseConnection(fd, reason);
+        return 0;
+    }
     setSocketBufferSizes(fd);
     if (!setUpConnection(fd)) {
         (void)close(fd);
@@ -258,6 +271,22 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
     }
     if (handlerState.connectionHandler) handlerState.connectionHandler(fd);
     return 1;
+}
+
+void UnixIpcManager::refuseConnection(int fd, const std::string& reason) {
+    (void)close(fd);
+    // A process that reconnects in a loop must not flood the log: the same
+    // refusal again within a second is only counted.
+    const int64_t now = MonotonicMs();
+    if (reason == lastRefusal && now - lastRefusalLogMs < kRefusalLogIntervalMs) {
+        ++refusalsUnlogged;
+        return;
+    }
+    QLOGW(name.c_str(), "[UnixIpcManager] Refused client: %s (%zu more refused unlogged)",
+          reason.c_str(), refusalsUnlogged);
+    lastRefusal = reason;
+    lastRefusalLogMs = now;
+    refusalsUnlogged = 0;
 }
 
 bool UnixIpcManager::releaseConnection(int fd) {

@@ -23,6 +23,10 @@
 // kept until the owner's queue is empty, so a notice is needed only when
 // data is queued for an idle connection.
 //
+// A server can bound how many clients it holds and judge each one at accept
+// (setMaxConnections, setAcceptFilter): a refused connection is closed before
+// anything is read from it, and the clients already connected never notice.
+//
 // Threading: every callback, handler, createServer() and connect() runs on
 // the loop thread. Other threads may call notifyNeedWriteData(), and
 // writeDataNow() for a connection that is not being closed at the same time.
@@ -99,6 +103,18 @@ class UnixIpcManager {
         onFailedAttempt = std::move(observer);
     }
 
+    // Server mode: at most `limit` clients connected at once (0, the
+    // default: no bound). A connection beyond it is closed as soon as it is
+    // accepted, with a log; the clients already connected are not touched.
+    // Set before start().
+    void setMaxConnections(size_t limit) { maxConnections = limit; }
+    // Server mode: asked about every accepted connection before anything is
+    // read from it (on the loop thread, with its descriptor); false refuses
+    // it: it is closed at once and `reason` is logged. Set before start().
+    void setAcceptFilter(std::function<bool(int fd, std::string* reason)> filter) {
+        acceptFilter = std::move(filter);
+    }
+
     // The listening socket (server) or the connection (client); -1 if none.
     int getSocketFd() const { return socketFd.load(); }
     bool isServerMode() const { return isServer; }
@@ -160,4 +176,13 @@ class UnixIpcManager {
     std::condition_variable retryCv;
     std::atomic<int> retryIntervalMs{5000};
     std::function<bool(int)> onFailedAttempt;
+
+    // Refusing connections at accept (server mode, loop thread).
+    void refuseConnection(int fd, const std::string& reason);
+    size_t maxConnections = 0;
+    std::function<bool(int, std::string*)> acceptFilter;
+    // The same refusal is logged at most once a second.
+    std::string lastRefusal;
+    int64_t lastRefusalLogMs = 0;
+    size_t refusalsUnlogged = 0;
 };

@@ -7,6 +7,7 @@ set -eu
 PACKAGES="
   build-essential cmake make pkg-config git
   clang llvm lld bpftool
+  libclang-rt-14-dev
   libbpf-dev libbpfcc-dev libelf-dev zlib1g-dev linux-libc-dev
   android-libbase-dev android-liblog-dev android-libcutils-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev

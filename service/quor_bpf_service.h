@@ -77,6 +77,10 @@ public:
     int handleSched_SchedProcessFork(char* data, long len);
     int handleSched_SchedProcessExit(char* data, long len);
     int handleBpfPassthrough(char* data, long len);
+    // After the main ring buffer overflowed, exit records may have been lost:
+    // every registered process that no longer exists is handled as if its
+    // exit record had come. Returns how many there were.
+    size_t reapLostExits();
 
     // Procfs readers (bpf/quor_bpf_proc_info.cpp).
     void initTaskInfo();
@@ -102,6 +106,13 @@ public:
     void notifyClientEventReady(const std::vector<int32_t>& fds);
 
     static constexpr const char* QUOR_BPF_DISPATCHER_SOCKET = "/mnt/bpfframework/quorbpfdispatcher";
+    // Clients connected at once; one more is refused at accept, with a log.
+    static constexpr size_t MAX_CLIENT_CONNECTIONS = 64;
+    // Who may connect besides uid 0 and the service's own uid: lists of uids
+    // and gids ("1000,2000"), read at each accept. Linux hosts only; on a
+    // device the platform's socket policy decides.
+    static constexpr const char* ALLOW_UIDS_PROPERTY = "persist.sys.quorbpf.allow_uids";
+    static constexpr const char* ALLOW_GIDS_PROPERTY = "persist.sys.quorbpf.allow_gids";
     // Distinct event types one client may subscribe to; there are twelve.
     static constexpr size_t MAX_SUBSCRIPTIONS_PER_CLIENT = 256;
 

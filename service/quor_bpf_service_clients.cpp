@@ -1,12 +1,18 @@
-// The service's side of client connections: one outgoing queue per client,
-// subscription requests, and the socket callbacks that move bytes between the
-// clients and those queues. Everything here runs on the socket thread
-// "BpfServiceTr" except notifyClientEventReady.
+// The service's side of client connections: who may connect and how many at
+// once, one outgoing queue per client, subscription requests, and the socket
+// callbacks that move bytes between the clients and those queues. Everything here runs on the
+// socket thread "BpfServiceTr" except notifyClientEventReady.
+#include <android-base/properties.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_strings.h"
+#include "ipc/peer_access_policy.h"
 #include "service/event_manager.h"
 #include "service/quor_bpf_service.h"
 
@@ -21,6 +27,29 @@ constexpr int kEpollSizeHint = 10;
 constexpr int kEpollMaxEvents = 32;
 // reqId, command, the unread word, event type.
 constexpr long kRequestBodyRead = 16;
+
+#ifndef __ANDROID__
+// The peer credentials of a new connection against the allow-list
+// properties. Runs on the socket thread only.
+bool AllowedPeer(int fd, std::string* reason) {
+    std::vector<std::string> malformed;
+    const PeerAccessPolicy policy(
+        geteuid(),
+        PeerAccessPolicy::ParseIdList(
+            android::base::GetProperty(QuorBpfService::ALLOW_UIDS_PROPERTY, ""), &malformed),
+        PeerAccessPolicy::ParseIdList(
+            android::base::GetProperty(QuorBpfService::ALLOW_GIDS_PROPERTY, ""), &malformed));
+    std::string who;
+    if (policy.allowsPeer(fd, &who)) return true;
+    *reason = who + " is not allowed";
+    if (!malformed.empty()) {
+        *reason += " (ignored malformed ids in " +
+                   std::string(QuorBpfService::ALLOW_UIDS_PROPERTY) + " / " +
+                   QuorBpfService::ALLOW_GIDS_PROPERTY + ": " + malformed.front() + ")";
+    }
+    return false;
+}
+#endif
 
 cpu_set_t ServiceCpus() {
     cpu_set_t cpus;
@@ -47,6 +76,10 @@ void QuorBpfService::initClientServer() {
     server_ = std::make_unique<UnixIpcManager>(true, kServerBufferSize, QUOR_BPF_DISPATCHER_SOCKET,
                                                std::move(handlers), kServerThreadName,
                                                ServiceCpus(), kEpollSizeHint, kEpollMaxEvents);
+    server_->setMaxConnections(MAX_CLIENT_CONNECTIONS);
+#ifndef __ANDROID__
+    server_->setAcceptFilter(AllowedPeer);
+#endif
 
     packageManager_ = std::make_unique<IpcPackageManager>();
     std::map<unsigned int, IpcPackageHandler::PackageCallback> requestCallbacks;

@@ -4,9 +4,11 @@
 // through QuorTaskManager::UpdateQuorTask (under the registry lock), procfs is
 // read outside that lock, and events are sent after it is released, so no
 // handler holds two locks at once.
+#include <signal.h>
 #include <time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <string>
@@ -319,6 +321,27 @@ int QuorBpfService::handleBpfPassthrough(char* data, long len) {
     if (data == nullptr || len <= 0) return 0;
     EventManager::GetInstance()->AppendEvent(data, static_cast<unsigned long>(len));
     return 0;
+}
+
+size_t QuorBpfService::reapLostExits() {
+    // Records carry the kernel's own pids, which are this process's pids too:
+    // the service runs in the initial pid namespace.
+    QuorTaskManager* tasks = QuorTaskManager::GetInstance();
+    size_t reaped = 0;
+    for (const int32_t pid : tasks->GetQuorTaskPids()) {
+        if (pid <= 0 || kill(pid, 0) == 0 || errno != ESRCH) continue;
+        QuorTask task;
+        if (!tasks->GetQuorTaskCopy(pid, &task)) continue;  // its exit came meanwhile
+        quor_exit_record rec = {};
+        rec.header.type = QUOR_EVENT_TASK_EXIT;
+        rec.header.timestamp_ns = static_cast<uint64_t>(GetSystemBootNanosencondsTime());
+        rec.pid = pid;
+        rec.kind = QUOR_TASK_KIND_PROCESS;
+        CopyComm(rec.comm, task.comm);
+        (void)handleSched_SchedProcessExit(reinterpret_cast<char*>(&rec), sizeof(rec));
+        ++reaped;
+    }
+    return reaped;
 }
 
 }  // namespace Bpf

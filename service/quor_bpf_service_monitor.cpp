@@ -266,6 +266,16 @@ int QuorBpfService::checkBpfRingBuffStatus(int index, bool force) {
           static_cast<unsigned long>(LookupStatus(mapFd, QUOR_STATUS_KEY_PROD_POS)));
     const uint32_t key = QUOR_STATUS_KEY_FLAGS;
     (void)bpf_map_update_elem(mapFd, &key, &word, BPF_ANY);
+    // Lost exit records would leave dead processes in the registry for good.
+    if (index == RINGBUF_MAIN) {
+        const size_t reaped = reapLostExits();
+        if (reaped != 0) {
+            QLOGW(QUOR_TAG_SERVICE,
+                  "[QuorBpfService][checkBpfRingBuffStatus] %zu exited processes whose exit "
+                  "record was lost removed from the registry",
+                  reaped);
+        }
+    }
     return 0;
 }
 

@@ -9,10 +9,14 @@
 // SIGINT or SIGTERM, which stop it (exit code 0). With --unpin-on-exit it
 // removes the pins it made when it stops. While the service runs, its pid is
 // in /run/quorbpfd.pid (--pid-file), so that quorbpfctl can send it the dump
-// signals; the file is removed on a clean stop.
+// signals; the file is removed on a clean stop. --allow-uid and --allow-gid
+// name further users and groups whose processes may connect; they reach the
+// service as the properties "persist.sys.quorbpf.allow_uids" / "allow_gids".
 #include <android-base/properties.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -23,6 +27,8 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "diag/quor_bpf_log.h"
 #include "quor/bpf_service_main.h"
@@ -35,10 +41,14 @@ constexpr const char* kLogDir = "/data/quorlog/stability/quorbpfframework/";
 constexpr const char* kReadyProperty = "sys.quor_bpf_ready";
 constexpr const char* kDefaultPidFile = "/run/quorbpfd.pid";
 
+// Who may connect besides uid 0 and the daemon's own uid (--allow-uid/gid).
+constexpr const char* kAllowUidsProperty = "persist.sys.quorbpf.allow_uids";
+constexpr const char* kAllowGidsProperty = "persist.sys.quorbpf.allow_gids";
+
 void Usage(FILE* out) {
     fprintf(out,
             "usage: quorbpfd [--no-load] [--unpin-on-exit] [--pid-file PATH]\n"
-            "                [--property KEY=VALUE]...\n"
+            "                [--property KEY=VALUE]... [--allow-uid UID]... [--allow-gid GID]...\n"
             "\n"
             "Loads and pins the BPF programme sets under /sys/fs/bpf/quor/, then starts\n"
             "the kernel-event service in the foreground. SIGINT or SIGTERM stop it.\n"
@@ -51,11 +61,16 @@ void Usage(FILE* out) {
             "  --property KEY=VALUE  set a system property before the service starts\n"
             "                        (repeatable); \"ro.kernel.version\" defaults to the\n"
             "                        running kernel's major.minor\n"
+            "  --allow-uid UID       let processes of this user (id or name) connect;\n"
+            "                        uid 0 and the daemon's own uid always may (repeatable)\n"
+            "  --allow-gid GID       let processes in this group (id or name, primary or\n"
+            "                        supplementary) connect (repeatable)\n"
             "  -h, --help            show this text\n"
             "\n"
             "examples:\n"
             "  quorbpfd --unpin-on-exit\n"
             "  quorbpfd --no-load --property sys.quor_bpf_ready=1\n"
+            "  quorbpfd --allow-uid 2000 --allow-gid 3009\n"
             "  quorbpfd --property persist.sys.stability.bpfframework.disable=1\n");
 }
 
@@ -76,6 +91,28 @@ bool MakeDirs(const std::string& path) {
         if (mkdir(prefix.c_str(), 0775) != 0 && errno != EEXIST) return false;
     }
     return true;
+}
+
+// A user or group given as a number or a name, as its decimal id; empty when
+// there is no such user or group.
+std::string ResolveId(const std::string& text, bool isGroup) {
+    if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos &&
+        text.size() <= 10 && strtoul(text.c_str(), nullptr, 10) <= 4294967294UL) {
+        return text;
+    }
+    if (isGroup) {
+        const struct group* entry = getgrnam(text.c_str());
+        return entry != nullptr ? std::to_string(entry->gr_gid) : std::string();
+    }
+    const struct passwd* entry = getpwnam(text.c_str());
+    return entry != nullptr ? std::to_string(entry->pw_uid) : std::string();
+}
+
+// Adds `id` to the comma-separated list held by properties[key].
+void AppendToList(std::map<std::string, std::string>* properties, const std::string& key,
+                  const std::string& id) {
+    std::string& list = (*properties)[key];
+    list += list.empty() ? id : "," + id;
 }
 
 void LogReport(const Quor::Bpf::QuorBpfLoadReport& report) {
@@ -147,6 +184,7 @@ int main(int argc, char** argv) {
     bool load = true;
     bool unpinOnExit = false;
     std::string pidFile = kDefaultPidFile;
+    std::vector<std::pair<std::string, std::string>> allowed;  // (property, id)
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
@@ -169,6 +207,17 @@ int main(int argc, char** argv) {
             pidFile = arg.substr(strlen("--pid-file="));
             continue;
         }
+        if ((arg == "--allow-uid" || arg == "--allow-gid") && i + 1 < argc) {
+            const bool group = arg == "--allow-gid";
+            const std::string id = ResolveId(argv[++i], group);
+            if (id.empty()) {
+                fprintf(stderr, "quorbpfd: %s: no such %s '%s'\n", arg.c_str(),
+                        group ? "group" : "user", argv[i]);
+                return 2;
+            }
+            allowed.emplace_back(group ? kAllowGidsProperty : kAllowUidsProperty, id);
+            continue;
+        }
         std::string assignment;
         if (arg == "--property" && i + 1 < argc) {
             assignment = argv[++i];
@@ -186,6 +235,8 @@ int main(int argc, char** argv) {
         }
         properties[assignment.substr(0, eq)] = assignment.substr(eq + 1);
     }
+    // The flags add to what --property may have listed.
+    for (const auto& [key, id] : allowed) AppendToList(&properties, key, id);
     if (properties.count("ro.kernel.version") == 0) {
         properties["ro.kernel.version"] = KernelMajorMinor();
     }

@@ -1,0 +1,73 @@
+// The client library's decoders on arbitrary event bytes: the typed views and
+// the one-line formatter, for the type the bytes claim and for every type a
+// client may subscribe to (a client decodes by the type it was handed, which
+// a damaged record may contradict).
+//
+// Checked beyond the sanitizers: a view is valid exactly when the bytes hold a
+// whole record of its type, and the formatter always names what it printed.
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "quor/quorbpf_event_views.h"
+
+using namespace Quor::Bpf;
+
+namespace {
+
+void Require(bool condition) {
+    if (!condition) __builtin_trap();
+}
+
+constexpr uint32_t kTypes[] = {
+    QUOR_EVENT_TASK_INIT,   QUOR_EVENT_RSS_STAT,        QUOR_EVENT_TASK_CREATE,
+    QUOR_EVENT_TASK_EXIT,   QUOR_EVENT_DMABUF_SIZE,     QUOR_EVENT_CGROUP_ATTACH,
+    QUOR_EVENT_FD_UPDATE,   QUOR_EVENT_DMABUF_UPDATE,   QUOR_SERVICE_TASK_NEW,
+    QUOR_SERVICE_TASK_EXIT, QUOR_SERVICE_THREAD_CHANGE, QUOR_SERVICE_RSS_CHANGE,
+};
+
+template <typename View>
+void CheckView(const uint8_t* data, size_t size, uint32_t claimed) {
+    const View view(data, size);
+    const bool whole = size >= sizeof(*view) && claimed == View::kType;
+    Require(view.valid() == whole);
+    if (view) {
+        Require(memcmp(&*view, data, sizeof(*view)) == 0);
+        // Text fields read back no longer than their arrays.
+        Require(QuorFieldString(view->comm).size() < sizeof(view->comm) + 1);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    uint32_t claimed = 0;
+    if (size >= sizeof(claimed)) memcpy(&claimed, data, sizeof(claimed));
+
+    CheckView<QuorTaskInitView>(data, size, claimed);
+    CheckView<QuorForkView>(data, size, claimed);
+    CheckView<QuorExitView>(data, size, claimed);
+    CheckView<QuorCgroupAttachView>(data, size, claimed);
+    CheckView<QuorFdUpdateView>(data, size, claimed);
+    CheckView<QuorTaskNewView>(data, size, claimed);
+    CheckView<QuorTaskExitView>(data, size, claimed);
+    CheckView<QuorRssChangeView>(data, size, claimed);
+    if (QuorCgroupAttachView cgroup{data, size}) {
+        Require(QuorFieldString(cgroup->cgroup).size() <= sizeof(cgroup->cgroup));
+    }
+    (void)QuorRssView(data, size);
+    (void)QuorDmabufSizeView(data, size);
+    (void)QuorDmabufUpdateView(data, size);
+    (void)QuorThreadChangeView(data, size);
+
+    const std::string own = QuorFormatEvent(claimed, data, size);
+    Require(!own.empty());
+    for (const uint32_t type : kTypes) {
+        const std::string text = QuorFormatEvent(type, data, size);
+        Require(text.compare(0, strlen(QuorEventName(type)), QuorEventName(type)) == 0);
+        Require(QuorRecordSize(type) != 0);
+    }
+    // The null record is answered, not read.
+    Require(!QuorFormatEvent(claimed, nullptr, size).empty());
+    return 0;
+}

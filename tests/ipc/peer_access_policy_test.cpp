@@ -1,0 +1,59 @@
+// The allow-list rule and the reading of peer credentials.
+#include "ipc/peer_access_policy.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+TEST(PeerAccessPolicyTest, IdListsTakeWholeIdsAndReportTheRest) {
+    std::vector<std::string> rejected;
+    EXPECT_EQ(PeerAccessPolicy::ParseIdList(" 1000,2000 ,\t3000,,", &rejected),
+              (std::set<unsigned int>{1000, 2000, 3000}));
+    EXPECT_TRUE(rejected.empty());
+    EXPECT_EQ(PeerAccessPolicy::ParseIdList(
+                  "shell,-1,+5,4294967295,99999999999,00000000007,4294967294,12a", &rejected),
+              (std::set<unsigned int>{4294967294u}));
+    EXPECT_EQ(rejected, (std::vector<std::string>{"shell", "-1", "+5", "4294967295", "99999999999",
+                                                  "00000000007", "12a"}));
+    EXPECT_TRUE(PeerAccessPolicy::ParseIdList("", nullptr).empty());
+}
+
+TEST(PeerAccessPolicyTest, RootOwnUidAndListedIdsOnly) {
+    const PeerAccessPolicy policy(1234, {2000}, {3000});
+    EXPECT_TRUE(policy.allows(0, 99, {}));
+    EXPECT_TRUE(policy.allows(1234, 99, {}));
+    EXPECT_TRUE(policy.allows(2000, 99, {}));
+    EXPECT_TRUE(policy.allows(77, 3000, {}));
+    EXPECT_TRUE(policy.allows(77, 99, {5, 3000}));
+    EXPECT_FALSE(policy.allows(77, 99, {5, 2000}));  // a uid is not a group
+    EXPECT_FALSE(policy.allows(3000, 99, {}));       // nor the other way round
+    EXPECT_FALSE(PeerAccessPolicy(1234, {}, {}).allows(1235, 1234, {1234}));
+}
+
+TEST(PeerAccessPolicyTest, PeerCredentialsOfAConnectedSocket) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    std::string who;
+    EXPECT_TRUE(PeerAccessPolicy(geteuid(), {}, {}).allowsPeer(pair[0], &who));
+    EXPECT_NE(who.find("pid " + std::to_string(getpid()) + " uid " + std::to_string(geteuid())),
+              std::string::npos)
+        << who;
+    if (geteuid() != 0) {
+        EXPECT_FALSE(PeerAccessPolicy(geteuid() + 1, {}, {}).allowsPeer(pair[0], &who));
+        EXPECT_TRUE(PeerAccessPolicy(geteuid() + 1, {}, {getegid()}).allowsPeer(pair[0], &who));
+    }
+    close(pair[0]);
+    close(pair[1]);
+
+    // Whatever cannot say who is at the other end is refused.
+    int pipeFds[2];
+    ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
+    EXPECT_FALSE(PeerAccessPolicy(geteuid(), {}, {}).allowsPeer(pipeFds[0], &who));
+    EXPECT_NE(who.find("no peer credentials"), std::string::npos) << who;
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+}

@@ -1,0 +1,154 @@
+// Who may connect to the running service, and how many at once: the bound
+// on connected clients and the peer-credential check at accept. The service
+// is started once, without the kernel side (records enter through
+// EventManager::AppendEvent); its log (stderr) is kept in a file so that the
+// refusals can be checked.
+#include <android-base/properties.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "quor/bpf_service_main.h"
+#include "service/event_manager.h"
+#include "service/quor_bpf_service.h"
+#include "tests/support/live_service.h"
+#include "tests/support/peer_probe.h"
+#include "tests/support/raw_ipc_client.h"
+
+using namespace Quor::Bpf;
+using namespace quortest;
+
+namespace {
+
+constexpr const char* kSocket = "/mnt/bpfframework/quorbpfdispatcher";
+constexpr const char* kLogFile = "/data/client_access_test_stderr.log";
+constexpr int32_t kType = QUOR_EVENT_FD_UPDATE;
+constexpr uid_t kNobody = 65534;
+
+size_t Subscribers() {
+    return EventManager::GetInstance()->GetEventObservers(kType).size();
+}
+
+bool LogHas(const std::string& text) {
+    return ReadFile(kLogFile).find(text) != std::string::npos;
+}
+
+void SetAllowed(const std::string& uids, const std::string& gids) {
+    android::base::SetProperty(QuorBpfService::ALLOW_UIDS_PROPERTY, uids);
+    android::base::SetProperty(QuorBpfService::ALLOW_GIDS_PROPERTY, gids);
+}
+
+class ClientAccessTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        const int fd = open(kLogFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(dup2(fd, STDERR_FILENO), STDERR_FILENO);
+        close(fd);
+        ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework"), 0);
+        android::base::SetProperty("sys.quor_bpf_ready", "0");
+        ASSERT_EQ(BpfServiceMain(), 1);
+        ASSERT_TRUE(WaitFor([] { return RawIpcClient(kSocket).connected(); }));
+    }
+    void SetUp() override {
+        SetAllowed("", "");
+        ASSERT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(5)));
+    }
+};
+
+}  // namespace
+
+TEST_F(ClientAccessTest, SixtyFifthClientIsRefusedAndTheOthersCarryOn) {
+    const size_t kLimit = QuorBpfService::MAX_CLIENT_CONNECTIONS;
+    std::vector<std::unique_ptr<RawIpcClient>> clients;
+    for (size_t i = 0; i < kLimit; ++i) {
+        clients.push_back(std::make_unique<RawIpcClient>(kSocket));
+        ASSERT_TRUE(clients.back()->connected());
+        ASSERT_TRUE(clients.back()->send(Request(static_cast<uint32_t>(i), 51, kType)));
+        uint32_t type = 0;
+        std::string body;
+        ASSERT_TRUE(clients.back()->readFrame(&type, &body)) << "client " << i;
+    }
+    ASSERT_EQ(Subscribers(), kLimit);
+
+    // One more: the kernel completes the connection, the service closes it
+    // without reading or answering, and says so.
+    RawIpcClient extra(kSocket);
+    ASSERT_TRUE(extra.connected());
+    (void)extra.send(Request(999, 51, kType));
+    EXPECT_TRUE(extra.waitClosed());
+    EXPECT_TRUE(PollUntil([] { return LogHas("Refused client: 64 clients connected"); },
+                          std::chrono::seconds(5)));
+    EXPECT_EQ(Subscribers(), kLimit);
+
+    // Everyone already connected still gets every record.
+    std::string record(sizeof(quor_fd_update_record), '\0');
+    const int32_t type = kType;
+    memcpy(&record[0], &type, sizeof(type));
+    EventManager::GetInstance()->AppendEvent(&record[0], record.size());
+    for (size_t i = 0; i < kLimit; ++i) {
+        uint32_t packageType = 0;
+        std::string body;
+        ASSERT_TRUE(clients[i]->readFrame(&packageType, &body)) << "client " << i;
+        EXPECT_EQ(packageType, 3u);
+        EXPECT_EQ(body, record);
+    }
+
+    // A place that frees up can be taken again.
+    clients.pop_back();
+    ASSERT_TRUE(PollUntil([&] { return Subscribers() == kLimit - 1; }, std::chrono::seconds(5)));
+    RawIpcClient late(kSocket);
+    ASSERT_TRUE(late.send(Request(1000, 51, kType)));
+    uint32_t packageType = 0;
+    std::string body;
+    EXPECT_TRUE(late.readFrame(&packageType, &body));
+    EXPECT_EQ(packageType, 1u);
+}
+
+TEST_F(ClientAccessTest, PeersAreJudgedByTheirCredentialsAtAccept) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to connect as other users";
+    struct Case {
+        const char* what;
+        std::string uids, gids;
+        uid_t uid;
+        gid_t gid;
+        std::vector<gid_t> groups;
+        ProbeResult expected;
+    };
+    const Case cases[] = {
+        {"root always", "", "", 0, 0, {}, ProbeResult::kAccepted},
+        {"a stranger", "", "", kNobody, kNobody, {}, ProbeResult::kRefused},
+        {"an allowed uid", "1000, 65534", "", kNobody, kNobody, {}, ProbeResult::kAccepted},
+        {"another uid", "65533", "", kNobody, kNobody, {}, ProbeResult::kRefused},
+        {"an allowed primary group", "", "4242", kNobody, 4242, {}, ProbeResult::kAccepted},
+        {"an allowed supplementary group",
+         "",
+         "4343",
+         kNobody,
+         kNobody,
+         {17, 4343},
+         ProbeResult::kAccepted},
+        {"groups not allowed", "", "4343", kNobody, kNobody, {17, 4344}, ProbeResult::kRefused},
+        {"malformed entries",
+         "nobody,-1,65534x,4294967295",
+         "",
+         kNobody,
+         kNobody,
+         {},
+         ProbeResult::kRefused},
+    };
+    for (const Case& c : cases) {
+        SetAllowed(c.uids, c.gids);
+        EXPECT_EQ(ProbeAs(kSocket, c.uid, c.gid, c.groups), c.expected)
+            << c.what << ": " << ProbeName(ProbeAs(kSocket, c.uid, c.gid, c.groups));
+    }
+    EXPECT_TRUE(PollUntil([] { return LogHas("uid 65534 gid 65534 is not allowed"); },
+                          std::chrono::seconds(5)));
+    EXPECT_TRUE(LogHas("ignored malformed ids"));
+    // The refused never got as far as a subscription.
+    EXPECT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(5)));
+}

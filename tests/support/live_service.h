@@ -1,0 +1,226 @@
+// The real service in the test process, for stress and fault tests: both
+// programme sets loaded into the test's private bpffs, the service started
+// through BpfServiceMain(), and helpers to watch what it holds (descriptors,
+// heap, error log) and what its clients receive.
+//
+// Tests that use it run ISOLATED (tests/run_isolated.sh) and start the
+// service once per process.
+#pragma once
+
+#include <android-base/properties.h>
+#include <bpf/bpf.h>
+#include <dirent.h>
+#include <malloc.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "diag/quor_bpf_error_log.h"
+#include "quor/bpf_service_main.h"
+#include "quor/quor_bpf_records.h"
+#include "service/quor_bpf_event_tables.h"
+#include "tools/loader/quor_bpf_loader.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizers' allocator replaces malloc; it counts what is in use.
+extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
+#define QUOR_TEST_SANITIZER_HEAP 1
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace quortest {
+
+using Clock = std::chrono::steady_clock;
+
+// Every type a client can subscribe to.
+constexpr int32_t kAllTypes[] = {
+    QUOR_EVENT_TASK_INIT,   QUOR_EVENT_RSS_STAT,        QUOR_EVENT_TASK_CREATE,
+    QUOR_EVENT_TASK_EXIT,   QUOR_EVENT_DMABUF_SIZE,     QUOR_EVENT_CGROUP_ATTACH,
+    QUOR_EVENT_FD_UPDATE,   QUOR_EVENT_DMABUF_UPDATE,   QUOR_SERVICE_TASK_NEW,
+    QUOR_SERVICE_TASK_EXIT, QUOR_SERVICE_THREAD_CHANGE, QUOR_SERVICE_RSS_CHANGE,
+};
+
+// Polls `condition` every `pollMs` until it holds or `limit` passes.
+inline bool PollUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit,
+                      int pollMs = 10) {
+    const auto deadline = Clock::now() + limit;
+    while (!condition()) {
+        if (Clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(pollMs));
+    }
+    return true;
+}
+
+inline uint64_t StatusWord(int index) {
+    const int fd = bpf_obj_get(Quor::Bpf::RINGBUF_STATUS_PATHS[index]);
+    if (fd < 0) return 0;
+    uint32_t key = QUOR_STATUS_KEY_FLAGS;
+    uint64_t value = 0;
+    (void)bpf_map_lookup_elem(fd, &key, &value);
+    close(fd);
+    return value;
+}
+
+inline std::string KernelMajorMinor() {
+    utsname name = {};
+    int major = 0, minor = 0;
+    if (uname(&name) != 0 || sscanf(name.release, "%d.%d", &major, &minor) != 2) return "0.0";
+    return std::to_string(major) + "." + std::to_string(minor);
+}
+
+// Loads and pins both programme sets, starts the service and waits until the
+// main monitor has enabled every programme. Empty on success, else why not.
+inline std::string StartLiveService() {
+    if (geteuid() != 0) return "needs root to load BPF programmes";
+    Quor::Bpf::QuorBpfLoadReport report;
+    if (Quor::Bpf::QuorBpfLoader::Load(Quor::Bpf::QuorBpfLoader::Options(), &report) != 0) {
+        std::string why = "loading the programmes failed:";
+        for (const auto& line : report.Lines()) why += "\n  " + line;
+        return why;
+    }
+    (void)mkdir("/data/quorlog", 0775);
+    (void)mkdir("/data/quorlog/stability", 0775);
+    (void)mkdir(Quor::Bpf::BPF_SERVICE_LOG_DIR, 0775);
+    android::base::SetProperty("ro.kernel.version", KernelMajorMinor());
+    android::base::SetProperty("sys.quor_bpf_ready", "1");
+    if (Quor::Bpf::BpfServiceMain() != 1) return "BpfServiceMain did not start the service";
+    const bool enabled = PollUntil(
+        [] {
+            return StatusWord(Quor::Bpf::RINGBUF_MAIN) ==
+                   (QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON);
+        },
+        std::chrono::seconds(30), 20);
+    return enabled ? std::string() : "the main monitor never enabled the programmes";
+}
+
+// Ends the process with `result` without running static destructors: the
+// monitors block in their ring-buffer poll and still use the service. Under
+// AddressSanitizer the leak check runs first and a leak fails the run.
+[[noreturn]] inline void EndProcess(int result) {
+#if defined(__SANITIZE_ADDRESS__)
+    if (__lsan_do_recoverable_leak_check() != 0 && result == 0) result = 1;
+#endif
+    fflush(nullptr);
+    _exit(result);
+}
+
+// Open descriptors of this process.
+inline size_t OpenDescriptors() {
+    size_t count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) return 0;
+    while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
+    closedir(dir);
+    return count - 1;  // the directory stream itself
+}
+
+// Heap bytes in use by this process (every arena).
+inline size_t HeapBytes() {
+#ifdef QUOR_TEST_SANITIZER_HEAP
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;  // large blocks are mapped on their own
+#endif
+}
+
+// Sanitized builds run several times slower: long loops shrink to a fifth.
+constexpr uint64_t Scaled(uint64_t count) {
+#ifdef QUOR_TEST_SANITIZER_HEAP
+    return count / 5;
+#else
+    return count;
+#endif
+}
+
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// Records in the service's error log with `code`.
+inline size_t ErrorLogCount(int code) {
+    const std::string text = ReadFile(Quor::Bpf::BPF_SERVICE_ERROR_LOG);
+    const std::string needle = "ErrorCode: " + std::to_string(code) + "\n";
+    size_t count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// The running 64-bit sequence numbers one client received for one type, in
+// arrival order, and whether anything arrived that broke the rules of the
+// stream (wrong length, wrong type).
+class SequenceLog {
+public:
+    SequenceLog(int32_t type, size_t recordSize, size_t seqOffset)
+        : type_(type), recordSize_(recordSize), seqOffset_(seqOffset) {}
+
+    void add(uint32_t type, const uint8_t* data, size_t len) {
+        if (static_cast<int32_t>(type) != type_) return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (len != recordSize_) {
+            ++malformed_;
+        } else {
+            uint64_t seq = 0;
+            memcpy(&seq, data + seqOffset_, sizeof(seq));
+            seqs_.push_back(seq);
+            last_ = seq;
+        }
+        cv_.notify_all();
+    }
+
+    // Waits until sequence number `seq` (or a later one) has arrived.
+    bool waitFor(uint64_t seq, std::chrono::milliseconds limit) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return cv_.wait_for(lock, limit, [&] { return !seqs_.empty() && last_ >= seq; });
+    }
+
+    // Room for `count` numbers, so that recording them does not allocate
+    // while a test measures the heap.
+    void reserve(size_t count) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        seqs_.reserve(count);
+    }
+
+    std::vector<uint64_t> snapshot() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return seqs_;
+    }
+    size_t malformed() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return malformed_;
+    }
+    size_t size() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return seqs_.size();
+    }
+
+private:
+    const int32_t type_;
+    const size_t recordSize_;
+    const size_t seqOffset_;
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<uint64_t> seqs_;
+    uint64_t last_ = 0;
+    size_t malformed_ = 0;
+};
+
+}  // namespace quortest
