@@ -113,7 +113,7 @@ test-arm64: arm64
 clean-arm64:
 	@rm -rf $(BUILD_ARM64)
 
-# `make test` runs the arm64 checks too, before the native suite: about 300
+# `make test` runs the arm64 checks too, after the native ones: about 300
 # CPU-seconds to build from scratch (under 3 minutes on two idle cores), then
 # 15 seconds of emulated tests; seconds once built. The arm64 packages go
 # in before the native configure, which then also builds the arm64 programme
