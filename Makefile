@@ -18,14 +18,15 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
-# make test: the suite (what CI runs).
-# make test-all adds the stress and fault tests, the suite under
-# AddressSanitizer + UndefinedBehaviorSanitizer and the threaded tests under
-# ThreadSanitizer (any report fails), a short run of every fuzzer, and the
-# arm64 build with its tests under qemu.
-test: unit
+# make test (what CI runs): the suite, the arm64 build with its tests under
+# qemu, the stress and fault tests, the suite under AddressSanitizer +
+# UndefinedBehaviorSanitizer and the threaded tests under ThreadSanitizer (any
+# report fails), and a short run of every fuzzer. Each stage is also a target
+# of its own.
+test: unit test-arm64 stress test-asan test-tsan fuzz-smoke
 
-test-all: unit stress test-asan test-tsan fuzz-smoke test-arm64
+# Kept for habit: the same as `make test`.
+test-all: test
 
 unit: build
 	@cd $(BUILD) && ctest -j $(JOBS) --output-on-failure -LE stress
@@ -118,10 +119,10 @@ clean-arm64:
 	@rm -rf $(BUILD_ARM64)
 
 # With ARM64=1 the arm64 packages go in before the native configure, which
-# then also builds the arm64 programme objects for arm64_objects_test: about
-# seven minutes from scratch on two cores. `make test-all` sets it.
+# then also builds the arm64 programme objects for arm64_objects_test.
+# `make test` sets it.
 ARM64 ?= 0
-ifneq ($(filter test-all,$(MAKECMDGOALS)),)
+ifneq ($(filter test test-all test-arm64 arm64,$(MAKECMDGOALS)),)
 ARM64 := 1
 endif
 ifeq ($(ARM64),1)

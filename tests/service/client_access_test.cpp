@@ -5,7 +5,10 @@
 // refusals can be checked.
 #include <android-base/properties.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
@@ -35,6 +38,27 @@ size_t Subscribers() {
 
 bool LogHas(const std::string& text) {
     return ReadFile(kLogFile).find(text) != std::string::npos;
+}
+
+// Whether the kernel, as this process sees it, reports a peer's supplementary
+// groups (SO_PEERGROUPS): qemu's user-mode emulator does not pass the option
+// on, and the service then judges by the primary group alone.
+bool PeerGroupsReported() {
+    const pid_t child = fork();
+    if (child == 0) {
+        const gid_t groups[] = {17, 4343};
+        int sv[2];
+        gid_t got[8] = {};
+        socklen_t len = sizeof(got);
+        if (setgroups(2, groups) != 0 ||
+            socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0)
+            _exit(2);
+        if (getsockopt(sv[0], SOL_SOCKET, SO_PEERGROUPS, got, &len) != 0) _exit(1);
+        _exit(len == sizeof(groups) && got[0] == 17 && got[1] == 4343 ? 0 : 1);
+    }
+    int status = 0;
+    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
 }
 
 class ClientAccessTest : public ::testing::Test {
@@ -126,7 +150,13 @@ TEST_F(ClientAccessTest, PeersAreJudgedByTheirCredentialsAtAccept) {
         {"groups not allowed", 65530, 65530, {17, 4344}, ProbeResult::kRefused},
         {"a uid is not a gid", 65529, 1000, {}, ProbeResult::kRefused},
     };
+    const bool peerGroups = PeerGroupsReported();
+    std::string notJudged;
     for (const Case& c : cases) {
+        if (!c.groups.empty() && !peerGroups) {
+            notJudged += std::string(notJudged.empty() ? "" : ", ") + c.what;
+            continue;
+        }
         const ProbeResult result = ProbeAs(kSocket, c.uid, c.gid, c.groups);
         EXPECT_EQ(result, c.expected) << c.what << ": " << ProbeName(result);
     }
@@ -135,4 +165,8 @@ TEST_F(ClientAccessTest, PeersAreJudgedByTheirCredentialsAtAccept) {
     EXPECT_TRUE(LogHas("ignored malformed id '65534x'"));
     // The refused never got as far as a subscription.
     EXPECT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(5)));
+    if (!notJudged.empty())
+        GTEST_SKIP() << "SO_PEERGROUPS reports no supplementary groups here (an emulator?); "
+                        "not judged: "
+                     << notJudged;
 }
