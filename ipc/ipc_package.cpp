@@ -2,23 +2,61 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <string>
 
 #include "diag/quor_bpf_error_log.h"
 #include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_rate_limiter.h"
 #include "diag/quor_bpf_strings.h"
 
 using Quor::Bpf::ConvertToHexString;
+using Quor::Bpf::RateLimiter;
 using Quor::Bpf::RecordBpfServiceErrorInfo;
 using Quor::Bpf::StringPrintf;
 
 namespace {
 
 constexpr int32_t kErrorDamagedFrame = 2;
+// Damage is reported in a burst of ten, then once a second, each report with
+// at most this many buffered bytes: a client sending nothing but damage must
+// not turn the error log into a copy of its traffic.
+constexpr int kDamageReportBurst = 10;
+constexpr int64_t kDamageHexDumpBytes = 256;
 
 std::string HexOfBuffered(const BufferState* state) {
-    return ConvertToHexString(state->buffer, static_cast<int32_t>(state->bufferDataCursor));
+    const int64_t shown = std::min<int64_t>(state->bufferDataCursor, kDamageHexDumpBytes);
+    std::string hex = ConvertToHexString(state->buffer, static_cast<int32_t>(shown));
+    if (shown < state->bufferDataCursor) {
+        hex += StringPrintf("... (%ld bytes)", static_cast<long>(state->bufferDataCursor));
+    }
+    return hex;
+}
+
+void ReportDamage(const BufferState* state, long frameSize) {
+    static RateLimiter limiter(kDamageReportBurst, std::chrono::seconds(1));
+    uint64_t heldBack = 0;
+    if (!limiter.allow(&heldBack)) return;
+    const std::string hex = HexOfBuffered(state);
+    std::string message = StringPrintf(
+        "Ipc package damage, packageSize: %ld, cursor: %ld, data: %ld, bufferSize: %ld, Buffer "
+        "hexdump: %s",
+        frameSize, static_cast<long>(state->bufferCursor),
+        static_cast<long>(state->bufferDataCursor), static_cast<long>(state->bufferSize),
+        hex.c_str());
+    if (heldBack > 0) {
+        message += StringPrintf(" (%llu more damaged packages not reported)",
+                                static_cast<unsigned long long>(heldBack));
+    }
+    RecordBpfServiceErrorInfo(kErrorDamagedFrame, message);
+    QLOGE(QUOR_TAG_UTILS,
+          "Ipc package too big or damage, clear buffer. packageSize: %ld, cursor: %ld, data: %ld, "
+          "bufferSize: %ld",
+          frameSize, static_cast<long>(state->bufferCursor),
+          static_cast<long>(state->bufferDataCursor), static_cast<long>(state->bufferSize));
+    QLOGE(QUOR_TAG_UTILS, "Buffer hexdump: %s", hex.c_str());
 }
 
 }  // namespace
@@ -35,20 +73,7 @@ bool CheckIpcPackageComplete(BufferState* state, long* headerSize, long* package
         return state->bufferCursor + IPC_FRAME_HEADER_SIZE + length <= state->bufferDataCursor;
     }
 
-    const long frameSize = static_cast<long>(static_cast<uint64_t>(length) + IPC_FRAME_HEADER_SIZE);
-    RecordBpfServiceErrorInfo(
-        kErrorDamagedFrame,
-        StringPrintf("Ipc package damage, packageSize: %ld, cursor: %ld, data: %ld, bufferSize: "
-                     "%ld, Buffer hexdump: %s",
-                     frameSize, static_cast<long>(state->bufferCursor),
-                     static_cast<long>(state->bufferDataCursor),
-                     static_cast<long>(state->bufferSize), HexOfBuffered(state).c_str()));
-    QLOGE(QUOR_TAG_UTILS,
-          "Ipc package too big or damage, clear buffer. packageSize: %ld, cursor: %ld, data: %ld, "
-          "bufferSize: %ld",
-          frameSize, static_cast<long>(state->bufferCursor),
-          static_cast<long>(state->bufferDataCursor), static_cast<long>(state->bufferSize));
-    QLOGE(QUOR_TAG_UTILS, "Buffer hexdump: %s", HexOfBuffered(state).c_str());
+    ReportDamage(state, static_cast<long>(static_cast<uint64_t>(length) + IPC_FRAME_HEADER_SIZE));
     state->bufferCursor = 0;
     state->bufferDataCursor = 0;
     return false;

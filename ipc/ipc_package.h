@@ -131,8 +131,10 @@ static_assert(sizeof(QuorRespIpcPackage) == IPC_RESPONSE_BODY_HEADER_SIZE,
 // True when a whole frame lies at state->bufferCursor. *headerSize is always
 // set to 8; once the 8 length bytes are present *packageSize is set to L.
 // A length that can never fit the buffer (negative, or 8 + L > bufferSize) is
-// damage: it is recorded with error code 2, logged with a hex dump, every
-// buffered byte is dropped (both cursors 0) and false is returned.
+// damage: it is recorded with error code 2, logged with a hex dump of the
+// first 256 buffered bytes (ten reports, then one a second; the next report
+// counts those held back), every buffered byte is dropped (both cursors 0) and
+// false is returned.
 bool CheckIpcPackageComplete(BufferState* state, long* headerSize, long* packageSize);
 
 // Moves the pending bytes to the start of the buffer so that the next receive

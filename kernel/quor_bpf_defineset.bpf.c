@@ -64,15 +64,6 @@ struct {
     __uint(max_entries, 16384);
 } rss_state_map SEC(".maps");
 
-/* Context switches seen per CPU: the switch programme reads the clock only
- * on every QUOR_SWITCH_PACE-th switch. */
-struct {
-    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
-    __type(key, __u32);
-    __type(value, __u64);
-    __uint(max_entries, 1);
-} switch_pace_map SEC(".maps");
-
 /* The context-switch programme flushes what paced submits left unannounced. */
 #define QUOR_PACED_WAKEUPS
 #include "quor_bpf_common.bpf.h"
@@ -84,7 +75,6 @@ struct {
 #define QUOR_FD_REPORT_BLOCK 64
 /* The context-switch programme refreshes the status figures this often at most. */
 #define QUOR_STATUS_REFRESH_NS 1000000000ULL
-#define QUOR_SWITCH_PACE 64
 /* How far back the fork programme looks in the parent's task lists. */
 #define QUOR_FORK_LIST_DEPTH 4
 
@@ -244,13 +234,16 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
 }
 
 /*
- * Runs on every context switch, so in 63 of 64 runs it only reads the
- * status word and counts the switch in a per-CPU slot (no clock read, no
- * write to a shared cache line); on the 64th it reads the clock. Every QUOR_WAKEUP_GAP_NS at most it wakes the
- * reader for records that a storm left unannounced (see quor_submit_flags),
- * and at most once a second it copies the ring buffer's figures into the
- * status map (keys 1 to 4), so that the service and a person reading the
- * pinned map see how full the ring buffer runs even when nothing was lost.
+ * Runs on every context switch. While the reader has caught up (the common
+ * case on a quiet system) it only reads the status word and the ring
+ * buffer's fill level. With records waiting, every QUOR_WAKEUP_GAP_NS at most
+ * it wakes the reader for records that a storm left unannounced (see
+ * quor_submit_flags): a storm's tail thus waits for the gap and the next
+ * switch on any CPU, never for a count of switches that an idle system takes
+ * seconds to reach. At most once a second it also copies the ring buffer's
+ * figures into the status map (keys 1 to 4), so that the service and a
+ * person reading the pinned map see how full the ring buffer runs even when
+ * nothing was lost.
  */
 SEC("tracepoint/sched/sched_switch")
 int sched_sched_switch(void *ctx)
@@ -258,10 +251,7 @@ int sched_sched_switch(void *ctx)
     __u32 key = QUOR_STATUS_KEY_FLAGS;
     __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!flags || !(*flags & QUOR_STATUS_CORE_ON)) return 0;
-
-    key = 0;
-    __u64 *seen = bpf_map_lookup_elem(&switch_pace_map, &key);
-    if (!seen || (++*seen & (QUOR_SWITCH_PACE - 1)) != 0) return 0;
+    if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
 
     key = QUOR_STATUS_KEY_FLUSHED_NS;
     __u64 *flushed = bpf_map_lookup_elem(&ringbuf_status, &key);

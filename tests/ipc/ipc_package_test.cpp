@@ -78,6 +78,24 @@ TEST_F(IpcPackageTest, CompletenessAndDamage) {
     EXPECT_EQ(ErrorRecords(2), 4);
 }
 
+// A client sending nothing but damage: a bounded number of reports, each of
+// bounded size, and the first report after the burst counts the rest.
+TEST_F(IpcPackageTest, AFloodOfDamageIsReportedSparingly) {
+    long header = 0;
+    long size = 0;
+    for (int i = 0; i < 1000; ++i) {
+        Buffer damaged(RawFrame(-1, std::string(30000, 'd')), 32768);
+        EXPECT_FALSE(CheckIpcPackageComplete(&damaged.state, &header, &size));
+        EXPECT_EQ(damaged.state.bufferDataCursor, 0);
+    }
+    EXPECT_GE(ErrorRecords(2), 1);
+    EXPECT_LE(ErrorRecords(2), 10);
+    std::ifstream in(kErrorLog);
+    for (std::string line; std::getline(in, line);) {
+        EXPECT_LT(line.size(), 1200u) << "a report copies the whole buffer";
+    }
+}
+
 TEST_F(IpcPackageTest, SaveUnuseBufferKeepsOnlyPendingBytes) {
     Buffer buffer("abcdefgh");
     buffer.state.bufferCursor = 5;

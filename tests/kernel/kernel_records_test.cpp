@@ -251,10 +251,15 @@ TEST_F(KernelRecordsTest, OnlyCoreRecordsFlowUntilTheNormalBitIsSet) {
     EXPECT_EQ(core, 4);  // process and thread, fork and exit
 }
 
-TEST_F(KernelRecordsTest, ContextSwitchesRefreshTheRingBufferFigures) {
+TEST_F(KernelRecordsTest, ContextSwitchesRefreshTheRingBufferFiguresWhileRecordsWait) {
     StatusSet(status_, QUOR_STATUS_KEY_REFRESHED_NS, 0);
     StatusSet(status_, QUOR_STATUS_KEY_RING_SIZE, 0);
     ASSERT_TRUE(StatusSet(status_, QUOR_STATUS_KEY_FLAGS, QUOR_STATUS_CORE_ON));
+    // Records nobody reads: a child's fork and exit.
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    ASSERT_GT(child, 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
     const auto deadline = std::chrono::steady_clock::now() + 5s;
     while (StatusGet(status_, QUOR_STATUS_KEY_REFRESHED_NS) == 0 &&
            std::chrono::steady_clock::now() < deadline) {

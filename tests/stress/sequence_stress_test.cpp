@@ -98,8 +98,10 @@ uint64_t Drive(uint64_t total, const std::vector<Subscriber*>& pacers,
         const uint64_t last =
             InjectBatch(static_cast<uint32_t>(std::min<uint64_t>(kBatch, total - done)));
         for (Subscriber* sub : pacers) {
-            EXPECT_TRUE(sub->log.waitFor(last, std::chrono::seconds(30)))
-                << "stuck at " << sub->log.size() << " records";
+            if (!sub->log.waitFor(last, std::chrono::seconds(30))) {
+                ADD_FAILURE() << "stuck at " << sub->log.size() << " records";
+                return first;
+            }
         }
         if (afterBatch) afterBatch();
     }
