@@ -61,7 +61,7 @@ bool UpdateStatusBits(int mapFd, uint64_t bits, bool set) {
 void AnnounceReader(int mapFd, uint64_t state) {
     const uint32_t key = QUOR_STATUS_KEY_READER;
     (void)bpf_map_update_elem(mapFd, &key, &state, BPF_ANY);
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    __sync_synchronize();
 }
 
 // The main ring buffer's wait: polling while records flow, an announced

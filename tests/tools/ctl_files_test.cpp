@@ -133,7 +133,7 @@ std::string StateFile(int64_t head, int64_t tail, const std::vector<std::vector<
         std::to_string(head) + ", " + std::to_string(tail) + " \r\n";
     for (const auto& row : rows) {
         int sum = 0;
-        for (size_t k = 0; k < 8; ++k) sum += row[k];
+        for (size_t k = 0; k < 8 && k < row.size(); ++k) sum += row[k];
         text += std::to_string(sum) + ", ";
         for (const int value : row) text += std::to_string(value) + ", ";
         text += "\r\n";
