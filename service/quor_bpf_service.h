@@ -172,7 +172,8 @@ private:
 
     std::map<int32_t, EventHandler> eventHandlers_;
     std::atomic<bool> running_{false};
-    int64_t lastRingBuffCheck_[2] = {0, 0};
+    // Written by each monitor; atomic so that a check from any other thread is safe.
+    std::atomic<int64_t> lastRingBuffCheck_[2] = {{0}, {0}};
     android::base::unique_fd ringBuffFd_;
     android::base::unique_fd gplRingBuffFd_;
     android::base::unique_fd ringBuffStatusFd_;

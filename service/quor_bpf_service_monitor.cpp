@@ -246,8 +246,8 @@ int QuorBpfService::handleBpfRingBuffEvent(void* /*ctx*/, void* data, size_t siz
 int QuorBpfService::checkBpfRingBuffStatus(int index, bool force) {
     if (index < 0 || index > 1) return 0;
     const int64_t now = time(nullptr);
-    if (!force && now - lastRingBuffCheck_[index] < kStatusCheckIntervalS) return 1;
-    lastRingBuffCheck_[index] = now;
+    if (!force && now - lastRingBuffCheck_[index].load() < kStatusCheckIntervalS) return 1;
+    lastRingBuffCheck_[index].store(now);
 
     const int mapFd = index == RINGBUF_MAIN ? ringBuffStatusFd_.get() : gplRingBuffStatusFd_.get();
     const uint64_t avail = LookupStatus(mapFd, QUOR_STATUS_KEY_AVAIL_DATA);
