@@ -276,7 +276,9 @@ TEST_F(FaultTest, RingBufferOverflowIsReportedAndCleared) {
                     if (child > 0) (void)waitpid(child, nullptr, 0);
                 }
             });
-            const int r = gInjector->Inject(&filler, sizeof(filler), 60000);
+            // Paced like the real programmes' records: a filling ring buffer
+            // wakes the reader, so it is full only while the reader drains.
+            const int r = gInjector->Inject(&filler, sizeof(filler), 60000, QUOR_INJECT_PACED);
             refused += r > 0 ? static_cast<uint64_t>(r) : 0;
             forker.join();
             return (StatusWord(RINGBUF_MAIN) & QUOR_STATUS_OVERFLOW) != 0;
@@ -318,7 +320,10 @@ int main(int argc, char** argv) {
     quor_test::RecordInjector injector;
     if (gStartError.empty()) {
         std::string error;
-        if (!injector.Open(RINGBUF_MAP_PATHS[RINGBUF_MAIN], &error)) gStartError = error;
+        if (!injector.Open(RINGBUF_MAP_PATHS[RINGBUF_MAIN], &error,
+                           RINGBUF_STATUS_PATHS[RINGBUF_MAIN])) {
+            gStartError = error;
+        }
     }
     gInjector = &injector;
     const int result = RUN_ALL_TESTS();
