@@ -112,17 +112,12 @@ private:
 
 struct Events {
     std::mutex mutex;
-    std::vector<std::pair<uint32_t, std::string>> received;
-
+    std::vector<std::pair<uint32_t, size_t>> received;  // type and length
     QuorBpfClient::EventCallback callback() {
-        return [this](uint32_t type, const uint8_t* data, size_t length) {
+        return [this](uint32_t type, const uint8_t*, size_t length) {
             std::lock_guard<std::mutex> lock(mutex);
-            received.emplace_back(type, std::string(reinterpret_cast<const char*>(data), length));
+            received.emplace_back(type, length);
         };
-    }
-    size_t size() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return received.size();
     }
 };
 
@@ -187,8 +182,6 @@ TEST(ClientConnectionTest, ResubscribesAfterTheServerRestarts) {
     client.setConnectionCallback([&](bool up) { (up ? ups : downs).fetch_add(1); });
     ASSERT_TRUE(client.connect(2000));
     ASSERT_EQ(Status(&client, QUOR_BPF_COMMAND_SUBSCRIBE, 2), 0);
-    ASSERT_EQ(Status(&client, QUOR_BPF_COMMAND_SUBSCRIBE, 3), 0);
-    ASSERT_EQ(Status(&client, QUOR_BPF_COMMAND_UNSUBSCRIBE, 3), 0);
     // Through subscribe() the types are remembered for later connections.
     std::promise<int32_t> answered;
     ASSERT_TRUE(client.subscribe(5, [&](int32_t status) { answered.set_value(status); }));
@@ -208,12 +201,10 @@ TEST(ClientConnectionTest, ResubscribesAfterTheServerRestarts) {
     ASSERT_TRUE(WaitFor([&] { return ups.load() == 2 && server->subscribers(5) == 1; }));
     EXPECT_EQ(server->subscribers(2), 0u);  // only subscribe() is remembered
     server->push(5, std::string(40, 'r'));
-    ASSERT_TRUE(WaitFor([&] { return events.size() == 1; }));
-    {
+    ASSERT_TRUE(WaitFor([&] {
         std::lock_guard<std::mutex> lock(events.mutex);
-        EXPECT_EQ(events.received[0].first, 5u);
-        EXPECT_EQ(events.received[0].second.size(), 40u);
-    }
+        return events.received == std::vector<std::pair<uint32_t, size_t>>{{5u, 40u}};
+    }));
 
     client.disconnect();
     EXPECT_EQ(downs.load(), 2);

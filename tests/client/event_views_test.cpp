@@ -33,17 +33,6 @@ TEST(EventViewsTest, DecodesEveryFieldOfAWholeRecord) {
               "sched_task_create ts=123456789 ppid=1 pid=200 tid=201 comm=0123456789abcdef "
               "kind=thread");
 
-    quor_rss_change_event rss = {};
-    rss.id = QUOR_SERVICE_RSS_CHANGE;
-    rss.pid = 7;
-    memcpy(rss.comm, "app", 3);
-    rss.rss_anon = 4096;
-    rss.old_rss_shmem = -1;
-    const std::string composed = Bytes(&rss, sizeof(rss));
-    EXPECT_EQ(QuorFormatEvent(QUOR_SERVICE_RSS_CHANGE, composed.data(), composed.size()),
-              "rss_change pid=7 ppid=0 uid=0 comm=app rss_file=0 rss_anon=4096 swap=0 "
-              "rss_shmem=0 old_rss_file=0 old_rss_anon=0 old_swap=0 old_rss_shmem=-1");
-
     quor_cgroup_attach_record cgroup = {};
     cgroup.header.type = QUOR_EVENT_CGROUP_ATTACH;
     memset(cgroup.cgroup, 'c', sizeof(cgroup.cgroup));  // cut path, no NUL

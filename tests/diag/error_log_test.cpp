@@ -1,12 +1,11 @@
 // Runs inside a private mount namespace with a tmpfs on /data.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,19 +17,16 @@ using namespace Quor::Bpf;
 namespace {
 
 std::string ReadFile(const char* path) {
-    std::ifstream in(path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::ostringstream out;
+    out << std::ifstream(path).rdbuf();
+    return out.str();
 }
 
 std::vector<std::string> ReadLines(const char* path) {
-    std::ifstream in(path);
+    std::istringstream in(ReadFile(path));
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
-}
-
-void WriteFile(const char* path, const std::string& text) {
-    std::ofstream(path) << text;
 }
 
 class ErrorLogTest : public ::testing::Test {
@@ -44,17 +40,13 @@ protected:
 
 TEST_F(ErrorLogTest, RotationKeepsOnlyThePreviousRun) {
     EXPECT_EQ(InitBpfServiceErrorLog(), -1);  // nothing to rotate yet
-    struct stat st = {};
-    ASSERT_EQ(stat(BPF_SERVICE_LOG_DIR, &st), 0);
-
-    WriteFile(BPF_SERVICE_ERROR_LOG, "first run\n");
-    EXPECT_EQ(InitBpfServiceErrorLog(), 0);
-    EXPECT_EQ(ReadFile(BPF_SERVICE_ERROR_OLD_LOG), "first run\n");
-    EXPECT_NE(access(BPF_SERVICE_ERROR_LOG, F_OK), 0);
-
-    WriteFile(BPF_SERVICE_ERROR_LOG, "second run\n");
-    EXPECT_EQ(InitBpfServiceErrorLog(), 0);
-    EXPECT_EQ(ReadFile(BPF_SERVICE_ERROR_OLD_LOG), "second run\n");
+    EXPECT_EQ(access(BPF_SERVICE_LOG_DIR, F_OK), 0);
+    for (const char* run : {"first run\n", "second run\n"}) {
+        std::ofstream(BPF_SERVICE_ERROR_LOG) << run;
+        EXPECT_EQ(InitBpfServiceErrorLog(), 0);
+        EXPECT_EQ(ReadFile(BPF_SERVICE_ERROR_OLD_LOG), run);
+        EXPECT_NE(access(BPF_SERVICE_ERROR_LOG, F_OK), 0);
+    }
 }
 
 TEST_F(ErrorLogTest, RecordCarriesProcessThreadAndCommandLine) {
@@ -73,9 +65,8 @@ TEST_F(ErrorLogTest, RecordCarriesProcessThreadAndCommandLine) {
     EXPECT_EQ(std::stoi(m[1]), getpid());
     EXPECT_NE(std::stoi(m[2]), getpid());  // written from the other thread
     // NUL separators become blanks, no trailing blank.
-    const std::string cmdline = m[3];
-    EXPECT_NE(cmdline.find("error_log_test"), std::string::npos);
-    EXPECT_NE(cmdline.back(), ' ');
+    EXPECT_NE(m[3].str().find("error_log_test"), std::string::npos);
+    EXPECT_NE(m[3].str().back(), ' ');
 }
 
 TEST_F(ErrorLogTest, NewestFirstAndBoundedTo4999OldLines) {
@@ -89,7 +80,7 @@ TEST_F(ErrorLogTest, NewestFirstAndBoundedTo4999OldLines) {
 
     std::string old;
     for (int i = 0; i < 5000; ++i) old += "line " + std::to_string(i) + "\n";
-    WriteFile(BPF_SERVICE_ERROR_LOG, old);
+    std::ofstream(BPF_SERVICE_ERROR_LOG) << old;
     RecordBpfServiceErrorInfo(6, "B&A Ipc Package queue full 10000");
     lines = ReadLines(BPF_SERVICE_ERROR_LOG);
     ASSERT_EQ(lines.size(), 9u + 4999u);

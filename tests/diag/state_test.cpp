@@ -68,14 +68,9 @@ TEST_F(StateTest, CountsPerTypePollsApartAndBadTypesIgnored) {
     EXPECT_EQ(rows[0], kHeaderNames + "0, 0 ");
     EXPECT_EQ(rows[1], "0, 0, 0, 0, 0, 0, 0, 0, 0, 0, ");
 
-    state->RecordEvent(0, 1);
-    state->RecordEvent(0, 41);
-    state->RecordEvent(3, 2);
-    state->RecordEvent(7, 1);
-    state->RecordEvent(8, 5);   // polls: not part of the event sum
-    state->RecordEvent(9, 1);   // beyond the table
-    state->RecordEvent(-1, 1);  // before the table
-    state->RecordEvent(-8, 100);
+    // Polls (8) are not part of the event sum; 9 and negatives are outside the table.
+    const int events[][2] = {{0, 1}, {0, 41}, {3, 2}, {7, 1}, {8, 5}, {9, 1}, {-1, 1}, {-8, 100}};
+    for (const auto& e : events) state->RecordEvent(e[0], e[1]);
     state->DumpState();
     rows = ReadRows();
     ASSERT_EQ(rows.size(), 2u);
@@ -91,8 +86,7 @@ TEST_F(StateTest, SilentSecondsGetZeroRowsNewestFirst) {
     ASSERT_EQ(rows.size(), 5u);
     EXPECT_EQ(rows[0], kHeaderNames + "3, 0 ");
     EXPECT_EQ(Numbers(rows[1]), (std::vector<long long>{2, 0, 0, 2, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(Numbers(rows[2]), std::vector<long long>(10, 0));
-    EXPECT_EQ(Numbers(rows[3]), std::vector<long long>(10, 0));
+    for (int r : {2, 3}) EXPECT_EQ(Numbers(rows[r]), std::vector<long long>(10, 0));
     EXPECT_EQ(Numbers(rows[4]), (std::vector<long long>{1, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
 }
 
@@ -134,14 +128,9 @@ TEST_F(StateTest, ConcurrentRecordersLoseNothingWhileDumping) {
     auto recorder = [&](int32_t type) {
         for (int i = 0; i < kPerThread; ++i) state->RecordEvent(type, 1);
     };
-    std::thread a(recorder, 1);
-    std::thread b(recorder, 8);
-    std::thread c([&] {
-        // Moves the clock now and then so that slots advance under contention.
-        for (int i = 0; i < 100; ++i) {
-            state->RecordEvent(2, 1);
-            fakeNow += 1;
-        }
+    std::thread a(recorder, 1), b(recorder, 8);
+    std::thread c([&] {  // slots advance under contention
+        for (int i = 0; i < 100; ++i, ++fakeNow) state->RecordEvent(2, 1);
     });
     a.join();
     b.join();
@@ -151,14 +140,9 @@ TEST_F(StateTest, ConcurrentRecordersLoseNothingWhileDumping) {
 
     state->DumpState();
     const auto rows = ReadRows();
-    long long type1 = 0, polls = 0, type2 = 0;
-    for (size_t r = 1; r < rows.size(); ++r) {
-        const auto n = Numbers(rows[r]);
-        type1 += n[2];
-        type2 += n[3];
-        polls += n[9];
-    }
-    EXPECT_EQ(type1, kPerThread);
-    EXPECT_EQ(polls, kPerThread);
-    EXPECT_EQ(type2, 100);
+    std::vector<long long> sums(10, 0);
+    for (size_t r = 1; r < rows.size(); ++r)
+        for (size_t i = 0; i < 10; ++i) sums[i] += Numbers(rows[r])[i];
+    EXPECT_EQ(sums, (std::vector<long long>{kPerThread + 100, 0, kPerThread, 100, 0, 0, 0, 0, 0,
+                                            kPerThread}));
 }

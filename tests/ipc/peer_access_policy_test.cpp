@@ -24,9 +24,7 @@ TEST(PeerAccessPolicyTest, IdListsTakeWholeIdsAndReportTheRest) {
 
 TEST(PeerAccessPolicyTest, RootOwnUidAndListedIdsOnly) {
     const PeerAccessPolicy policy(1234, {2000}, {3000});
-    EXPECT_TRUE(policy.allows(0, 99, {}));
-    EXPECT_TRUE(policy.allows(1234, 99, {}));
-    EXPECT_TRUE(policy.allows(2000, 99, {}));
+    for (const uid_t uid : {0, 1234, 2000}) EXPECT_TRUE(policy.allows(uid, 99, {})) << uid;
     EXPECT_TRUE(policy.allows(77, 3000, {}));
     EXPECT_TRUE(policy.allows(77, 99, {5, 3000}));
     EXPECT_FALSE(policy.allows(77, 99, {5, 2000}));  // a uid is not a group
@@ -35,7 +33,7 @@ TEST(PeerAccessPolicyTest, RootOwnUidAndListedIdsOnly) {
 }
 
 TEST(PeerAccessPolicyTest, PeerCredentialsOfAConnectedSocket) {
-    int pair[2];
+    int pair[4];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
     std::string who;
     EXPECT_TRUE(PeerAccessPolicy(geteuid(), {}, {}).allowsPeer(pair[0], &who));
@@ -46,14 +44,9 @@ TEST(PeerAccessPolicyTest, PeerCredentialsOfAConnectedSocket) {
         EXPECT_FALSE(PeerAccessPolicy(geteuid() + 1, {}, {}).allowsPeer(pair[0], &who));
         EXPECT_TRUE(PeerAccessPolicy(geteuid() + 1, {}, {getegid()}).allowsPeer(pair[0], &who));
     }
-    close(pair[0]);
-    close(pair[1]);
-
     // Whatever cannot say who is at the other end is refused.
-    int pipeFds[2];
-    ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
-    EXPECT_FALSE(PeerAccessPolicy(geteuid(), {}, {}).allowsPeer(pipeFds[0], &who));
+    ASSERT_EQ(pipe2(pair + 2, O_CLOEXEC), 0);
+    EXPECT_FALSE(PeerAccessPolicy(geteuid(), {}, {}).allowsPeer(pair[2], &who));
     EXPECT_NE(who.find("no peer credentials"), std::string::npos) << who;
-    close(pipeFds[0]);
-    close(pipeFds[1]);
+    for (int fd : pair) close(fd);
 }

@@ -5,44 +5,30 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <fstream>
-#include <functional>
 #include <future>
-#include <set>
 #include <string>
 #include <thread>
 
 #include "diag/quor_bpf_time.h"
 #include "quor/bpf_service_main.h"
+#include "tests/support/raw_ipc_client.h"
 
 using namespace Quor::Bpf;
 using android::base::SetProperty;
 
 namespace {
 
-std::multiset<std::string> ThreadNames() {
-    std::multiset<std::string> names;
+int Threads(const std::string& name) {
+    int count = 0;
     DIR* dir = opendir("/proc/self/task");
-    if (dir == nullptr) return names;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] == '.') continue;
+    while (dirent* entry = dir ? readdir(dir) : nullptr) {
         std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string name;
-        std::getline(comm, name);
-        names.insert(name);
+        std::string text;
+        count += std::getline(comm, text) && text == name;
     }
-    closedir(dir);
-    return names;
-}
-
-bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return condition();
+    if (dir) closedir(dir);
+    return count;
 }
 
 }  // namespace
@@ -54,7 +40,7 @@ TEST(ServiceLifecycleTest, DisableStartReadinessStopAndJoin) {
     // Only the exact value "1" disables.
     SetProperty("persist.sys.stability.bpfframework.disable", "1");
     EXPECT_EQ(BpfServiceMain(), 0);
-    EXPECT_EQ(ThreadNames().count("BpfServicePoll"), 0u);
+    EXPECT_EQ(Threads("BpfServicePoll"), 0);
 
     ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework && "
                      "echo previous > /data/quorlog/stability/quorbpfframework/error.log"),
@@ -64,15 +50,14 @@ TEST(ServiceLifecycleTest, DisableStartReadinessStopAndJoin) {
     ASSERT_EQ(BpfServiceMain(), 1);
     EXPECT_EQ(access("/data/quorlog/stability/quorbpfframework/error.old.log", F_OK), 0);
 
-    ASSERT_TRUE(WaitFor([] { return ThreadNames().count("BpfServicePoll") == 1; },
-                        std::chrono::seconds(5)));
+    ASSERT_TRUE(quortest::WaitFor([] { return Threads("BpfServicePoll") == 1; }));
     // Not ready: the producer keeps waiting and prepares nothing.
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_EQ(GetBasetime(), 0);
-    EXPECT_EQ(ThreadNames().count("BpfServicePGpl"), 0u);
+    EXPECT_EQ(Threads("BpfServicePGpl"), 0);
 
     SetProperty("sys.quor_bpf_ready", "1");
-    EXPECT_TRUE(WaitFor([] { return GetBasetime() != 0; }, std::chrono::seconds(5)));
+    EXPECT_TRUE(quortest::WaitFor([] { return GetBasetime() != 0; }));
 
     EXPECT_EQ(StopBpfService(), 0);
     auto joined = std::async(std::launch::async, [] { return WaitBpfService(); });
