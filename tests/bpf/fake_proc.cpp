@@ -1,8 +1,6 @@
 #include "fake_proc.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <ftw.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -10,8 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 
 namespace {
@@ -23,25 +21,10 @@ void MakeParents(const std::string& path) {
     }
 }
 
-bool WriteAll(int fd, const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 std::string ReadFromStart(int fd) {
     std::string bytes;
     char buf[4096];
-    ssize_t n;
-    off_t offset = 0;
-    while ((n = pread(fd, buf, sizeof(buf), offset)) > 0) {
-        bytes.append(buf, static_cast<size_t>(n));
-        offset += n;
-    }
+    for (ssize_t n; (n = pread(fd, buf, sizeof(buf), bytes.size())) > 0;) bytes.append(buf, n);
     return bytes;
 }
 
@@ -54,42 +37,34 @@ FakeProc::FakeProc() {
 }
 
 FakeProc::~FakeProc() {
-    (void)nftw(
-        root_.c_str(),
-        [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 16,
-        FTW_DEPTH | FTW_PHYS);
+    (void)system(("rm -rf '" + root_ + "'").c_str());
 }
 
 void FakeProc::File(const std::string& rel, const std::string& text) {
-    const std::string path = root_ + "/" + rel;
-    MakeParents(path);
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0 || !WriteAll(fd, text)) throw std::runtime_error("cannot write " + path);
-    close(fd);
+    MakeParents(root_ + "/" + rel);
+    std::ofstream out(root_ + "/" + rel, std::ios::binary | std::ios::trunc);
+    if (!(out << text)) throw std::runtime_error("cannot write " + rel);
 }
 
 void FakeProc::Link(const std::string& rel, const std::string& target) {
-    const std::string path = root_ + "/" + rel;
-    MakeParents(path);
-    if (symlink(target.c_str(), path.c_str()) != 0) throw std::runtime_error("symlink " + path);
+    MakeParents(root_ + "/" + rel);
+    if (symlink(target.c_str(), (root_ + "/" + rel).c_str()) != 0) {
+        throw std::runtime_error("symlink " + rel);
+    }
 }
 
 void FakeProc::Dir(const std::string& rel) {
-    const std::string path = root_ + "/" + rel + "/";
-    MakeParents(path);
+    MakeParents(root_ + "/" + rel + "/");
 }
 
 std::vector<std::string> FakeProc::PidOrder() const {
     std::vector<std::string> pids;
     DIR* dir = opendir(root_.c_str());
-    if (dir == nullptr) return pids;
-    while (const dirent* entry = readdir(dir)) {
+    while (const dirent* entry = dir == nullptr ? nullptr : readdir(dir)) {
         const std::string name = entry->d_name;
-        bool digits = !name.empty();
-        for (const char c : name) digits = digits && isdigit(static_cast<unsigned char>(c));
-        if (digits) pids.push_back(name);
+        if (name.find_first_not_of("0123456789") == std::string::npos) pids.push_back(name);
     }
-    closedir(dir);
+    if (dir != nullptr) closedir(dir);
     return pids;
 }
 
@@ -97,8 +72,7 @@ ChildRun RunInChild(const std::string& procRoot, const std::function<std::string
     ChildRun run;
     const int outFd = memfd_create("quor_child_out", MFD_CLOEXEC);
     const int logFd = memfd_create("quor_child_log", MFD_CLOEXEC);
-    if (outFd < 0 || logFd < 0) return run;
-    const pid_t child = fork();
+    const pid_t child = outFd < 0 || logFd < 0 ? -1 : fork();
     if (child == 0) {
         (void)dup2(logFd, STDERR_FILENO);
         if (!procRoot.empty() &&
@@ -107,7 +81,8 @@ ChildRun RunInChild(const std::string& procRoot, const std::function<std::string
              mount(procRoot.c_str(), "/proc", nullptr, MS_BIND, nullptr) != 0)) {
             _exit(kChildCannotMount);
         }
-        _exit(WriteAll(outFd, body()) ? 0 : 1);
+        const std::string out = body();
+        _exit(write(outFd, out.data(), out.size()) == static_cast<ssize_t>(out.size()) ? 0 : 1);
     }
     int status = 0;
     if (child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status)) {
@@ -115,7 +90,7 @@ ChildRun RunInChild(const std::string& procRoot, const std::function<std::string
     }
     run.out = ReadFromStart(outFd);
     run.log = ReadFromStart(logFd);
-    close(outFd);
-    close(logFd);
+    (void)close(outFd);
+    (void)close(logFd);
     return run;
 }
