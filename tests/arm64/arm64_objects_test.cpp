@@ -1,7 +1,5 @@
-// The two programme sets as the arm64 build makes them: their CO-RE
-// relocations resolve against this kernel's BTF, the verifier accepts every
-// programme, and the probes read their arguments where arm64 passes them (the
-// first words of user_pt_regs), not where this machine's architecture does.
+// The arm64 programme sets relocate and verify on this kernel, and their probes
+// read arguments from arm64's registers (the first words of user_pt_regs).
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
 #include <linux/bpf.h>

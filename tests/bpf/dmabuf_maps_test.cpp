@@ -1,6 +1,5 @@
-// Seeding and pruning of the dmabuf and open-descriptor maps, against real
-// maps pinned in the test's private bpffs. This machine has no dmabuf
-// exporter, so the dmabuf scan reads a crafted tree mounted over /proc.
+// Seeding and pruning of the dmabuf and open-descriptor maps, pinned in the
+// private bpffs; with no dmabuf exporter here, /proc is a crafted tree.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
 #include <linux/magic.h>

@@ -1,7 +1,5 @@
-// Attaching the pinned programmes: the table walk and the directory walk
-// against what the running kernel offers, rows the walk must not count, and
-// the name rules. Runs isolated, with the programme sets loaded into the
-// test's private bpffs.
+// Attaching the pinned programmes by table and by directory against what the
+// running kernel offers, rows the walk must not count, and the name rules.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,6 +1,5 @@
-// The loader against the real kernel, in the test's private bpffs: the pin
-// names, reuse of pinned maps across loads, replacement of a map whose shape
-// changed, unloading, and mounting bpffs when it is absent.
+// The loader against the real kernel in the private bpffs: pin names, map
+// reuse and replacement, unloading, mounting bpffs when it is absent.
 #include <bpf/bpf.h>
 #include <dirent.h>
 #include <gtest/gtest.h>

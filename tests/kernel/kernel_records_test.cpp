@@ -1,16 +1,15 @@
-// The programme sets' records, read straight from their ring buffers while a
-// child process forks a thread, touches memory and exits. Runs isolated: the
-// objects are loaded into the test's private bpffs and attached with the
-// service's own table walk.
+// The programme sets' records, read from their ring buffers while a child
+// forks a thread, touches memory and exits; attached by the service's walk.
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 
+#include <algorithm>
+#include <csignal>
 #include <fstream>
+#include <thread>
 
 #include "bpf/quor_bpf_prog_attach.h"
 #include "service/quor_bpf_service.h"
@@ -31,28 +30,22 @@ constexpr uint64_t kAllOn = QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON;
 
 std::string g_skip;
 
-uint64_t MonotonicNs() {
-    timespec ts = {};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + ts.tv_nsec;
+uint64_t MonotonicNs() {  // the programmes' clock
+    return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-// A child that names itself, starts and joins a thread, touches memory and
-// exits; returns its pid once it has been reaped.
-pid_t RunChild(bool withThread = true, size_t touch = kTouchBytes) {
+// A child that names itself and, when `busy`, starts and joins a thread and
+// touches memory; returns its pid once it has been reaped.
+pid_t RunChild(bool busy = true) {
     const pid_t pid = fork();
     if (pid == 0) {
         prctl(PR_SET_NAME, kChildComm, 0, 0, 0);
-        pthread_t thread;
-        if (withThread &&
-            pthread_create(
-                &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr) == 0) {
-            pthread_join(thread, nullptr);
+        if (busy) {
+            std::thread([] {}).join();
+            void* mem = mmap(nullptr, kTouchBytes, PROT_READ | PROT_WRITE,
+                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (mem != MAP_FAILED) memset(mem, 1, kTouchBytes);
         }
-        void* mem = touch == 0 ? MAP_FAILED
-                               : mmap(nullptr, touch, PROT_READ | PROT_WRITE,
-                                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (mem != MAP_FAILED) memset(mem, 1, touch);
         _exit(0);
     }
     (void)waitpid(pid, nullptr, 0);
@@ -109,16 +102,14 @@ protected:
         // Records are only taken in Drain and PollUntil, after the pid is known.
         child_ = RunChild();
         reader.keep = [this](const std::string& r) { return RecordPid(r) == child_; };
+        const auto processExit = [](const std::string& r) {
+            const auto exit = As<quor_exit_record>(r);
+            return exit.header.type == QUOR_EVENT_TASK_EXIT && exit.kind == QUOR_TASK_KIND_PROCESS;
+        };
         (void)reader.PollUntil(
             [&] {
-                for (const auto& r : reader.records) {
-                    const auto exit = As<quor_exit_record>(r);
-                    if (exit.header.type == QUOR_EVENT_TASK_EXIT &&
-                        exit.kind == QUOR_TASK_KIND_PROCESS) {
-                        return true;
-                    }
-                }
-                return !expectExit;
+                return !expectExit ||
+                       std::any_of(reader.records.begin(), reader.records.end(), processExit);
             },
             5000ms);
         StatusSet(status_, QUOR_STATUS_KEY_FLAGS, 0);
@@ -195,7 +186,7 @@ TEST_F(KernelRecordsTest, ContextSwitchesRefreshTheRingBufferFiguresWhileRecords
     StatusSet(status_, QUOR_STATUS_KEY_REFRESHED_NS, 0);
     StatusSet(status_, QUOR_STATUS_KEY_RING_SIZE, 0);
     ASSERT_TRUE(StatusSet(status_, QUOR_STATUS_KEY_FLAGS, QUOR_STATUS_CORE_ON));
-    (void)RunChild(false, 0);  // records nobody reads
+    (void)RunChild(false);  // records nobody reads
     const auto deadline = std::chrono::steady_clock::now() + 5s;
     while (StatusGet(status_, QUOR_STATUS_KEY_REFRESHED_NS) == 0 &&
            std::chrono::steady_clock::now() < deadline) {
@@ -219,29 +210,22 @@ TEST_F(KernelRecordsTest, GplSetWritesNoExitRecordsButReportsCgroupMoves) {
             break;
         }
     }
-    int pipeFds[2];
-    ASSERT_EQ(pipe(pipeFds), 0);
     const pid_t child = fork();
     if (child == 0) {
-        char byte;
-        _exit(read(pipeFds[0], &byte, 1) == 1 ? 0 : 1);
+        pause();
+        _exit(0);
     }
     if (!cgroup.empty()) std::ofstream(cgroup + "/cgroup.procs") << child << std::endl;
-    (void)write(pipeFds[1], "x", 1);
+    kill(child, SIGKILL);
     (void)waitpid(child, nullptr, 0);
-    close(pipeFds[0]);
-    close(pipeFds[1]);
     if (!cgroup.empty()) (void)rmdir(cgroup.c_str());
-
     const auto sawMove = [&] {
-        for (const auto& r : reader.records) {
-            const auto move = As<quor_cgroup_attach_record>(r);
-            if (move.header.type == QUOR_EVENT_CGROUP_ATTACH && move.pid == child &&
-                std::string(move.cgroup).find("quor_rec_test_") != std::string::npos) {
-                return true;
-            }
-        }
-        return cgroup.empty();
+        return cgroup.empty() ||
+               std::any_of(reader.records.begin(), reader.records.end(), [&](const auto& r) {
+                   const auto move = As<quor_cgroup_attach_record>(r);
+                   return move.header.type == QUOR_EVENT_CGROUP_ATTACH && move.pid == child &&
+                          std::string(move.cgroup).find("quor_rec_test_") != std::string::npos;
+               });
     };
     EXPECT_TRUE(reader.PollUntil(sawMove, 3000ms));
     reader.Drain();
@@ -270,7 +254,7 @@ TEST_F(KernelRecordsTest, FullRingBufferSetsTheOverflowBit) {
     // 16 KiB hold about 300 fork records.
     for (int i = 0; i < 2000 && !(StatusGet(status, QUOR_STATUS_KEY_FLAGS) & QUOR_STATUS_OVERFLOW);
          ++i) {
-        (void)RunChild(/*withThread=*/false, /*touch=*/0);
+        (void)RunChild(/*busy=*/false);
     }
     const uint64_t flags = StatusGet(status, QUOR_STATUS_KEY_FLAGS);
     StatusSet(status, QUOR_STATUS_KEY_FLAGS, 0);

@@ -1,6 +1,5 @@
-// quorbpfctl against the real daemon, in private namespaces: the task table
-// and statistics fetched by signal, `watch --json` parsed back by python's
-// json module, exit codes, and watch following the service across a restart.
+// quorbpfctl against the real daemon in private namespaces: tasks, stats,
+// `watch --json` read back by python, exit codes, watch across a restart.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <unistd.h>

@@ -1,6 +1,5 @@
-// The daemon's files as quorbpfctl reads them (task dump, statistics), the
-// SVG chart drawn from them, finding the daemon, and waiting for a dump that
-// a real process writes slowly in response to a real signal.
+// The daemon's files as quorbpfctl reads them, the SVG chart, finding the
+// daemon, and waiting for a dump a real process writes slowly on a signal.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>

@@ -1,6 +1,5 @@
-// `quorbpfctl top` in a real terminal (tmux): a process this test starts
-// and fills with memory shows up with its size; q and SIGTERM both end the
-// view with the terminal's line mode and echo restored.
+// `quorbpfctl top` in tmux: a process filled with memory shows up; q and
+// SIGTERM both end the view with line mode and echo restored.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <unistd.h>
