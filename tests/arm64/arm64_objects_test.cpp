@@ -5,7 +5,6 @@
 #include <linux/bpf.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <set>
 #include <string>
 #include <vector>

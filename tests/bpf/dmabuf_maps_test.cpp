@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <string>
 #include <tuple>
 #include <vector>

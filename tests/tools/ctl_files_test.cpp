@@ -64,7 +64,7 @@ std::string FullDump(const char* comm) {
            Row(true, comm, 3, 3);
 }
 
-TEST(TaskDumpTest, ParsesBothVariantsWithAwkwardNames) {
+TEST(TaskDumpTest, ParsesBothVariantsWithAwkwardNamesAndRejectsTheRest) {
     const std::string full = std::string(kHeader) + kFullColumns +
                              Row(true, "web content", 10, 900) +
                              Row(true, "0123456789abcdef", 11, -5) + Row(true, "x", 12, 0);
@@ -77,9 +77,8 @@ TEST(TaskDumpTest, ParsesBothVariantsWithAwkwardNames) {
     const TaskRow& row = dump.rows[0];
     EXPECT_EQ(std::make_tuple(row.comm, row.anonKb, row.oldAnonKb, row.oldThreads, row.uid),
               std::make_tuple(std::string("web content"), int64_t{900}, int64_t{896}, 2, 1000u));
-    EXPECT_EQ(dump.rows[1].comm, "0123456789abcdef");
-    EXPECT_EQ(dump.rows[1].anonKb, -5);
-    EXPECT_EQ(dump.rows[2].comm, "x");
+    EXPECT_EQ(std::tie(dump.rows[1].comm, dump.rows[1].anonKb, dump.rows[2].comm),
+              std::make_tuple("0123456789abcdef", -5, "x"));
     EXPECT_TRUE(TaskDumpComplete(full, true));
 
     const std::string normal =
@@ -92,15 +91,10 @@ TEST(TaskDumpTest, ParsesBothVariantsWithAwkwardNames) {
     // One row of three: whole only for a variant that leaves tasks out.
     EXPECT_FALSE(TaskDumpComplete(normal, true));
     EXPECT_TRUE(TaskDumpComplete(normal, false));
-}
-
-TEST(TaskDumpTest, RejectsWhatIsNotADump) {
-    const std::string full = FullDump("a");
+    // Cut anywhere, a dump is incomplete; text that is no dump is refused.
     for (size_t cut = 0; cut < full.size(); cut += 7) {
         EXPECT_FALSE(TaskDumpComplete(full.substr(0, cut), true)) << cut;
     }
-    TaskDump dump;
-    std::string error;
     EXPECT_FALSE(ParseTaskDump("hello\nworld\n", &dump, &error));
     EXPECT_FALSE(ParseTaskDump(std::string(kHeader) + kFullColumns + "a 1 2 3\n", &dump, &error));
     EXPECT_NE(error.find("line 3"), std::string::npos) << error;
@@ -133,15 +127,13 @@ TEST(StateTableTest, RatesLeaveOutTheRunningSecond) {
     StateTable table;
     std::string error;
     ASSERT_TRUE(ParseStateTable(text, &table, &error)) << error;
-    EXPECT_EQ(table.names[1], "kmem_rss_info");
-    EXPECT_EQ(table.names[8], "PollCount");
-    const StateRates minute = table.Rates(60);
-    EXPECT_EQ(minute.seconds, 60u);
-    EXPECT_DOUBLE_EQ(minute.perSecond[1], 10.0);
+    EXPECT_EQ(std::tie(table.names[1], table.names[8]),
+              std::make_tuple("kmem_rss_info", "PollCount"));
+    EXPECT_EQ(table.Rates(60).seconds, 60u);
+    EXPECT_DOUBLE_EQ(table.Rates(60).perSecond[1], 10.0);
     const StateRates all = table.Rates(0);
-    EXPECT_EQ(all.seconds, 70u);
+    EXPECT_EQ(std::tie(all.seconds, all.totals[2]), std::make_tuple(70u, 70u));
     EXPECT_DOUBLE_EQ(all.perSecond[1], (60 * 10 + 10 * 40) / 70.0);
-    EXPECT_EQ(all.totals[2], 70u);
     EXPECT_DOUBLE_EQ(all.perSecond[8], 2.0);
     // Right after the daemon starts there is one row: it is all there is.
     ASSERT_TRUE(ParseStateTable(StateFile(0, 0, {{1, 2, 3, 4, 5, 6, 7, 8, 9}}), &table, &error));

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "quor/quor_bpf_records.h"
 #include "tools/quorbpfctl/ctl_exit_codes.h"
@@ -137,7 +138,6 @@ TEST_F(FormatTest, ShortForeignAndUnknownRecordsBecomeErrorLines) {
     quor_fork_record fork = {};
     fork.header.type = QUOR_EVENT_TASK_CREATE;
     const DecodedEvent cut = Decode(fork, sizeof(fork) - 1);
-    EXPECT_EQ(cut.error, "truncated");
     EXPECT_EQ(FormatEventText(cut, context_),
               "03:04:05.678 sched_task_create truncated (47 bytes)");
     EXPECT_EQ(
@@ -184,32 +184,25 @@ TEST(WatchFilterTest, PidMatchesParentsOfForksAndCommMatchesSubstrings) {
     EXPECT_FALSE(shown(exit, 4));
 }
 
-int Parse(std::vector<std::string> args, CtlOptions* options, std::string* error) {
-    return ParseCtlArguments(args, options, error);
-}
-
 TEST(CtlOptionsTest, TypesByNameNumberAndCommaList) {
     CtlOptions options;
     std::string error;
-    ASSERT_EQ(Parse({"watch", "task_new", "2,sched_task_exit", "--json", "--pid=7,8", "--comm",
-                     "sh", "--count", "3", "--timeout=2"},
-                    &options, &error),
+    ASSERT_EQ(ParseCtlArguments({"watch", "task_new", "2,sched_task_exit", "--json", "--pid=7,8",
+                                 "--comm", "sh", "--count", "3", "--timeout=2"},
+                                &options, &error),
               kExitOk)
         << error;
-    EXPECT_EQ(options.command, CtlCommand::kWatch);
+    EXPECT_TRUE(options.command == CtlCommand::kWatch && options.json);
     EXPECT_EQ(options.types, (std::vector<uint32_t>{50001, 2, 3}));
-    EXPECT_TRUE(options.json);
     EXPECT_EQ(options.pids, (std::vector<int32_t>{7, 8}));
-    EXPECT_EQ(options.comm, "sh");
-    EXPECT_EQ(options.count, 3u);
-    EXPECT_EQ(options.timeoutMs, 2000);
-    ASSERT_EQ(Parse({"stats", "--help"}, &options, &error), kExitOk);
-    EXPECT_TRUE(options.help);
-    EXPECT_EQ(options.command, CtlCommand::kStats);
+    EXPECT_EQ(std::tie(options.comm, options.count, options.timeoutMs),
+              std::make_tuple("sh", 3u, 2000));
+    ASSERT_EQ(ParseCtlArguments({"stats", "--help"}, &options, &error), kExitOk);
+    EXPECT_TRUE(options.command == CtlCommand::kStats && options.help);
     for (const uint32_t type : AllEventTypes()) {
         uint32_t parsed = 0;
-        EXPECT_TRUE(ParseEventType(std::to_string(type), &parsed, &error));
-        EXPECT_EQ(parsed, type);
+        EXPECT_TRUE(ParseEventType(std::to_string(type), &parsed, &error) && parsed == type)
+            << type;
     }
 }
 
@@ -227,17 +220,14 @@ TEST(CtlOptionsTest, MistakesAreUsageErrorsThatSayWhat) {
         {{"stats", "--linear"}, "--linear applies to --plot"},
         {{"frob"}, "unknown command 'frob'"},
         {{}, "a command is needed"},
+        {{"watch", "nope"}, "50004  rss_change"},  // the known types are listed
     };
     for (const auto& [args, message] : cases) {
         CtlOptions options;
         std::string error;
-        EXPECT_EQ(Parse(args, &options, &error), kExitUsage) << message;
+        EXPECT_EQ(ParseCtlArguments(args, &options, &error), kExitUsage) << message;
         EXPECT_NE(error.find(message), std::string::npos) << error;
     }
-    CtlOptions options;
-    std::string error;
-    Parse({"watch", "nope"}, &options, &error);
-    EXPECT_NE(error.find("50004  rss_change"), std::string::npos) << "lists the known types";
 }
 
 }  // namespace
