@@ -1,15 +1,10 @@
-// The two programme sets as the arm64 build makes them (the CO-RE header
-// kernel/core/vmlinux.h, the arm64 register layout), checked where a kernel
-// is at hand: every CO-RE relocation must resolve against this kernel's BTF
-// and the verifier must accept every programme, and the probes must read
-// their arguments where arm64 passes them (x0, x1: the first words of
-// user_pt_regs), not where this machine's architecture does.
+// The arm64 programme sets relocate and verify on this kernel, and their probes
+// read arguments from arm64's registers (the first words of user_pt_regs).
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
 #include <linux/bpf.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <set>
 #include <string>
 #include <vector>
@@ -19,14 +14,9 @@ namespace {
 constexpr const char* kObjectDir = QUOR_ARM64_BPF_OBJECT_DIR;
 const char* const kObjects[] = {"QuorBpfDefineset", "QuorBpfGplDefineset"};
 
-std::string ObjectPath(const char* name) {
-    return std::string(kObjectDir) + "/" + name + ".bpf.o";
-}
-
-// Offsets of the loads a programme makes from its context: the registers
-// holding the context are followed through copies until overwritten or a
-// call clobbers r1 to r5. Straight-line reading is enough for the argument
-// loads, which the compiler places before any use.
+// Offsets of the loads a programme makes from its context, following the
+// context through register copies in straight-line order (enough for the
+// argument loads, which come first) until overwritten or clobbered by a call.
 std::vector<int> ContextLoadOffsets(const bpf_program* prog) {
     const bpf_insn* insns = bpf_program__insns(prog);
     const size_t count = bpf_program__insn_cnt(prog);
@@ -39,11 +29,7 @@ std::vector<int> ContextLoadOffsets(const bpf_program* prog) {
             if (ctx.count(in.src_reg) != 0) offsets.push_back(in.off);
             ctx.erase(in.dst_reg);
         } else if (cls == BPF_ALU64 && BPF_OP(in.code) == BPF_MOV && BPF_SRC(in.code) == BPF_X) {
-            if (ctx.count(in.src_reg) != 0) {
-                ctx.insert(in.dst_reg);
-            } else {
-                ctx.erase(in.dst_reg);
-            }
+            ctx.count(in.src_reg) != 0 ? (void)ctx.insert(in.dst_reg) : (void)ctx.erase(in.dst_reg);
         } else if (cls == BPF_JMP && BPF_OP(in.code) == BPF_CALL) {
             for (int r = BPF_REG_1; r <= BPF_REG_5; ++r) ctx.erase(r);
             ctx.erase(BPF_REG_0);
@@ -61,8 +47,9 @@ protected:
             GTEST_SKIP()
                 << "no arm64 objects: the arm64 UAPI headers (linux-libc-dev:arm64) were "
                    "missing when this build was configured (scripts/install-arm64-deps.sh)";
-        obj_ = bpf_object__open_file(ObjectPath(GetParam()).c_str(), nullptr);
-        ASSERT_NE(obj_, nullptr) << ObjectPath(GetParam()) << ": " << libbpf_get_error(obj_);
+        const std::string path = std::string(kObjectDir) + "/" + GetParam() + ".bpf.o";
+        obj_ = bpf_object__open_file(path.c_str(), nullptr);
+        ASSERT_NE(obj_, nullptr) << path << ": " << libbpf_get_error(obj_);
     }
     void TearDown() override { bpf_object__close(obj_); }
 
@@ -89,7 +76,6 @@ TEST_P(Arm64ObjectsTest, ProbesReadArgumentsFromArm64Registers) {
 
 TEST_P(Arm64ObjectsTest, RelocatesAndVerifiesOnThisKernel) {
     if (geteuid() != 0) GTEST_SKIP() << "loading programmes needs root";
-    // The verifier's reasons go to stderr through libbpf's default printer.
     const int err = bpf_object__load(obj_);
     ASSERT_EQ(err, 0) << GetParam() << ": " << err
                       << " (a CO-RE relocation failed or the verifier refused)";

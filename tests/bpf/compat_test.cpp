@@ -12,16 +12,14 @@ using Quor::Bpf::MatchesKernelVersion;
 namespace {
 
 TEST(CompatTest, VersionNumbers) {
-    EXPECT_EQ(convertVersionToInt("5.0"), 5000);
-    EXPECT_EQ(convertVersionToInt("5.10"), 5010);
-    EXPECT_EQ(convertVersionToInt("6.1"), 6001);
-    EXPECT_EQ(convertVersionToInt("4.19.157"), convertVersionToInt("4.19"));
-    EXPECT_EQ(convertVersionToInt("5..10"), 5010);         // empty pieces dropped
-    EXPECT_EQ(convertVersionToInt("5.10-android"), 5010);  // parsing stops at a non-digit
-    EXPECT_EQ(convertVersionToInt(" 6.18"), 6018);
-}
-
-TEST(CompatTest, MalformedVersionsAreRejected) {
+    const std::pair<const char*, int32_t> cases[] = {
+        {"5.0", 5000},          {"5.10", 5010},
+        {"6.1", 6001},          {"4.19.157", 4019},  // the third piece is ignored
+        {"5..10", 5010},                             // empty pieces dropped
+        {"5.10-android", 5010},                      // parsing stops at a non-digit
+        {" 6.18", 6018},
+    };
+    for (const auto& [text, value] : cases) EXPECT_EQ(convertVersionToInt(text), value) << text;
     for (const char* bad :
          {"", "5", ".", "a.b", "5.x", "x5.1", "5.-1", "5.1000", "99999999999.1", "+.1"}) {
         EXPECT_EQ(convertVersionToInt(bad), -1) << bad;
@@ -55,16 +53,10 @@ TEST(CompatTest, FormsAgainstARunningVersion) {
         EXPECT_EQ(MatchesKernelVersion(c.compat, convertVersionToInt(c.running)), c.expected)
             << c.compat << " on " << c.running;
     }
-}
-
-TEST(CompatTest, MalformedRulesNeverMatch) {
-    const int32_t running = convertVersionToInt("5.10");
-    for (const char* bad : {"", "+", "-", "5+", "x.y+", "5.4-5.15-6.1", "-5.10", "5.4-x", "junk"}) {
-        EXPECT_FALSE(MatchesKernelVersion(bad, running)) << bad;
-    }
-    // Each of these would match 5.10 if it were read leniently.
-    for (const char* bad : {"0+", "x-9.0", "9-"}) {
-        EXPECT_FALSE(MatchesKernelVersion(bad, running)) << bad;
+    // Malformed rules never match; the last three would match 5.10 if read leniently.
+    for (const char* bad : {"", "+", "-", "5+", "x.y+", "5.4-5.15-6.1", "-5.10", "5.4-x", "junk",
+                            "0+", "x-9.0", "9-"}) {
+        EXPECT_FALSE(MatchesKernelVersion(bad, convertVersionToInt("5.10"))) << bad;
     }
 }
 
@@ -72,13 +64,10 @@ TEST(CompatTest, RunningVersionComesFromTheProperty) {
     android::base::SetProperty("ro.kernel.version", "5.10");
     EXPECT_TRUE(CheckBpfCompatibility("5.0+"));
     EXPECT_FALSE(CheckBpfCompatibility("6.1+"));
-
     // Unset reads as 0.0: lower bounds fail, upper bounds hold.
     android::base::SetProperty("ro.kernel.version", "");
-    EXPECT_EQ(android::base::GetProperty("ro.kernel.version", "0.0"), "0.0");
     EXPECT_FALSE(CheckBpfCompatibility("5.0+"));
     EXPECT_TRUE(CheckBpfCompatibility("5.10-"));
-
     // A property that is no version matches nothing.
     android::base::SetProperty("ro.kernel.version", "unknown");
     EXPECT_FALSE(CheckBpfCompatibility("5.10-"));

@@ -1,6 +1,5 @@
-// Seeding and pruning of the dmabuf and open-descriptor maps, against real
-// maps pinned in the test's private bpffs. This machine has no dmabuf
-// exporter, so the dmabuf scan reads a crafted tree mounted over /proc.
+// Seeding and pruning of the dmabuf and open-descriptor maps, pinned in the
+// private bpffs; with no dmabuf exporter here, /proc is a crafted tree.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
 #include <linux/magic.h>
@@ -11,8 +10,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fake_proc.h"
@@ -25,13 +24,12 @@ namespace {
 
 constexpr const char* kDir = "/sys/fs/bpf/quor";
 
-struct MapSpec {
+enum MapId { kOpenFd, kAllocate, kSize, kPerprocess, kInode, kMmap, kMapCount };
+const struct {
     const char* pin;
     uint32_t keySize;
     uint32_t valueSize;
-};
-enum MapId { kOpenFd, kAllocate, kSize, kPerprocess, kInode, kMmap, kMapCount };
-const MapSpec kMaps[kMapCount] = {
+} kMaps[kMapCount] = {
     {"/sys/fs/bpf/quor/map_QuorBpfDefineset_open_fd_caller_map", 4, 48},
     {"/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_allocate_map", 8, 16},
     {"/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_size_map", 4, 16},
@@ -80,13 +78,12 @@ protected:
         }
         return n;
     }
-    template <typename K, typename V>
-    bool Get(MapId id, const K& key, V* value) const {
-        return bpf_map_lookup_elem(fds_[id], &key, value) == 0;
-    }
-    template <typename K, typename V>
-    void Put(MapId id, const K& key, const V& value) {
-        ASSERT_EQ(bpf_map_update_elem(fds_[id], &key, &value, BPF_ANY), 0);
+    // The value under `key`, zero-filled when there is none.
+    template <typename V, typename K>
+    V Value(MapId id, const K& key) const {
+        V value{};
+        (void)bpf_map_lookup_elem(fds_[id], &key, &value);
+        return value;
     }
 
     int fds_[kMapCount] = {-1, -1, -1, -1, -1, -1};
@@ -134,39 +131,27 @@ TEST_F(DmabufMapsTest, SeedsBuffersHoldersAndMappingsFromProc) {
     for (const auto& pid : proc.PidOrder()) {
         if (pid == "100" || pid == "200") lastHolder = std::stoi(pid);
     }
-    dmabuf_info info;
     EXPECT_EQ(Count(kAllocate), 2u);
-    ASSERT_TRUE(Get(kAllocate, uint64_t{5001}, &info));
-    EXPECT_EQ(info.pid, 100);
-    EXPECT_EQ(info.size, 4096u);
-    ASSERT_TRUE(Get(kAllocate, uint64_t{5002}, &info));
-    EXPECT_EQ(info.pid, lastHolder);
-    EXPECT_EQ(info.size, 8192u);
-
+    const auto buffer = [this](uint64_t inode) { return Value<dmabuf_info>(kAllocate, inode); };
+    EXPECT_EQ(std::make_tuple(buffer(5001).pid, buffer(5001).size), std::make_tuple(100, 4096u));
+    EXPECT_EQ(std::make_tuple(buffer(5002).pid, buffer(5002).size),
+              std::make_tuple(lastHolder, 8192u));
     for (const MapId id : {kSize, kPerprocess}) {
-        dmabuf_stat stat;
         EXPECT_EQ(Count(id), 2u);
-        ASSERT_TRUE(Get(id, int32_t{100}, &stat));
-        EXPECT_EQ(stat.total_size, 4096u + 8192u);  // the shared descriptor counted once
-        EXPECT_EQ(stat.reserved, 0u);
-        ASSERT_TRUE(Get(id, int32_t{200}, &stat));
-        EXPECT_EQ(stat.total_size, 8192u);
+        // The shared descriptor counted once.
+        EXPECT_EQ(Value<dmabuf_stat>(id, int32_t{100}).total_size, 4096u + 8192u);
+        EXPECT_EQ(Value<dmabuf_stat>(id, int32_t{100}).reserved, 0u);
+        EXPECT_EQ(Value<dmabuf_stat>(id, int32_t{200}).total_size, 8192u);
     }
-
-    uint64_t value = 0;
     EXPECT_EQ(Count(kInode), 3u);
-    ASSERT_TRUE(Get(kInode, quor_process_inode_key{100, 0, 5001}, &value));
-    EXPECT_EQ(value, 2u);
-    ASSERT_TRUE(Get(kInode, quor_process_inode_key{100, 0, 5002}, &value));
-    EXPECT_EQ(value, 1u);
-    ASSERT_TRUE(Get(kInode, quor_process_inode_key{200, 0, 5002}, &value));
-    EXPECT_EQ(value, 1u);
-
+    const auto holds = [this](int32_t pid, uint64_t inode) {
+        return Value<uint64_t>(kInode, quor_process_inode_key{pid, 0, inode});
+    };
+    EXPECT_EQ(std::make_tuple(holds(100, 5001), holds(100, 5002), holds(200, 5002)),
+              std::make_tuple(2u, 1u, 1u));
     EXPECT_EQ(Count(kMmap), 2u);
-    ASSERT_TRUE(Get(kMmap, quor_process_mmap_key{100, 0, 0x7f0000}, &value));
-    EXPECT_EQ(value, 5001u);
-    ASSERT_TRUE(Get(kMmap, quor_process_mmap_key{100, 0, 0x7f5000}, &value));
-    EXPECT_EQ(value, 5002u);
+    EXPECT_EQ(Value<uint64_t>(kMmap, quor_process_mmap_key{100, 0, 0x7f0000}), 5001u);
+    EXPECT_EQ(Value<uint64_t>(kMmap, quor_process_mmap_key{100, 0, 0x7f5000}), 5002u);
     EXPECT_NE(run.log.find("Task not exists, so we skip it (/proc/200/maps)"), std::string::npos);
     EXPECT_EQ(run.log.find("/proc/300/maps"), std::string::npos);
 }
@@ -196,8 +181,10 @@ TEST_F(DmabufMapsTest, MissingOrForeignMapSeedsNothing) {
 
 TEST_F(DmabufMapsTest, CleanUpRemovesOnlyThatProcess) {
     for (uint64_t i = 1; i <= 200; ++i) {
-        Put(kInode, quor_process_inode_key{i % 2 ? 100 : 200, 0, i}, i);
-        Put(kMmap, quor_process_mmap_key{i % 4 ? 300 : 100, 0, i << 12}, i);
+        const quor_process_inode_key inode{i % 2 ? 100 : 200, 0, i};
+        const quor_process_mmap_key mapping{i % 4 ? 300 : 100, 0, i << 12};
+        ASSERT_EQ(bpf_map_update_elem(fds_[kInode], &inode, &i, BPF_ANY), 0);
+        ASSERT_EQ(bpf_map_update_elem(fds_[kMmap], &mapping, &i, BPF_ANY), 0);
     }
     const auto cleanUp = [](int pid) {
         return [pid] {
@@ -212,32 +199,29 @@ TEST_F(DmabufMapsTest, CleanUpRemovesOnlyThatProcess) {
     ChildRun run = RunInChild("", cleanUp(555));
     EXPECT_EQ(run.out, "0 0 0") << run.log;
     EXPECT_NE(run.log.find("processInodeMapFd and processMmapInfos not exists"), std::string::npos);
-    EXPECT_EQ(Count(kInode), 200u);
-    EXPECT_EQ(Count(kMmap), 200u);
+    EXPECT_EQ(Count(kInode) + Count(kMmap), 400u);
 
     run = RunInChild("", cleanUp(100));
     EXPECT_EQ(run.out, "0 0 0") << run.log;
     EXPECT_EQ(Count(kInode), 100u);
     EXPECT_EQ(Count(kMmap), 150u);
-    uint64_t value = 0;
-    EXPECT_TRUE(Get(kInode, quor_process_inode_key{200, 0, 2}, &value));
-    EXPECT_FALSE(Get(kInode, quor_process_inode_key{100, 0, 1}, &value));
-    EXPECT_FALSE(Get(kMmap, quor_process_mmap_key{100, 0, 4 << 12}, &value));
+    // Every value is non-zero: zero means no entry.
+    EXPECT_EQ(Value<uint64_t>(kInode, quor_process_inode_key{200, 0, 2}), 2u);
+    EXPECT_EQ(Value<uint64_t>(kInode, quor_process_inode_key{100, 0, 1}), 0u);
+    EXPECT_EQ(Value<uint64_t>(kMmap, quor_process_mmap_key{100, 0, 4 << 12}), 0u);
 }
 
 TEST_F(DmabufMapsTest, OpenDescriptorCountsOfRealProcesses) {
     QuorBpfService* service = QuorBpfService::GetInstance();
     const int32_t self = getpid();
-    quor_open_fd_value before;
     ASSERT_EQ(service->initFdBpfProg(), 0);
-    ASSERT_TRUE(Get(kOpenFd, self, &before));
-
+    const auto before = Value<quor_open_fd_value>(kOpenFd, self);
     std::vector<int> extra;
     for (int i = 0; i < 25; ++i) extra.push_back(eventfd(0, EFD_CLOEXEC));
-    quor_open_fd_value after;
     ASSERT_EQ(service->initFdBpfProg(), 0);
     for (const int fd : extra) close(fd);
-    ASSERT_TRUE(Get(kOpenFd, self, &after));
+    const auto after = Value<quor_open_fd_value>(kOpenFd, self);
+    EXPECT_GT(before.open_fds, 0u);
     EXPECT_EQ(after.open_fds, before.open_fds + 25);
     EXPECT_EQ(after.open_fds_again, after.open_fds);
     EXPECT_EQ(after.pid, self);
@@ -267,17 +251,14 @@ TEST_F(DmabufMapsTest, OpenDescriptorNameBufferCarriesOver) {
     ASSERT_EQ(rc, 0) << run.log;
 
     EXPECT_EQ(Count(kOpenFd), 3u);
-    quor_open_fd_value value;
-    const auto comm = [&value] { return std::string(value.comm, 16); };
-    ASSERT_TRUE(Get(kOpenFd, int32_t{std::stoi(order[0])}, &value));
-    EXPECT_EQ(value.open_fds, 3u);
-    EXPECT_EQ(comm(), std::string("fourteen_chars\0\0", 16));
-    ASSERT_TRUE(Get(kOpenFd, int32_t{std::stoi(order[1])}, &value));
-    EXPECT_EQ(value.open_fds, 1u);
-    EXPECT_EQ(value.pid, std::stoi(order[1]));
-    // The shorter name leaves the tail of the one before.
-    EXPECT_EQ(comm(), std::string("abcdteen_chars\0\0", 16));
-    ASSERT_TRUE(Get(kOpenFd, int32_t{std::stoi(order[2])}, &value));
-    EXPECT_EQ(value.open_fds, 0u);
-    EXPECT_EQ(comm(), std::string("abcdteen_chars\0\0", 16));  // no name line: kept
+    // The shorter name leaves the tail of the one before; no name line keeps it.
+    const std::tuple<int, uint64_t, const char*> expected[] = {
+        {0, 3, "fourteen_chars\0\0"}, {1, 1, "abcdteen_chars\0\0"}, {2, 0, "abcdteen_chars\0\0"}};
+    for (const auto& [index, fds, name] : expected) {
+        const int32_t pid = std::stoi(order[index]);
+        const auto value = Value<quor_open_fd_value>(kOpenFd, pid);
+        EXPECT_EQ(value.pid, pid);
+        EXPECT_EQ(value.open_fds, fds) << pid;
+        EXPECT_EQ(std::string(value.comm, 16), std::string(name, 16)) << pid;
+    }
 }

@@ -1,32 +1,68 @@
-// A process tree laid out like /proc in a temporary directory, and a way to
-// run code with it mounted over /proc: the code runs in a forked child with a
-// mount namespace of its own, so the test process keeps the real /proc and
-// the child starts from the test process's state (the service singleton
-// included) without changing it.
+// A /proc-like tree in a temporary directory, and running code in a forked
+// child with it mounted over /proc in a mount namespace of its own.
 #pragma once
 
-#include <cstring>
+#include <dirent.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 class FakeProc {
 public:
-    FakeProc();
-    ~FakeProc();
+    FakeProc() {
+        char dir[] = "/tmp/quor_fakeproc.XXXXXX";
+        if (mkdtemp(dir) == nullptr) throw std::runtime_error("mkdtemp failed");
+        root_ = dir;
+    }
+    ~FakeProc() { (void)system(("rm -rf '" + root_ + "'").c_str()); }
     FakeProc(const FakeProc&) = delete;
     FakeProc& operator=(const FakeProc&) = delete;
 
     const std::string& root() const { return root_; }
     // Paths are relative to the root; missing parent directories are made.
-    void File(const std::string& rel, const std::string& text);
-    void Link(const std::string& rel, const std::string& target);
-    void Dir(const std::string& rel);
-    // The all-digit entries of the root in the order readdir returns them,
-    // which is the order the service's walks visit them.
-    std::vector<std::string> PidOrder() const;
+    void File(const std::string& rel, const std::string& text) {
+        std::ofstream out(Parents(rel), std::ios::binary | std::ios::trunc);
+        if (!(out << text)) throw std::runtime_error("cannot write " + rel);
+    }
+    void Link(const std::string& rel, const std::string& target) {
+        if (symlink(target.c_str(), Parents(rel).c_str()) != 0) {
+            throw std::runtime_error("symlink " + rel);
+        }
+    }
+    void Dir(const std::string& rel) { (void)Parents(rel + "/"); }
+    // The all-digit entries in readdir order, the order the service's walks visit them.
+    std::vector<std::string> PidOrder() const {
+        std::vector<std::string> pids;
+        DIR* dir = opendir(root_.c_str());
+        while (const dirent* entry = dir == nullptr ? nullptr : readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name.find_first_not_of("0123456789") == std::string::npos) pids.push_back(name);
+        }
+        if (dir != nullptr) closedir(dir);
+        return pids;
+    }
 
 private:
+    // The full path of `rel`, its parent directories made.
+    std::string Parents(const std::string& rel) const {
+        const std::string path = root_ + "/" + rel;
+        for (size_t slash = path.find('/', 1); slash != std::string::npos;
+             slash = path.find('/', slash + 1)) {
+            (void)mkdir(path.substr(0, slash).c_str(), 0755);
+        }
+        return path;
+    }
+
     std::string root_;
 };
 
@@ -39,22 +75,32 @@ struct ChildRun {
 // Exit code of a child that could not mount the tree over /proc.
 constexpr int kChildCannotMount = 77;
 
-// Runs `body` in a forked child. With a non-empty `procRoot` that tree is
-// bind-mounted over /proc first, in the child's own mount namespace.
-ChildRun RunInChild(const std::string& procRoot, const std::function<std::string()>& body);
-
-template <typename T>
-std::string AsBytes(const T& value) {
-    return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
-}
-
-// The `index`-th T of `bytes`; zero-filled when `bytes` is too short.
-template <typename T>
-T FromBytes(const std::string& bytes, size_t index = 0) {
-    T value;
-    memset(&value, 0, sizeof(value));
-    if (bytes.size() >= (index + 1) * sizeof(T)) {
-        memcpy(&value, bytes.data() + index * sizeof(T), sizeof(T));
+// Runs `body` in a forked child, with `procRoot` (when not empty) bind-mounted
+// over /proc in the child's own mount namespace.
+inline ChildRun RunInChild(const std::string& procRoot, const std::function<std::string()>& body) {
+    const int outFd = memfd_create("quor_child_out", MFD_CLOEXEC);
+    const int logFd = memfd_create("quor_child_log", MFD_CLOEXEC);
+    const pid_t child = outFd < 0 || logFd < 0 ? -1 : fork();
+    if (child == 0) {
+        (void)dup2(logFd, STDERR_FILENO);
+        if (!procRoot.empty() &&
+            (unshare(CLONE_NEWNS) != 0 ||
+             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+             mount(procRoot.c_str(), "/proc", nullptr, MS_BIND, nullptr) != 0)) {
+            _exit(kChildCannotMount);
+        }
+        const std::string out = body();
+        _exit(write(outFd, out.data(), out.size()) == static_cast<ssize_t>(out.size()) ? 0 : 1);
     }
-    return value;
+    ChildRun run;
+    int status = 0;
+    if (child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status)) {
+        run.exitCode = WEXITSTATUS(status);
+    }
+    for (auto [fd, text] : {std::make_pair(outFd, &run.out), std::make_pair(logFd, &run.log)}) {
+        char buf[4096];
+        for (ssize_t n; (n = pread(fd, buf, sizeof(buf), text->size())) > 0;) text->append(buf, n);
+        (void)close(fd);
+    }
+    return run;
 }

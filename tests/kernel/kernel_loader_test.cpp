@@ -1,6 +1,5 @@
-// The loader against the real kernel, in the test's private bpffs: the pin
-// names, reuse of pinned maps across loads, replacement of a map whose shape
-// changed, unloading, and mounting bpffs when it is absent.
+// The loader against the real kernel in the private bpffs: pin names, map
+// reuse and replacement, unloading, mounting bpffs when it is absent.
 #include <bpf/bpf.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -21,40 +20,43 @@ using Quor::Bpf::QuorBpfLoadReport;
 
 namespace {
 
-constexpr const char* kDir = "/sys/fs/bpf/quor/";
+const std::string kDir = "/sys/fs/bpf/quor/";
+const std::string kFdMap = "map_QuorBpfDefineset_open_fd_caller_map";
 
-const std::set<std::string> kExpectedPins = {
-    "map_QuorBpfDefineset_ringbuf_map",
-    "map_QuorBpfDefineset_ringbuf_status",
-    "map_QuorBpfDefineset_open_fd_caller_map",
-    "map_QuorBpfDefineset_rss_state_map",
-    "prog_QuorBpfDefineset_tracepoint_sched_sched_switch",
-    "prog_QuorBpfDefineset_tracepoint_sched_sched_process_exit",
-    "prog_QuorBpfDefineset_tracepoint_sched_sched_process_fork",
-    "prog_QuorBpfDefineset_tracepoint_kmem_rss_stat",
-    "prog_QuorBpfDefineset_kprobe_enter_fd_install",
-    "map_QuorBpfGplDefineset_ringbuf_map",
-    "map_QuorBpfGplDefineset_ringbuf_status",
-    "map_QuorBpfGplDefineset_dmabuf_allocate_map",
-    "map_QuorBpfGplDefineset_dmabuf_size_map",
-    "map_QuorBpfGplDefineset_dmabuf_perprocess_size_map",
-    "map_QuorBpfGplDefineset_process_inode_map",
-    "map_QuorBpfGplDefineset_process_mmap_infos",
-    "prog_QuorBpfGplDefineset_tracepoint_sched_sched_process_exit",
-    "prog_QuorBpfGplDefineset_tracepoint_cgroup_cgroup_attach_task",
-    "prog_QuorBpfGplDefineset_kprobe_dma_buf_file_release",
-    "prog_QuorBpfGplDefineset_kprobe_dma_buf_stats_setup",
-};
+// The names the service opens, written out here rather than taken from the loader.
+std::set<std::string> ExpectedPins() {
+    std::set<std::string> pins;
+    const auto add = [&pins](const std::string& prefix, std::initializer_list<const char*> names) {
+        for (const char* name : names) pins.insert(prefix + name);
+    };
+    add("map_QuorBpfDefineset_",
+        {"ringbuf_map", "ringbuf_status", "open_fd_caller_map", "rss_state_map"});
+    add("prog_QuorBpfDefineset_",
+        {"tracepoint_sched_sched_switch", "tracepoint_sched_sched_process_exit",
+         "tracepoint_sched_sched_process_fork", "tracepoint_kmem_rss_stat",
+         "kprobe_enter_fd_install"});
+    add("map_QuorBpfGplDefineset_",
+        {"ringbuf_map", "ringbuf_status", "dmabuf_allocate_map", "dmabuf_size_map",
+         "dmabuf_perprocess_size_map", "process_inode_map", "process_mmap_infos"});
+    add("prog_QuorBpfGplDefineset_",
+        {"tracepoint_sched_sched_process_exit", "tracepoint_cgroup_cgroup_attach_task",
+         "kprobe_dma_buf_file_release", "kprobe_dma_buf_stats_setup"});
+    return pins;
+}
 
 std::set<std::string> Listing(const std::string& dir) {
     std::set<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return names;
-    while (dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') names.insert(e->d_name);
+    if (DIR* d = opendir(dir.c_str())) {
+        while (const dirent* e = readdir(d)) {
+            if (e->d_name[0] != '.') names.insert(e->d_name);
+        }
+        closedir(d);
     }
-    closedir(d);
     return names;
+}
+
+bool Contains(const std::vector<std::string>& list, const std::string& item) {
+    return std::find(list.begin(), list.end(), item) != list.end();
 }
 
 class LoaderTest : public ::testing::Test {
@@ -62,73 +64,67 @@ protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root to load BPF programmes";
         if (access("/sys/kernel/btf/vmlinux", F_OK) != 0) GTEST_SKIP() << "the kernel has no BTF";
-        QuorBpfLoadReport report;
-        (void)QuorBpfLoader::Unload(kDir, &report);
+        TearDown();
     }
-    void TearDown() override {
-        QuorBpfLoadReport report;
-        (void)QuorBpfLoader::Unload(kDir, &report);
+    void TearDown() override { (void)QuorBpfLoader::Unload(kDir, &report_); }
+    int Load() { return QuorBpfLoader::Load(QuorBpfLoader::Options(), &(report_ = {})); }
+    // Pins a fresh map named `name` into the directory.
+    static void PinMap(bpf_map_type type, uint32_t valueSize, const std::string& name) {
+        ASSERT_TRUE(mkdir(kDir.c_str(), 0755) == 0 || errno == EEXIST);
+        const int fd = bpf_map_create(type, "test", 4, valueSize, 16, nullptr);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(bpf_obj_pin(fd, (kDir + name).c_str()), 0);
+        close(fd);
     }
+
+    QuorBpfLoadReport report_;
 };
 
 TEST_F(LoaderTest, PinsExactlyTheNamesTheServiceOpens) {
-    QuorBpfLoadReport report;
-    ASSERT_EQ(QuorBpfLoader::Load(QuorBpfLoader::Options(), &report), 0);
-    EXPECT_EQ(Listing(kDir), kExpectedPins);
-    EXPECT_EQ(std::set<std::string>(report.pinned.begin(), report.pinned.end()), kExpectedPins);
-    EXPECT_TRUE(report.failures.empty());
+    ASSERT_EQ(Load(), 0);
+    const std::set<std::string> expected = ExpectedPins();
+    EXPECT_EQ(Listing(kDir), expected);
+    EXPECT_EQ(std::set<std::string>(report_.pinned.begin(), report_.pinned.end()), expected);
+    EXPECT_TRUE(report_.failures.empty());
     const auto names = QuorBpfLoader::PinNames();
-    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), kExpectedPins);
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), expected);
 
     QuorBpfLoadReport unload;
     EXPECT_EQ(QuorBpfLoader::Unload(kDir, &unload), 0);
-    EXPECT_EQ(unload.removed.size(), kExpectedPins.size());
-    EXPECT_NE(access(kDir, F_OK), 0) << "the emptied directory is removed";
+    EXPECT_EQ(unload.removed.size(), expected.size());
+    EXPECT_NE(access(kDir.c_str(), F_OK), 0) << "the emptied directory is removed";
 }
 
 TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContents) {
-    QuorBpfLoadReport first;
-    ASSERT_EQ(QuorBpfLoader::Load(QuorBpfLoader::Options(), &first), 0);
-    const std::string mapPath = std::string(kDir) + "map_QuorBpfDefineset_open_fd_caller_map";
-    int fd = bpf_obj_get(mapPath.c_str());
+    ASSERT_EQ(Load(), 0);
+    int fd = bpf_obj_get((kDir + kFdMap).c_str());
     ASSERT_GE(fd, 0);
     const int32_t key = 4242;
     quor_open_fd_value value = {};
-    value.pid = key;
     value.open_fds = 7;
     ASSERT_EQ(bpf_map_update_elem(fd, &key, &value, BPF_ANY), 0);
     close(fd);
 
-    QuorBpfLoadReport second;
-    ASSERT_EQ(QuorBpfLoader::Load(QuorBpfLoader::Options(), &second), 0);
+    ASSERT_EQ(Load(), 0);
     // Every map is reused; only the programmes are pinned again.
-    const size_t maps =
-        std::count_if(kExpectedPins.begin(), kExpectedPins.end(),
-                      [](const std::string& pin) { return pin.rfind("map_", 0) == 0; });
-    EXPECT_EQ(second.reused.size(), maps);
-    EXPECT_EQ(second.pinned.size(), kExpectedPins.size() - maps);
-    fd = bpf_obj_get(mapPath.c_str());
+    const std::set<std::string> pins = ExpectedPins();
+    const size_t maps = std::count_if(pins.begin(), pins.end(),
+                                      [](const std::string& pin) { return pin[0] == 'm'; });
+    EXPECT_EQ(report_.reused.size(), maps);
+    EXPECT_EQ(report_.pinned.size(), pins.size() - maps);
+    fd = bpf_obj_get((kDir + kFdMap).c_str());
     ASSERT_GE(fd, 0);
-    quor_open_fd_value read = {};
-    EXPECT_EQ(bpf_map_lookup_elem(fd, &key, &read), 0);
-    EXPECT_EQ(read.open_fds, 7u);
+    value = {};
+    EXPECT_EQ(bpf_map_lookup_elem(fd, &key, &value), 0);
+    EXPECT_EQ(value.open_fds, 7u);
     close(fd);
 }
 
 TEST_F(LoaderTest, PinnedMapOfAnotherShapeIsReplaced) {
-    ASSERT_EQ(mkdir(kDir, 0755) == 0 || errno == EEXIST, true);
-    const int stale = bpf_map_create(BPF_MAP_TYPE_HASH, "stale", 4, 8, 16, nullptr);
-    ASSERT_GE(stale, 0);
-    const std::string path = std::string(kDir) + "map_QuorBpfDefineset_open_fd_caller_map";
-    ASSERT_EQ(bpf_obj_pin(stale, path.c_str()), 0);
-    close(stale);
-
-    QuorBpfLoadReport report;
-    ASSERT_EQ(QuorBpfLoader::Load(QuorBpfLoader::Options(), &report), 0);
-    EXPECT_NE(std::find(report.removed.begin(), report.removed.end(),
-                        "map_QuorBpfDefineset_open_fd_caller_map"),
-              report.removed.end());
-    const int fd = bpf_obj_get(path.c_str());
+    PinMap(BPF_MAP_TYPE_HASH, 8, kFdMap);
+    ASSERT_EQ(Load(), 0);
+    EXPECT_TRUE(Contains(report_.removed, kFdMap));
+    const int fd = bpf_obj_get((kDir + kFdMap).c_str());
     ASSERT_GE(fd, 0);
     bpf_map_info info = {};
     __u32 len = sizeof(info);
@@ -138,18 +134,11 @@ TEST_F(LoaderTest, PinnedMapOfAnotherShapeIsReplaced) {
 }
 
 TEST_F(LoaderTest, UnloadLeavesForeignPinsAndTheirDirectory) {
-    QuorBpfLoadReport report;
-    ASSERT_EQ(QuorBpfLoader::Load(QuorBpfLoader::Options(), &report), 0);
-    const int other = bpf_map_create(BPF_MAP_TYPE_ARRAY, "other", 4, 8, 1, nullptr);
-    ASSERT_GE(other, 0);
-    const std::string foreign = std::string(kDir) + "map_Other_thing";
-    ASSERT_EQ(bpf_obj_pin(other, foreign.c_str()), 0);
-    close(other);
-
-    QuorBpfLoadReport unload;
-    EXPECT_EQ(QuorBpfLoader::Unload(kDir, &unload), 0);
+    ASSERT_EQ(Load(), 0);
+    PinMap(BPF_MAP_TYPE_ARRAY, 8, "map_Other_thing");
+    EXPECT_EQ(QuorBpfLoader::Unload(kDir, &report_), 0);
     EXPECT_EQ(Listing(kDir), std::set<std::string>{"map_Other_thing"});
-    EXPECT_EQ(unlink(foreign.c_str()), 0);
+    EXPECT_EQ(unlink((kDir + "map_Other_thing").c_str()), 0);
 }
 
 TEST_F(LoaderTest, MountsBpffsWhenAbsent) {
@@ -158,14 +147,11 @@ TEST_F(LoaderTest, MountsBpffsWhenAbsent) {
     struct statfs fs = {};
     ASSERT_EQ(statfs("/sys/fs/bpf", &fs), 0);
     ASSERT_NE(static_cast<long>(fs.f_type), static_cast<long>(BPF_FS_MAGIC));
-
-    QuorBpfLoadReport report;
-    ASSERT_EQ(QuorBpfLoader::Load(QuorBpfLoader::Options(), &report), 0);
+    ASSERT_EQ(Load(), 0);
     ASSERT_EQ(statfs("/sys/fs/bpf", &fs), 0);
     EXPECT_EQ(static_cast<long>(fs.f_type), static_cast<long>(BPF_FS_MAGIC));
-    EXPECT_NE(std::find(report.notes.begin(), report.notes.end(), "mounted bpffs on /sys/fs/bpf"),
-              report.notes.end());
-    EXPECT_EQ(Listing(kDir), kExpectedPins);
+    EXPECT_TRUE(Contains(report_.notes, "mounted bpffs on /sys/fs/bpf"));
+    EXPECT_EQ(Listing(kDir), ExpectedPins());
 }
 
 }  // namespace

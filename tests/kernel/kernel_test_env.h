@@ -1,19 +1,23 @@
 // Helpers for tests that load the programme sets into the (private) bpffs of
 // an isolated test: what the running kernel offers, the status word, and a
-// ring-buffer reader that collects the records of chosen processes.
+// ring-buffer reader that keeps the records of chosen processes.
 #pragma once
 
+#include <android-base/properties.h>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "quor/quor_bpf_records.h"
+#include "tools/loader/quor_bpf_loader.h"
 
 namespace quor_test {
 
@@ -31,6 +35,28 @@ inline bool TracepointExists(const std::string& subsystem, const std::string& ev
     return PathExists("/sys/kernel/tracing/events/" + subsystem + "/" + event);
 }
 
+inline void KernelVersion(int* major, int* minor) {
+    utsname name = {};
+    (void)uname(&name);
+    (void)sscanf(name.release, "%d.%d", major, minor);
+}
+
+// Loads both programme sets into the private bpffs and gives the service's
+// compatibility rules the running kernel's version; "" or why to skip.
+inline std::string LoadProgrammeSets() {
+    if (geteuid() != 0) return "needs root to load BPF programmes";
+    if (!PathExists("/sys/kernel/btf/vmlinux")) return "the kernel has no BTF";
+    int major = 0, minor = 0;
+    KernelVersion(&major, &minor);
+    android::base::SetProperty("ro.kernel.version",
+                               std::to_string(major) + "." + std::to_string(minor));
+    Quor::Bpf::QuorBpfLoadReport report;
+    if (Quor::Bpf::QuorBpfLoader::Load(Quor::Bpf::QuorBpfLoader::Options(), &report) == 0)
+        return "";
+    for (const auto& line : report.Lines()) fprintf(stderr, "%s\n", line.c_str());
+    return "the programme sets did not load";
+}
+
 inline uint64_t StatusGet(int statusFd, uint32_t key) {
     uint64_t value = 0;
     (void)bpf_map_lookup_elem(statusFd, &key, &value);
@@ -41,20 +67,26 @@ inline bool StatusSet(int statusFd, uint32_t key, uint64_t value) {
     return bpf_map_update_elem(statusFd, &key, &value, BPF_ANY) == 0;
 }
 
-// Collects every record of a pinned ring buffer as raw bytes.
+template <typename T>
+T As(const std::string& bytes) {
+    T value{};
+    memcpy(&value, bytes.data(), std::min(sizeof(T), bytes.size()));
+    return value;
+}
+
+// Collects the records of a pinned ring buffer that `keep` accepts (all when
+// unset); others are dropped as they arrive so that a busy machine does not
+// fill memory.
 class RingReader {
 public:
-    explicit RingReader(const std::string& pinPath) {
-        fd_ = bpf_obj_get(pinPath.c_str());
+    explicit RingReader(const std::string& pinPath) : fd_(bpf_obj_get(pinPath.c_str())) {
         if (fd_ >= 0) rb_ = ring_buffer__new(fd_, &RingReader::OnRecord, this, nullptr);
     }
     ~RingReader() {
-        if (rb_ != nullptr) ring_buffer__free(rb_);
+        ring_buffer__free(rb_);
         if (fd_ >= 0) close(fd_);
     }
     bool ok() const { return rb_ != nullptr; }
-
-    // Drains what is there now.
     void Drain() { (void)ring_buffer__consume(rb_); }
 
     // Polls until `done` holds or the deadline passes; returns `done()`.
@@ -67,61 +99,19 @@ public:
         return true;
     }
 
-    // Records whose payload matches `keep` (type, bytes); others are dropped
-    // as they arrive so that a busy machine does not fill memory.
-    void Keep(std::function<bool(uint32_t, const std::string&)> keep) { keep_ = std::move(keep); }
-    std::vector<std::string>& records() { return records_; }
+    std::function<bool(const std::string&)> keep;
+    std::vector<std::string> records;
 
 private:
     static int OnRecord(void* ctx, void* data, size_t size) {
         auto* self = static_cast<RingReader*>(ctx);
         std::string bytes(static_cast<const char*>(data), size);
-        uint32_t type = 0;
-        if (size >= sizeof(type)) memcpy(&type, data, sizeof(type));
-        if (!self->keep_ || self->keep_(type, bytes)) self->records_.push_back(std::move(bytes));
+        if (!self->keep || self->keep(bytes)) self->records.push_back(std::move(bytes));
         return 0;
     }
 
     int fd_ = -1;
     ring_buffer* rb_ = nullptr;
-    std::function<bool(uint32_t, const std::string&)> keep_;
-    std::vector<std::string> records_;
 };
-
-// The pid a record is about, for the record types that carry one.
-inline int RecordPid(const std::string& bytes) {
-    uint32_t type = 0;
-    memcpy(&type, bytes.data(), sizeof(type));
-    auto field = [&](size_t offset) {
-        int32_t v = -1;
-        if (bytes.size() >= offset + 4) memcpy(&v, bytes.data() + offset, 4);
-        return v;
-    };
-    switch (type) {
-        case QUOR_EVENT_TASK_CREATE:
-            return field(offsetof(quor_fork_record, pid));
-        case QUOR_EVENT_TASK_EXIT:
-            return field(offsetof(quor_exit_record, pid));
-        case QUOR_EVENT_RSS_STAT:
-            return field(offsetof(quor_rss_record, pid));
-        case QUOR_EVENT_CGROUP_ATTACH:
-            return field(offsetof(quor_cgroup_attach_record, pid));
-        case QUOR_EVENT_FD_UPDATE:
-            return field(offsetof(quor_fd_update_record, pid));
-        case QUOR_EVENT_DMABUF_SIZE:
-            return field(offsetof(quor_dmabuf_size_record, pid));
-        case QUOR_EVENT_DMABUF_UPDATE:
-            return field(offsetof(quor_dmabuf_update_record, pid));
-        default:
-            return -1;
-    }
-}
-
-template <typename T>
-T As(const std::string& bytes) {
-    T value{};
-    memcpy(&value, bytes.data(), std::min(sizeof(T), bytes.size()));
-    return value;
-}
 
 }  // namespace quor_test

@@ -1,10 +1,11 @@
-// quorbpfctl against the real daemon, in private namespaces: the task table
-// and statistics fetched by signal, the chart, `watch --json` parsed back by
-// python's json module, and watch following the service across a restart.
+// quorbpfctl against the real daemon in private namespaces: tasks, stats,
+// `watch --json` read back by python, exit codes, watch across a restart.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <memory>
 #include <string>
 
 #include "tests/tools/ctl_test_support.h"
@@ -15,37 +16,28 @@ namespace {
 
 const std::string kCtl = QUORBPFCTL_PATH;
 
+size_t CountLines(const std::string& text) {
+    return std::count(text.begin(), text.end(), '\n');
+}
+
 class CtlDaemonTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        dir_ = new std::string(TempDir());
-        daemon_ = new Daemon(*dir_);
+        daemon_ = std::make_unique<Daemon>(dir_);
         started_ = daemon_->Start();
     }
-    static void TearDownTestSuite() {
-        delete daemon_;
-        delete dir_;
-    }
+    static void TearDownTestSuite() { daemon_.reset(); }
     void SetUp() override {
         if (!started_) GTEST_SKIP() << "the daemon did not start here:\n" << daemon_->Log();
     }
-    std::string Ctl(const std::string& args) const {
+    static std::string Ctl(const std::string& args) {
         return kCtl + " " + args + " --pid-file " + daemon_->PidFile();
     }
 
-    static std::string* dir_;
-    static Daemon* daemon_;
-    static bool started_;
+    static inline const std::string dir_ = TempDir();
+    static inline std::unique_ptr<Daemon> daemon_;
+    static inline bool started_ = false;
 };
-std::string* CtlDaemonTest::dir_ = nullptr;
-Daemon* CtlDaemonTest::daemon_ = nullptr;
-bool CtlDaemonTest::started_ = false;
-
-size_t CountLines(const std::string& text) {
-    size_t lines = 0;
-    for (const char c : text) lines += c == '\n';
-    return lines;
-}
 
 TEST_F(CtlDaemonTest, TasksPrintsTheWholeTableWithThisProcess) {
     const Output full = Shell(Ctl("tasks"));
@@ -69,34 +61,26 @@ TEST_F(CtlDaemonTest, TasksPrintsTheWholeTableWithThisProcess) {
 }
 
 TEST_F(CtlDaemonTest, StatsSummarisesAndPlots) {
-    const std::string svg = *dir_ + "/rates.svg";
+    const std::string svg = dir_ + "/rates.svg";
     const Output stats = Shell(Ctl("stats --plot " + svg));
     ASSERT_EQ(stats.code, 0) << stats.err;
-    EXPECT_NE(stats.out.find("event statistics:"), std::string::npos) << stats.out;
-    EXPECT_NE(stats.out.find("sched_task_create"), std::string::npos);
-    EXPECT_NE(stats.out.find("ring-buffer polls"), std::string::npos);
+    for (const char* text : {"event statistics:", "sched_task_create", "ring-buffer polls"}) {
+        EXPECT_NE(stats.out.find(text), std::string::npos) << stats.out;
+    }
     EXPECT_NE(stats.out.find("chart written to " + svg), std::string::npos);
-    if (Shell("python3 -c pass").code != 0) GTEST_SKIP() << "python3 is missing";
-    // The daemon seeded its registry: at least quor_task_init has data.
-    const Output parsed = Shell(
-        "python3 -c \"import sys, xml.etree.ElementTree as E; "
-        "r = E.parse(sys.argv[1]).getroot(); "
-        "n = len(r.findall('{http://www.w3.org/2000/svg}polyline')); "
-        "assert n >= 1, n\" " +
-        svg);
-    EXPECT_EQ(parsed.code, 0) << parsed.err;
+    // The daemon seeded its registry: at least quor_task_init has data (the
+    // chart itself is checked with an XML parser in ctl_files_test).
+    EXPECT_NE(ReadFile(svg).find("<polyline"), std::string::npos);
 }
 
 TEST_F(CtlDaemonTest, WatchJsonIsValidForHostileNames) {
-    const std::string out = *dir_ + "/watch.jsonl";
-    // Exits of children named with bytes that JSON must escape; the name is
-    // set after the fork, so only exit records carry it.
+    const std::string out = dir_ + "/watch.jsonl";
+    // The name is set after the fork, so only exit records carry it.
     const pid_t watch = Spawn(Ctl("watch sched_task_create sched_task_exit task_new task_exit "
                                   "--json --count 4 --timeout 10 --comm qtest") +
                               " >" + out + " 2>" + out + ".err");
     ASSERT_TRUE(WaitFor(
         [&] {
-            // Children keep coming until watch has printed its events.
             const pid_t child = fork();
             if (child == 0) {
                 prctl(PR_SET_NAME, "qtest\"\\\x01\xff", 0, 0, 0);
@@ -123,21 +107,23 @@ TEST_F(CtlDaemonTest, WatchJsonIsValidForHostileNames) {
 }
 
 TEST_F(CtlDaemonTest, ErrorsHaveTheirExitCodes) {
-    EXPECT_EQ(Shell(kCtl + " watch no_such_type").code, 2);
-    EXPECT_EQ(Shell(kCtl + " tasks --daemon-pid abc").code, 2);
-    const Output gone = Shell(kCtl + " tasks --daemon-pid 4194303");
-    EXPECT_EQ(gone.code, 3) << gone.err;
+    const std::pair<const char*, int> cases[] = {
+        {" watch no_such_type", 2},
+        {" tasks --daemon-pid abc", 2},
+        {" tasks --daemon-pid 4194303", 3},
+        {" top </dev/null", 6},
+    };
+    for (const auto& [args, code] : cases) EXPECT_EQ(Shell(kCtl + args).code, code) << args;
     const Output noSocket = Shell(kCtl + " watch --socket /no/such/socket --timeout 1");
     EXPECT_EQ(noSocket.code, 3);
     EXPECT_NE(noSocket.err.find("the service is not running"), std::string::npos) << noSocket.err;
-    EXPECT_EQ(Shell(kCtl + " top </dev/null").code, 6);
     // A process that never answers: the dump times out.
     const pid_t silent = fork();
     if (silent == 0) {
         signal(51, [](int) {});
         for (;;) pause();
     }
-    const Output timeout = Shell(kCtl + " tasks --timeout 1 --dir " + *dir_ + " --daemon-pid " +
+    const Output timeout = Shell(kCtl + " tasks --timeout 1 --dir " + dir_ + " --daemon-pid " +
                                  std::to_string(silent));
     EXPECT_EQ(timeout.code, 5) << timeout.err;
     kill(silent, SIGKILL);
@@ -146,29 +132,23 @@ TEST_F(CtlDaemonTest, ErrorsHaveTheirExitCodes) {
 
 // Last: restarts the daemon.
 TEST_F(CtlDaemonTest, WatchFollowsTheServiceAcrossARestart) {
-    const std::string out = *dir_ + "/restart.txt";
+    const std::string out = dir_ + "/restart.txt";
     const pid_t watch =
         Spawn(kCtl + " watch sched_task_create --timeout 10 >" + out + " 2>" + out + ".err");
     const auto newEvents = [&](size_t after) {
-        return WaitFor(
-            [&] {
-                (void)Shell("true");  // a fork to report
-                return ReadFile(out).size() > after;
-            },
-            15000);
+        // Each poll forks a shell: an event to report.
+        return WaitFor([&] { return Shell("true").code == 0 && ReadFile(out).size() > after; },
+                       15000);
+    };
+    const auto errSays = [&](const char* text, int ms) {
+        return WaitFor([&] { return ReadFile(out + ".err").find(text) != std::string::npos; }, ms);
     };
     ASSERT_TRUE(newEvents(0)) << "no event before the restart";
     ASSERT_EQ(daemon_->Stop(), 0);
-    ASSERT_TRUE(WaitFor(
-        [&] { return ReadFile(out + ".err").find("lost the connection") != std::string::npos; },
-        10000))
-        << ReadFile(out + ".err");
+    ASSERT_TRUE(errSays("lost the connection", 10000)) << ReadFile(out + ".err");
     ASSERT_TRUE(daemon_->Start()) << daemon_->Log();
-    ASSERT_TRUE(WaitFor(
-        [&] { return ReadFile(out + ".err").find("reconnected") != std::string::npos; }, 15000))
-        << ReadFile(out + ".err");
-    // Events flow again: the subscription was renewed.
-    EXPECT_TRUE(newEvents(ReadFile(out).size()));
+    ASSERT_TRUE(errSays("reconnected", 15000)) << ReadFile(out + ".err");
+    EXPECT_TRUE(newEvents(ReadFile(out).size())) << "the subscription was renewed";
     kill(watch, SIGINT);
     EXPECT_EQ(Reap(watch), 0) << "Ctrl-C ends watch with success";
 }

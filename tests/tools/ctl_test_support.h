@@ -1,6 +1,5 @@
-// Helpers for the tests that run quorbpfctl and quorbpfd as programs: run a
-// shell command and collect its output and exit code, start the daemon with
-// a private pid file and wait for its socket, poll a condition.
+// Running quorbpfctl and quorbpfd as programs: shell commands with their
+// output and exit code, the daemon with a private pid file, polling a condition.
 #pragma once
 
 #include <signal.h>
@@ -8,7 +7,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -25,16 +23,18 @@ struct Output {
 };
 
 inline std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
 
 inline std::string TempDir() {
     char pattern[] = "/tmp/quorbpfctl_it.XXXXXX";
-    const char* dir = mkdtemp(pattern);
-    return dir == nullptr ? "/tmp" : dir;
+    return mkdtemp(pattern) == nullptr ? "/tmp" : pattern;
+}
+
+inline int ExitCode(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // Runs `command` with sh; stdout and stderr are collected separately.
@@ -42,10 +42,8 @@ inline Output Shell(const std::string& command) {
     static int serial = 0;
     const std::string base =
         "/tmp/quorbpfctl_run." + std::to_string(getpid()) + "." + std::to_string(serial++);
-    const std::string full = command + " >" + base + ".out 2>" + base + ".err";
     Output output;
-    const int status = system(full.c_str());
-    output.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    output.code = ExitCode(system((command + " >" + base + ".out 2>" + base + ".err").c_str()));
     output.out = ReadFile(base + ".out");
     output.err = ReadFile(base + ".err");
     (void)remove((base + ".out").c_str());
@@ -53,8 +51,7 @@ inline Output Shell(const std::string& command) {
     return output;
 }
 
-// Starts `command` with sh in the background; its pid (sh execs the last
-// command, so the pid is the command's own).
+// Starts `command` in the background; sh execs it, so the pid is the command's own.
 inline pid_t Spawn(const std::string& command) {
     const pid_t pid = fork();
     if (pid == 0) {
@@ -66,17 +63,16 @@ inline pid_t Spawn(const std::string& command) {
 
 inline int Reap(pid_t pid) {
     int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return waitpid(pid, &status, 0) == pid ? ExitCode(status) : -1;
 }
 
 inline bool WaitFor(const std::function<bool()>& condition, int timeoutMs) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    return condition();
+    return true;
 }
 
 // The real daemon, in the test's private namespaces, with its own pid file.
@@ -84,41 +80,30 @@ class Daemon {
 public:
     explicit Daemon(std::string dir) : dir_(std::move(dir)) {}
     ~Daemon() { Stop(); }
-
     std::string PidFile() const { return dir_ + "/quorbpfd.pid"; }
-    pid_t Pid() const { return pid_; }
+    std::string Log() const { return ReadFile(dir_ + "/quorbpfd.log"); }
 
-    // True once the service answers on its socket.
+    // True once `watch --count 1` sees an event: the socket and subscriptions work.
     bool Start() {
         pid_ = fork();
         if (pid_ == 0) {
-            const std::string log = dir_ + "/quorbpfd.log";
-            freopen(log.c_str(), "a", stderr);
-            freopen("/dev/null", "w", stdout);
+            (void)freopen((dir_ + "/quorbpfd.log").c_str(), "a", stderr);
+            (void)freopen("/dev/null", "w", stdout);
             execl(QUORBPFD_PATH, "quorbpfd", "--pid-file", PidFile().c_str(), nullptr);
             _exit(127);
         }
-        // `watch --count 1` ends after one event of any type, which proves
-        // the socket and the subscriptions work.
-        return WaitFor(
-            [&] {
-                return Shell(std::string(QUORBPFCTL_PATH) + " watch --count 1 --timeout 1").code ==
-                       0;
-            },
-            60000);
+        const std::string watch = std::string(QUORBPFCTL_PATH) + " watch --count 1 --timeout 1";
+        return WaitFor([&] { return Shell(watch).code == 0; }, 60000);
     }
 
     // SIGTERM and wait; the exit status.
     int Stop() {
         if (pid_ <= 0) return -1;
         kill(pid_, SIGTERM);
-        int status = 0;
-        waitpid(pid_, &status, 0);
+        const int code = Reap(pid_);
         pid_ = 0;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return code;
     }
-
-    std::string Log() const { return ReadFile(dir_ + "/quorbpfd.log"); }
 
 private:
     std::string dir_;

@@ -4,8 +4,12 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstring>
+#include <regex>
+#include <sstream>
 #include <string>
+#include <tuple>
 
 #include "quor/quor_bpf_records.h"
 #include "tools/quorbpfctl/top_model.h"
@@ -35,21 +39,20 @@ quor_rss_record Rss(int32_t pid, int32_t member, int64_t bytes) {
     return r;
 }
 
+TaskRow Task(const std::string& comm, int32_t pid, int64_t anonKb, int64_t fileKb = 0) {
+    TaskRow row;
+    row.comm = comm;
+    row.pid = pid;
+    row.anonKb = anonKb;
+    row.fileKb = fileKb;
+    return row;
+}
+
+// A kernel task has all sizes zero and is not shown.
 TaskDump Baseline() {
     TaskDump dump;
-    TaskRow a;
-    a.comm = "editor";
-    a.pid = 10;
-    a.anonKb = 100 * 1024;
-    a.fileKb = 20 * 1024;
-    TaskRow b;
-    b.comm = "shell";
-    b.pid = 11;
-    b.anonKb = 2 * 1024;
-    TaskRow kernel;  // all sizes zero: a kernel task, not shown
-    kernel.comm = "kworker/0:0";
-    kernel.pid = 12;
-    dump.rows = {a, b, kernel};
+    dump.rows = {Task("editor", 10, 100 * 1024, 20 * 1024), Task("shell", 11, 2 * 1024),
+                 Task("kworker/0:0", 12, 0)};
     return dump;
 }
 
@@ -58,9 +61,8 @@ TEST(TopModelTest, BaselineThenCountersThenExit) {
     model.LoadBaseline(Baseline(), kStartMs);
     TopSnapshot snap = model.Snapshot(kStartMs, 10, 5);
     ASSERT_EQ(snap.processes, 2u);
-    EXPECT_EQ(snap.rows[0].comm, "editor");
-    EXPECT_EQ(snap.rows[0].rss, 120 * kMiB);
-    EXPECT_EQ(snap.rows[0].sinceStart, 0);
+    EXPECT_EQ(std::tie(snap.rows[0].comm, snap.rows[0].rss, snap.rows[0].sinceStart),
+              std::make_tuple("editor", 120 * kMiB, 0));
 
     // The shell grows past the editor; one counter at a time.
     Feed(&model, Rss(11, QUOR_RSS_ANON, 150 * kMiB), kStartMs + 1000);
@@ -68,24 +70,21 @@ TEST(TopModelTest, BaselineThenCountersThenExit) {
     Feed(&model, Rss(11, QUOR_RSS_SWAP, 99 * kMiB), kStartMs + 1000);  // not resident
     snap = model.Snapshot(kStartMs + 2000, 10, 5);
     ASSERT_EQ(snap.rows.size(), 2u);
-    EXPECT_EQ(snap.rows[0].pid, 11);
-    EXPECT_EQ(snap.rows[0].rss, 160 * kMiB);
-    EXPECT_EQ(snap.rows[0].swap, 99 * kMiB);
-    EXPECT_EQ(snap.rows[0].recentChange, 158 * kMiB);
-    EXPECT_EQ(snap.rows[0].sinceStart, 158 * kMiB);
-    EXPECT_FALSE(snap.rows[0].isNew);
+    const TopRow& shell = snap.rows[0];
+    EXPECT_EQ(std::tie(shell.pid, shell.rss, shell.swap, shell.recentChange, shell.sinceStart,
+                       shell.isNew),
+              std::make_tuple(11, 160 * kMiB, 99 * kMiB, 158 * kMiB, 158 * kMiB, false));
     // Ten seconds later the change is no longer recent, but still since start.
     snap = model.Snapshot(kStartMs + 12000, 10, 5);
-    EXPECT_EQ(snap.rows[0].recentChange, 0);
-    EXPECT_EQ(snap.rows[0].sinceStart, 158 * kMiB);
+    EXPECT_EQ(std::tie(snap.rows[0].recentChange, snap.rows[0].sinceStart),
+              std::make_tuple(0, 158 * kMiB));
 
     // A new process named by procfs, then named by the service.
     Feed(&model, Rss(20, QUOR_RSS_ANON, 500 * kMiB), kStartMs + 13000);
     snap = model.Snapshot(kStartMs + 13000, 1, 5);
     ASSERT_EQ(snap.rows.size(), 1u);
-    EXPECT_EQ(snap.rows[0].comm, "proc20");
-    EXPECT_TRUE(snap.rows[0].isNew);
-    EXPECT_EQ(snap.rows[0].recentChange, 500 * kMiB);
+    EXPECT_EQ(std::tie(snap.rows[0].comm, snap.rows[0].isNew, snap.rows[0].recentChange),
+              std::make_tuple("proc20", true, 500 * kMiB));
 
     quor_task_exit_event exit = {};
     exit.id = QUOR_SERVICE_TASK_EXIT;
@@ -132,8 +131,8 @@ TEST(TopModelTest, ServiceEventsNameProcessesAndListLargeChanges) {
 
     const TopSnapshot snap = model.Snapshot(kStartMs + 1000, 5, 5);
     ASSERT_EQ(snap.rows.size(), 1u);
-    EXPECT_EQ(snap.rows[0].comm, "worker");
-    EXPECT_EQ(snap.rows[0].anon, 64 * kMiB + 16 * 1024);
+    EXPECT_EQ(std::tie(snap.rows[0].comm, snap.rows[0].anon),
+              std::make_tuple("worker", 64 * kMiB + 16 * 1024));
     ASSERT_EQ(snap.recent.size(), 2u);
     EXPECT_NE(snap.recent[0].find("start 30 worker (parent 1)"), std::string::npos);
     EXPECT_NE(snap.recent[1].find("rss   30 worker +48.0 MiB -> 64.0 MiB"), std::string::npos)
@@ -150,11 +149,8 @@ TEST(TopScreenTest, FitsTheTerminalAndDropsColumnsWhenNarrow) {
     TopModel model(nullptr);
     TaskDump dump = Baseline();
     for (int i = 0; i < 100; ++i) {
-        TaskRow row;
-        row.comm = "a-very-long-process-name-" + std::to_string(i);
-        row.pid = 1000 + i;
-        row.anonKb = 1024 * i;
-        dump.rows.push_back(row);
+        dump.rows.push_back(
+            Task("a-very-long-process-name-" + std::to_string(i), 1000 + i, 1024 * i));
     }
     model.LoadBaseline(dump, kStartMs);
     for (const auto& [rows, columns] :
@@ -162,26 +158,14 @@ TEST(TopScreenTest, FitsTheTerminalAndDropsColumnsWhenNarrow) {
         SCOPED_TRACE(std::to_string(rows) + "x" + std::to_string(columns));
         const TopSnapshot snap = model.Snapshot(kStartMs, RowsForProcesses(rows), 5);
         const std::string screen = RenderTopScreen(snap, "12:00:00", rows, columns);
-        // Split into lines, drop the escape sequences, measure.
-        size_t lines = 0;
-        size_t start = 0;
-        while (start <= screen.size()) {
-            size_t end = screen.find("\r\n", start);
-            if (end == std::string::npos) end = screen.size();
-            std::string line = screen.substr(start, end - start);
-            std::string plain;
-            for (size_t i = 0; i < line.size(); ++i) {
-                if (line[i] == '\x1b') {
-                    while (i < line.size() && !isalpha(static_cast<unsigned char>(line[i]))) ++i;
-                    continue;
-                }
-                plain += line[i];
-            }
-            EXPECT_LE(plain.size(), static_cast<size_t>(columns)) << plain;
-            ++lines;
-            start = end + 2;
+        // Without the escape sequences, line by line.
+        std::stringstream plain(
+            std::regex_replace(screen, std::regex("\x1b[^A-Za-z]*[A-Za-z]"), ""));
+        for (std::string line; std::getline(plain, line);) {
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            EXPECT_LE(line.size(), static_cast<size_t>(columns)) << line;
         }
-        EXPECT_LE(lines, static_cast<size_t>(rows));
+        EXPECT_LE(std::count(screen.begin(), screen.end(), '\n') + 1, rows);
         EXPECT_EQ(screen.find("SHMEM") != std::string::npos, columns >= 104);
         if (rows >= 10) {
             EXPECT_NE(screen.find("a-very-long-pro "), std::string::npos);

@@ -1,11 +1,11 @@
-// `quorbpfctl top` in a real terminal (tmux): a process this test starts
-// and fills with memory shows up with its size; q and SIGTERM both end the
-// view with the terminal's line mode and echo restored.
+// `quorbpfctl top` in tmux: a process filled with memory shows up; q and
+// SIGTERM both end the view with line mode and echo restored.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -19,10 +19,18 @@ class TopTmuxTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (Shell("tmux -V").code != 0) GTEST_SKIP() << "tmux is not installed";
-        dir_ = TempDir();
-        tmux_ = "tmux -f /dev/null -S " + dir_ + "/tmux.sock";
-        daemon_ = std::make_unique<Daemon>(dir_);
+        const std::string dir = TempDir();
+        tmux_ = "tmux -f /dev/null -S " + dir + "/tmux.sock";
+        daemon_ = std::make_unique<Daemon>(dir);
         if (!daemon_->Start()) GTEST_SKIP() << "the daemon did not start here:\n" << daemon_->Log();
+        // After top the pane's shell prints top's exit code and the terminal's settings.
+        const std::string script = std::string(QUORBPFCTL_PATH) + " top --pid-file " +
+                                   daemon_->PidFile() +
+                                   "; echo TOP-EXIT=$?; stty -a | tr -s ' ;\\n' '\\n\\n\\n' | "
+                                   "grep -x -e -icanon -e icanon -e -echo -e echo | tr '\\n' ' '; "
+                                   "echo TTY-CHECKED; sleep 120";
+        ASSERT_EQ(Shell(tmux_ + " new-session -d -s top -x 120 -y 40 \"" + script + "\"").code, 0);
+        ASSERT_TRUE(ScreenShows("quorbpfctl top", 20000)) << Screen();
     }
     void TearDown() override {
         if (!tmux_.empty()) (void)Shell(tmux_ + " kill-server");
@@ -31,29 +39,20 @@ protected:
             waitpid(hog_, nullptr, 0);
         }
     }
-    // Runs top in a new tmux session; the pane keeps a shell afterwards that
-    // prints top's exit code and the terminal's settings.
-    void StartTop() {
-        const std::string script = std::string(QUORBPFCTL_PATH) + " top --pid-file " +
-                                   daemon_->PidFile() +
-                                   "; echo TOP-EXIT=$?; stty -a | tr -s ' ;\\n' '\\n\\n\\n' | "
-                                   "grep -x -e -icanon -e icanon -e -echo -e echo | tr '\\n' ' '; "
-                                   "echo TTY-CHECKED; sleep 120";
-        ASSERT_EQ(Shell(tmux_ + " new-session -d -s top -x 120 -y 40 \"" + script + "\"").code, 0);
-        ASSERT_TRUE(
-            WaitFor([&] { return Screen().find("quorbpfctl top") != std::string::npos; }, 20000))
-            << Screen();
-    }
     std::string Screen() { return Shell(tmux_ + " capture-pane -p -t top").out; }
-    // The pid of top: the pane's shell's child.
-    pid_t TopPid() {
-        const Output pane = Shell(tmux_ + " display -p -t top '#{pane_pid}'");
-        const Output child =
-            Shell("pgrep -P " + std::to_string(atoi(pane.out.c_str())) + " -x quorbpfctl");
-        return atoi(child.out.c_str());
+    bool ScreenShows(const char* text, int ms) {
+        return WaitFor([&] { return Screen().find(text) != std::string::npos; }, ms);
+    }
+    // Once top has ended: it exited with 0 and left the terminal as it found it.
+    void ExpectCleanExit() {
+        ASSERT_TRUE(ScreenShows("TTY-CHECKED", 10000)) << Screen();
+        const std::string after = Screen();
+        EXPECT_NE(after.find("TOP-EXIT=0"), std::string::npos) << after;
+        EXPECT_NE(after.find("icanon echo"), std::string::npos) << after;
+        EXPECT_EQ(after.find("quorbpfctl top "), std::string::npos)
+            << "the alternate screen is gone";
     }
 
-    std::string dir_;
     std::string tmux_;
     std::unique_ptr<Daemon> daemon_;
     pid_t hog_ = 0;
@@ -62,24 +61,21 @@ protected:
 // The row of `pid` on the screen, "" when it is not shown.
 std::string RowOf(const std::string& screen, pid_t pid) {
     std::istringstream lines(screen);
-    std::string line;
     char prefix[16];
     snprintf(prefix, sizeof(prefix), "%7d ", pid);
-    while (std::getline(lines, line)) {
+    for (std::string line; std::getline(lines, line);) {
         if (line.rfind(prefix, 0) == 0) return line;
     }
     return "";
 }
 
 TEST_F(TopTmuxTest, ShowsAGrowingProcessAndQuitsCleanly) {
-    StartTop();
     // Started after the view: it is known from the service's events only.
     constexpr size_t kHogBytes = 256 * 1024 * 1024;
     hog_ = fork();
     if (hog_ == 0) {
         prctl(PR_SET_NAME, "quor_top_hog", 0, 0, 0);
-        // Written through a volatile pointer, page by page, so that the
-        // compiler cannot drop an allocation nobody reads.
+        // Written through a volatile pointer so that the allocation stays.
         volatile char* block = static_cast<volatile char*>(malloc(kHogBytes));
         for (size_t i = 0; block != nullptr && i < kHogBytes; i += 4096) block[i] = 1;
         for (;;) pause();
@@ -98,25 +94,19 @@ TEST_F(TopTmuxTest, ShowsAGrowingProcessAndQuitsCleanly) {
         << Screen();
     EXPECT_NE(row.find("new"), std::string::npos) << row;
     printf("%s\n", Screen().c_str());  // what a person saw
-
     ASSERT_EQ(Shell(tmux_ + " send-keys -t top q").code, 0);
-    ASSERT_TRUE(WaitFor([&] { return Screen().find("TTY-CHECKED") != std::string::npos; }, 10000));
-    const std::string after = Screen();
-    EXPECT_NE(after.find("TOP-EXIT=0"), std::string::npos) << after;
-    EXPECT_NE(after.find("icanon echo"), std::string::npos) << after;
-    EXPECT_EQ(after.find("quorbpfctl top "), std::string::npos) << "the alternate screen is gone";
+    ExpectCleanExit();
 }
 
 TEST_F(TopTmuxTest, SigtermRestoresTheTerminal) {
-    StartTop();
-    const pid_t top = TopPid();
+    // top is the child of the pane's shell.
+    const Output pane = Shell(tmux_ + " display -p -t top '#{pane_pid}'");
+    const pid_t top =
+        atoi(Shell("pgrep -P " + pane.out.substr(0, pane.out.find('\n')) + " -x quorbpfctl")
+                 .out.c_str());
     ASSERT_GT(top, 0);
     kill(top, SIGTERM);
-    ASSERT_TRUE(WaitFor([&] { return Screen().find("TTY-CHECKED") != std::string::npos; }, 10000))
-        << Screen();
-    const std::string after = Screen();
-    EXPECT_NE(after.find("TOP-EXIT=0"), std::string::npos) << after;
-    EXPECT_NE(after.find("icanon echo"), std::string::npos) << after;
+    ExpectCleanExit();
 }
 
 }  // namespace
