@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -94,7 +93,6 @@ void RunDumpSafely(int kind) {
 }
 
 void DumpThreadMain(int fd) {
-    (void)prctl(PR_SET_NAME, DUMP_THREAD_NAME, 0, 0, 0);
     // Let the other threads take the dump signals: this one is the consumer.
     sigset_t dumpSignals;
     (void)sigemptyset(&dumpSignals);
@@ -136,7 +134,11 @@ bool StartDumpThread() {
         return false;
     }
     try {
-        std::thread(DumpThreadMain, fd).detach();
+        std::thread thread(DumpThreadMain, fd);
+        // Named before this returns, so whoever installed the handlers sees
+        // the thread under its name at once.
+        (void)pthread_setname_np(thread.native_handle(), DUMP_THREAD_NAME);
+        thread.detach();
     } catch (const std::system_error& e) {
         QLOGE(QUOR_TAG_UTILS,
               "[QuorBpfDumpSignals][InstallDumpSignalHandlers] start dump thread failed: %s",
