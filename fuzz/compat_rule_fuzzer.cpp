@@ -1,19 +1,10 @@
-// The kernel compatibility rule and the version conversion on arbitrary
-// strings: a programme table row's compatibility string against an arbitrary
-// running version, and against an arbitrary "ro.kernel.version" property.
-//
-// Input: a length-prefixed property value, then 4 bytes of a running version
-// number, then the compatibility string (FuzzedDataProvider's layout).
-//
-// Checked beyond the sanitizers: a conversion is -1 or a non-negative number
-// that prints back as the same version, the open-ended forms are monotonic,
-// an exact form matches its own version, and the property path agrees with
-// the rule applied to the converted property.
+// The kernel compatibility rule and version conversion on arbitrary strings.
+// Input: a length-prefixed "ro.kernel.version" value, 4 bytes of a running
+// version, then the compatibility string (FuzzedDataProvider's layout).
 #include <android-base/properties.h>
 #include <android/log.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include <climits>
 #include <cstdint>
 #include <string>
 
@@ -60,8 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Require(MatchesKernelVersion(compat, version));
     }
 
-    // The property path: whatever the property holds, the rule sees its
-    // conversion (an unparsable version matches nothing).
+    // Whatever the property holds, the rule sees its conversion.
     android::base::SetProperty("ro.kernel.version", property);
     const std::string stored = android::base::GetProperty("ro.kernel.version", "0.0");
     Require(CheckBpfCompatibility(compat) ==

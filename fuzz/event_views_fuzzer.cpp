@@ -1,10 +1,5 @@
-// The client library's decoders on arbitrary event bytes: the typed views and
-// the one-line formatter, for the type the bytes claim and for every type a
-// client may subscribe to (a client decodes by the type it was handed, which
-// a damaged record may contradict).
-//
-// Checked beyond the sanitizers: a view is valid exactly when the bytes hold a
-// whole record of its type, and the formatter always names what it printed.
+// The client library's typed views and formatter on arbitrary bytes, for the
+// type the bytes claim and for every type (a damaged record may contradict it).
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -33,7 +28,6 @@ void CheckView(const uint8_t* data, size_t size, uint32_t claimed) {
     Require(view.valid() == whole);
     if (view) {
         Require(memcmp(&*view, data, sizeof(*view)) == 0);
-        // Text fields read back no longer than their arrays.
         Require(QuorFieldString(view->comm).size() < sizeof(view->comm) + 1);
     }
 }

@@ -1,12 +1,5 @@
-// The procfs readers on arbitrary file contents: the input is one file's
-// bytes, read as a status file, a stat file, an fdinfo file and a maps file
-// in turn (the seeds hold real examples of each). The file is a memfd reached
-// through /proc/self/fd, so the readers open, read and close it exactly as
-// they do a procfs file.
-//
-// Checked beyond the sanitizers: names stay terminated inside their 16-byte
-// fields, a maps file yields at most one mapping per line, and no descriptor
-// is left open.
+// The procfs readers on one arbitrary file, read in turn as a status, stat,
+// fdinfo and maps file through /proc/self/fd/<memfd>, as they read procfs.
 #include <android/log.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -32,17 +25,6 @@ void Require(bool condition) {
     if (!condition) __builtin_trap();
 }
 
-bool Replace(const uint8_t* data, size_t size) {
-    if (ftruncate(gFile, 0) != 0) return false;
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = pwrite(gFile, data + done, size - done, static_cast<off_t>(done));
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -54,7 +36,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Require(Replace(data, size));
+    Require(ftruncate(gFile, 0) == 0 && pwrite(gFile, data, size, 0) == static_cast<ssize_t>(size));
     const int probe = dup(0);  // the lowest free descriptor before the readers run
     (void)close(probe);
 
@@ -76,8 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t lines = static_cast<size_t>(std::count(data, data + size, '\n')) + 1;
     Require(mappings.size() <= lines);
 
-    // Lines come out whole up to the bound, never longer, and never more of
-    // them than the file holds.
+    // Lines never exceed the bound, nor outnumber the file's.
     QuorBpfLineReader reader;
     Require(reader.Open(gPath));
     std::string line;

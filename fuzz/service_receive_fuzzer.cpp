@@ -1,17 +1,7 @@
-// Raw client bytes through the service's whole receive path: the transport's
-// read callback (UnixIpcManager::onClientReadableCallback, with the settings
-// and handlers the service gives its server), frame checking, dispatch by
-// package type and the request callback; then the responses the service
-// queued are drained through its write handler and the connection is closed
-// as a hang-up would close it.
-//
-// Input: byte 0 chooses how the stream is cut into receives (1 + 130 * b
-// bytes each, at most 256 receives, so that frames arrive split at every
-// kind of boundary); the rest is what the client sends.
-//
-// Checked beyond the sanitizers: every frame the service writes back is a
-// well-formed response, the read loop ends, and after the close nothing of
-// the connection is left in the subscription tables.
+// Raw client bytes through the service's whole receive path (read callback
+// with the service's server settings, frame checks, dispatch, requests), then
+// its queued responses drained and the connection closed as on a hang-up.
+// Byte 0 cuts the stream into receives of 1 + 130 * b bytes (at most 256).
 #include <android/log.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -19,8 +9,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 
 #include "ipc/ipc_package.h"
@@ -42,8 +30,7 @@ void Require(bool condition) {
     if (!condition) __builtin_trap();
 }
 
-// The service's server settings (quor_bpf_service_clients.cpp) around an
-// endpoint whose loop never runs: the fuzzer plays the loop thread.
+// The service's server settings; its loop never runs: the fuzzer plays it.
 UnixIpcManager* MakeTransport(QuorBpfService* service) {
     IpcHandlerState handlers;
     handlers.keepUnusedBytes = true;
@@ -97,8 +84,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     QuorBpfService* service = QuorBpfService::GetInstance();
     const uint8_t* stream = data + 1;
     const size_t streamSize = size - 1;
-    // At most 256 receives per input: a large stream cut byte by byte would
-    // cost the fuzzer far more than it finds.
     const size_t step = std::max<size_t>(1 + static_cast<size_t>(data[0]) * 130, streamSize / 256);
 
     int pair[2];
@@ -117,8 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const ssize_t n = send(pair[1], stream + sent, chunk, MSG_NOSIGNAL);
         Require(n > 0);
         sent += static_cast<size_t>(n);
-        // One receive per readable callback, as the loop would call it while
-        // bytes wait; each call must consume something or close.
+        // Each readable callback must consume something or close.
         for (int calls = 0; open && PendingBytes(fd) > 0; ++calls) {
             Require(calls < 100000);
             open = gTransport->onClientReadableCallback(event) != -2;

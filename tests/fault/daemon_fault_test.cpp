@@ -1,12 +1,6 @@
-// Faults around the host daemon, with the real quorbpfd as a child process
-// in the test's private namespaces:
-//   restart while the pins stay  the next daemon reuses the pinned maps, the
-//                                kernel-side state survives and a library
-//                                client is served again after reconnecting;
-//   a pinned map missing         the monitor that needs it fails with its
-//                                log, the other keeps serving.
-// A library client follows records written into the ring buffers by the
-// injector programme.
+// The real quorbpfd as a child: restarted while the pins stay, the next one
+// reuses the pinned maps and a library client is served again after it
+// reconnects; with a pinned map missing, only the monitor needing it fails.
 #include <bpf/bpf.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -16,7 +10,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -88,15 +81,11 @@ public:
         });
     }
     bool connect() {
-        if (!client_->connect(30000)) return false;
-        std::promise<int32_t> answer;
-        auto future = answer.get_future();
-        client_->subscribe(kMarkerType, [&answer](int32_t s) { answer.set_value(s); });
-        return future.wait_for(std::chrono::seconds(10)) == std::future_status::ready &&
-               future.get() == 0;
+        return client_->connect(30000) &&
+               Subscribed(*client_, kMarkerType, std::chrono::seconds(10));
     }
-    // Injects markers into the ring buffer pinned at `ringPin` until one
-    // arrives (a re-subscription may still be on its way).
+    // Injects markers at `ringPin` until one arrives (a re-subscription may
+    // still be on its way).
     bool markerArrives(const char* ringPin) {
         quor_test::RecordInjector injector;
         std::string error;
@@ -173,8 +162,7 @@ TEST_F(DaemonFaultTest, RestartWhilePinsStayKeepsKernelStateAndServesAgain) {
         EXPECT_EQ(MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]), ringId);
         daemon = std::make_unique<Daemon>(std::vector<std::string>{});
         ASSERT_TRUE(daemon->running());
-        // The client finds the new daemon by itself and subscribes again (it
-        // may also have reached the old one's listening socket as it went).
+        // The client reconnects and subscribes again by itself.
         EXPECT_TRUE(PollUntil([&] { return client.connections() > connectionsBefore; },
                               std::chrono::seconds(30)));
         EXPECT_TRUE(client.markerArrives(RINGBUF_MAP_PATHS[RINGBUF_MAIN]));
@@ -203,7 +191,6 @@ TEST_F(DaemonFaultTest, MissingPinnedMapFailsOnlyItsMonitor) {
         SCOPED_TRACE(c.removed);
         QuorBpfLoadReport report;
         ASSERT_EQ(QuorBpfLoader::Load(QuorBpfLoader::Options(), &report), 0);
-        // Open the ring buffer that will serve before its pin could change.
         ASSERT_EQ(unlink(c.removed), 0);
         Daemon daemon({"--no-load", "--property", "sys.quor_bpf_ready=1"});
         ASSERT_TRUE(daemon.running());

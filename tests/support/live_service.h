@@ -1,15 +1,12 @@
-// The real service in the test process, for stress and fault tests: both
-// programme sets loaded into the test's private bpffs, the service started
-// through BpfServiceMain(), and helpers to watch what it holds (descriptors,
-// heap, error log) and what its clients receive.
-//
-// Tests that use it run ISOLATED (tests/run_isolated.sh) and start the
-// service once per process.
+// The real service in an ISOLATED test process (started once): both programme
+// sets loaded, BpfServiceMain() run, and helpers to watch what it holds
+// (descriptors, heap, error log) and what its clients receive.
 #pragma once
 
 #include <android-base/properties.h>
 #include <bpf/bpf.h>
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -22,7 +19,9 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -76,15 +75,8 @@ inline uint64_t StatusWord(int index) {
     return value;
 }
 
-inline std::string KernelMajorMinor() {
-    utsname name = {};
-    int major = 0, minor = 0;
-    if (uname(&name) != 0 || sscanf(name.release, "%d.%d", &major, &minor) != 2) return "0.0";
-    return std::to_string(major) + "." + std::to_string(minor);
-}
-
-// Loads and pins both programme sets, starts the service and waits until the
-// main monitor has enabled every programme. Empty on success, else why not.
+// Loads and pins the programmes, starts the service and waits until the main
+// monitor has enabled them all. Empty on success, else why not.
 inline std::string StartLiveService() {
     if (geteuid() != 0) return "needs root to load BPF programmes";
     Quor::Bpf::QuorBpfLoadReport report;
@@ -96,7 +88,12 @@ inline std::string StartLiveService() {
     (void)mkdir("/data/quorlog", 0775);
     (void)mkdir("/data/quorlog/stability", 0775);
     (void)mkdir(Quor::Bpf::BPF_SERVICE_LOG_DIR, 0775);
-    android::base::SetProperty("ro.kernel.version", KernelMajorMinor());
+    utsname name = {};
+    int major = 0, minor = 0;
+    (void)uname(&name);
+    (void)sscanf(name.release, "%d.%d", &major, &minor);
+    android::base::SetProperty("ro.kernel.version",
+                               std::to_string(major) + "." + std::to_string(minor));
     android::base::SetProperty("sys.quor_bpf_ready", "1");
     if (Quor::Bpf::BpfServiceMain() != 1) return "BpfServiceMain did not start the service";
     const bool enabled = PollUntil(
@@ -108,9 +105,8 @@ inline std::string StartLiveService() {
     return enabled ? std::string() : "the main monitor never enabled the programmes";
 }
 
-// Ends the process with `result` without running static destructors: the
-// monitors block in their ring-buffer poll and still use the service. Under
-// AddressSanitizer the leak check runs first and a leak fails the run.
+// Ends the process without static destructors (the monitors still use the
+// service); under AddressSanitizer a leak fails the run.
 [[noreturn]] inline void EndProcess(int result) {
 #if defined(__SANITIZE_ADDRESS__)
     if (__lsan_do_recoverable_leak_check() != 0 && result == 0) result = 1;
@@ -164,9 +160,21 @@ inline size_t ErrorLogCount(int code) {
     return count;
 }
 
+// Subscribes `client` (a QuorBpfClient) to `type`; true once the service
+// accepted within `limit`.
+template <typename Client>
+bool Subscribed(Client& client, int32_t type,
+                std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    auto answer = std::make_shared<std::promise<int32_t>>();
+    auto future = answer->get_future();
+    if (!client.subscribe(type, [answer](int32_t status) { answer->set_value(status); })) {
+        return false;
+    }
+    return future.wait_for(limit) == std::future_status::ready && future.get() == 0;
+}
+
 // The running 64-bit sequence numbers one client received for one type, in
-// arrival order, and whether anything arrived that broke the rules of the
-// stream (wrong length, wrong type).
+// arrival order, and how many records of that type had the wrong length.
 class SequenceLog {
 public:
     SequenceLog(int32_t type, size_t recordSize, size_t seqOffset)
@@ -192,8 +200,7 @@ public:
         return cv_.wait_for(lock, limit, [&] { return !seqs_.empty() && last_ >= seq; });
     }
 
-    // Room for `count` numbers, so that recording them does not allocate
-    // while a test measures the heap.
+    // Room for `count` numbers: no allocation while a test measures the heap.
     void reserve(size_t count) {
         std::lock_guard<std::mutex> lock(mutex_);
         seqs_.reserve(count);
@@ -203,9 +210,24 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return seqs_;
     }
-    size_t malformed() {
+
+    // Whether the numbers from index `from` on are exactly first, first + 1,
+    // ..., first + count - 1, with nothing malformed.
+    ::testing::AssertionResult complete(uint64_t first, uint64_t count, size_t from = 0) {
         std::lock_guard<std::mutex> lock(mutex_);
-        return malformed_;
+        if (malformed_ != 0) return ::testing::AssertionFailure() << malformed_ << " malformed";
+        if (seqs_.size() != from + count) {
+            return ::testing::AssertionFailure()
+                   << seqs_.size() << " records, expected " << from + count;
+        }
+        for (uint64_t i = 0; i < count; ++i) {
+            if (seqs_[from + i] != first + i) {
+                return ::testing::AssertionFailure()
+                       << "record " << i << " carries " << seqs_[from + i] << ", expected "
+                       << first + i;
+            }
+        }
+        return ::testing::AssertionSuccess();
     }
     size_t size() {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -50,25 +50,16 @@ inline ProbeResult ProbeAs(const std::string& socketName, uid_t uid, gid_t gid,
     }
     int status = 0;
     if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return ProbeResult::kError;
-    switch (WEXITSTATUS(status)) {
-        case 0:
-            return ProbeResult::kAccepted;
-        case 1:
-            return ProbeResult::kRefused;
-        default:
-            return ProbeResult::kError;
-    }
+    const int code = WEXITSTATUS(status);
+    return code == 0   ? ProbeResult::kAccepted
+           : code == 1 ? ProbeResult::kRefused
+                       : ProbeResult::kError;
 }
 
 inline const char* ProbeName(ProbeResult result) {
-    switch (result) {
-        case ProbeResult::kAccepted:
-            return "accepted";
-        case ProbeResult::kRefused:
-            return "refused";
-        default:
-            return "error";
-    }
+    return result == ProbeResult::kAccepted  ? "accepted"
+           : result == ProbeResult::kRefused ? "refused"
+                                             : "error";
 }
 
 }  // namespace quortest
