@@ -194,10 +194,19 @@ public:
         cv_.notify_all();
     }
 
-    // Waits until sequence number `seq` (or a later one) has arrived.
+    // Waits until sequence number `seq` (or a later one) has arrived. It
+    // wakes every few milliseconds: on an idle machine the tail of an
+    // injected batch waits for the next context switch to wake the service's
+    // reader, and a waiter asleep for good would leave none to come.
     bool waitFor(uint64_t seq, std::chrono::milliseconds limit) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
         std::unique_lock<std::mutex> lock(mutex_);
-        return cv_.wait_for(lock, limit, [&] { return !seqs_.empty() && last_ >= seq; });
+        const auto arrived = [&] { return !seqs_.empty() && last_ >= seq; };
+        while (!arrived()) {
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+            cv_.wait_for(lock, std::chrono::milliseconds(5), arrived);
+        }
+        return true;
     }
 
     // Room for `count` numbers: no allocation while a test measures the heap.
