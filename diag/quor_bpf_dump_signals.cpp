@@ -118,6 +118,9 @@ void DumpThreadMain(int fd) {
         for (int kind = 0; kind < DUMP_KINDS; ++kind) {
             if ((pending & (1u << kind)) == 0) continue;
             const uint64_t covered = receivedCount[kind].load(std::memory_order_acquire);
+            // A handler counts its arrival before it sets the bit, so an
+            // earlier dump may already have covered the arrival that set it.
+            if (covered == dumpedCount[kind].load(std::memory_order_relaxed)) continue;
             RunDumpSafely(kind);
             dumpedCount[kind].store(covered, std::memory_order_release);
         }
