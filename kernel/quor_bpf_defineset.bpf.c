@@ -64,6 +64,16 @@ struct {
     __uint(max_entries, 16384);
 } rss_state_map SEC(".maps");
 
+/* Per CPU, the jiffies at which the switch programme last looked at the ring
+ * buffer: it looks at most once a tick per CPU, so a storm's switches do not
+ * all read the ring buffer's positions, cache lines its writers keep busy. */
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __type(key, __u32);
+    __type(value, __u64);
+    __uint(max_entries, 1);
+} switch_check_map SEC(".maps");
+
 /* The context-switch programme flushes what paced submits left unannounced. */
 #define QUOR_PACED_WAKEUPS
 #include "quor_bpf_common.bpf.h"
@@ -75,6 +85,9 @@ struct {
 #define QUOR_FD_REPORT_BLOCK 64
 /* The context-switch programme refreshes the status figures this often at most. */
 #define QUOR_STATUS_REFRESH_NS 1000000000ULL
+/* Jiffies between the switch programme's looks at waiting records: 2 ticks
+ * are 2 to 20 ms for HZ from 1000 to 100, around the wake-up gap. */
+#define QUOR_FLUSH_GAP_JIFFIES 2
 /* How far back the fork programme looks in the parent's task lists. */
 #define QUOR_FORK_LIST_DEPTH 4
 
@@ -234,16 +247,16 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
 }
 
 /*
- * Runs on every context switch. While the reader has caught up (the common
- * case on a quiet system) it only reads the status word and the ring
- * buffer's fill level. With records waiting, every QUOR_WAKEUP_GAP_NS at most
- * it wakes the reader for records that a storm left unannounced (see
- * quor_submit_flags): a storm's tail thus waits for the gap and the next
- * switch on any CPU, never for a count of switches that an idle system takes
- * seconds to reach. At most once a second it also copies the ring buffer's
- * figures into the status map (keys 1 to 4), so that the service and a
- * person reading the pinned map see how full the ring buffer runs even when
- * nothing was lost.
+ * Runs on every context switch. Once a tick per CPU at most it reads the ring
+ * buffer's fill level; otherwise it only reads the status word and the
+ * jiffies. With records waiting, every QUOR_FLUSH_GAP_JIFFIES
+ * (and QUOR_WAKEUP_GAP_NS since the last wake-up) at most it wakes the reader
+ * for records that a storm left unannounced (see quor_submit_flags): a
+ * storm's tail thus waits for the gap and the next switch on any CPU, never
+ * for a count of switches that an idle system takes seconds to reach. At
+ * most once a second it also copies the ring buffer's figures into the
+ * status map (keys 1 to 4), so that the service and a person reading the
+ * pinned map see how full the ring buffer runs even when nothing was lost.
  */
 SEC("tracepoint/sched/sched_switch")
 int sched_sched_switch(void *ctx)
@@ -251,14 +264,23 @@ int sched_sched_switch(void *ctx)
     __u32 key = QUOR_STATUS_KEY_FLAGS;
     __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!flags || !(*flags & QUOR_STATUS_CORE_ON)) return 0;
+
+    /* Jiffies cost a load; the ring buffer's positions and the monotonic
+     * clock cost far more under a storm or on a virtual machine. */
+    key = 0;
+    __u64 *checked = bpf_map_lookup_elem(&switch_check_map, &key);
+    if (!checked) return 0;
+    __u64 ticks = bpf_jiffies64();
+    if (ticks == *checked) return 0;
+    *checked = ticks;
     if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
 
-    key = QUOR_STATUS_KEY_FLUSHED_NS;
+    key = QUOR_STATUS_KEY_FLUSHED_JIFFIES;
     __u64 *flushed = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!flushed) return 0;
+    if (ticks - *flushed < QUOR_FLUSH_GAP_JIFFIES) return 0;
+    *flushed = ticks;
     __u64 now = bpf_ktime_get_ns();
-    if (now - *flushed < QUOR_WAKEUP_GAP_NS) return 0;
-    *flushed = now;
     quor_flush_wakeup(now);
 
     key = QUOR_STATUS_KEY_REFRESHED_NS;

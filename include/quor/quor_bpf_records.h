@@ -225,7 +225,7 @@ enum quor_status_key {
     QUOR_STATUS_KEY_COUNT = 5,        /* keys shared with the service */
     QUOR_STATUS_KEY_REFRESHED_NS = 5, /* kernel side only: keys 1-4 refreshed at */
     QUOR_STATUS_KEY_WOKEN_NS = 6,     /* kernel side only: reader last woken at */
-    QUOR_STATUS_KEY_FLUSHED_NS = 7,   /* kernel side only: unwoken data last checked at */
+    QUOR_STATUS_KEY_FLUSHED_JIFFIES = 7, /* kernel side only: unwoken data last checked at */
     QUOR_STATUS_KEY_READER = 8,       /* the reader's state, enum quor_reader_state */
     QUOR_STATUS_MAP_ENTRIES = 9,
 };
