@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "tools/quorbpfctl/text_parse.h"
+
 namespace Quor {
 namespace Bpf {
 namespace Ctl {
@@ -29,35 +31,13 @@ std::vector<std::string> Fields(const std::string& line) {
     return fields;
 }
 
-bool ToNumber(const std::string& text, int64_t* value) {
-    if (text.empty()) return false;
-    char* end = nullptr;
-    errno = 0;
-    const long long parsed = strtoll(text.c_str(), &end, 10);
-    if (errno != 0 || *end != '\0') return false;
-    *value = parsed;
-    return true;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
 bool ParseHeader(const std::string& line, StateTable* table) {
     const std::vector<std::string> fields = Fields(line);
     // "EventCount", 9 names, head, tail.
     if (fields.size() != 1 + kStateColumns + 2 || fields[0] != "EventCount") return false;
     for (size_t k = 0; k < kStateColumns; ++k) table->names[k] = fields[1 + k];
-    return ToNumber(fields[1 + kStateColumns], &table->head) &&
-           ToNumber(fields[2 + kStateColumns], &table->tail) && table->head >= table->tail;
+    return ParseInt64(fields[1 + kStateColumns], &table->head) &&
+           ParseInt64(fields[2 + kStateColumns], &table->tail) && table->head >= table->tail;
 }
 
 }  // namespace
@@ -80,7 +60,7 @@ StateRates StateTable::Rates(size_t seconds) const {
 }
 
 bool ParseStateTable(const std::string& text, StateTable* table, std::string* error) {
-    const std::vector<std::string> lines = Lines(text);
+    const std::vector<std::string> lines = SplitLines(text);
     if (lines.empty() || !ParseHeader(lines[0], table)) {
         *error = "not a statistics file (no header line)";
         return false;
@@ -96,7 +76,7 @@ bool ParseStateTable(const std::string& text, StateTable* table, std::string* er
         std::array<uint64_t, kStateColumns> row = {};
         for (size_t k = 0; k < kStateColumns; ++k) {
             int64_t value = 0;
-            if (!ToNumber(fields[1 + k], &value) || value < 0) {
+            if (!ParseInt64(fields[1 + k], &value) || value < 0) {
                 *error =
                     "statistics line " + std::to_string(i + 1) + " holds '" + fields[1 + k] + "'";
                 return false;

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "tools/quorbpfctl/text_parse.h"
+
 namespace Quor {
 namespace Bpf {
 namespace Ctl {
@@ -16,18 +18,6 @@ constexpr size_t kCommWidth = 16;
 constexpr size_t kFullTokens = 5 + 8 * 2 + 1;
 constexpr size_t kNormalTokens = 4 + 4 * 2 + 1;
 
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
 bool ParseHeader(const std::string& line, uint32_t* count, int64_t* time) {
     unsigned int parsedCount = 0;
     long long parsedTime = 0;
@@ -37,16 +27,6 @@ bool ParseHeader(const std::string& line, uint32_t* count, int64_t* time) {
     }
     *count = parsedCount;
     *time = parsedTime;
-    return true;
-}
-
-bool ToInt(const std::string& token, int64_t* value) {
-    if (token.empty()) return false;
-    char* end = nullptr;
-    errno = 0;
-    const long long parsed = strtoll(token.c_str(), &end, 10);
-    if (errno != 0 || *end != '\0') return false;
-    *value = parsed;
     return true;
 }
 
@@ -76,7 +56,7 @@ bool ParseRow(const std::string& line, bool full, TaskRow* row) {
     for (size_t k = first; k < tokens.size(); ++k) {
         if (tokens[k].text == "KB") continue;
         int64_t value = 0;
-        if (!ToInt(tokens[k].text, &value)) return false;
+        if (!ParseInt64(tokens[k].text, &value)) return false;
         numbers.push_back(value);
     }
     if (numbers.size() != (full ? 14u : 9u)) return false;
@@ -109,7 +89,7 @@ bool ParseRow(const std::string& line, bool full, TaskRow* row) {
 }  // namespace
 
 bool ParseTaskDump(const std::string& text, TaskDump* dump, std::string* error) {
-    const std::vector<std::string> lines = Lines(text);
+    const std::vector<std::string> lines = SplitLines(text);
     if (lines.size() < 2 || !ParseHeader(lines[0], &dump->count, &dump->time)) {
         *error = "not a task dump (no header line)";
         return false;
