@@ -20,11 +20,16 @@ namespace Bpf {
 
 namespace {
 
-// Pieces of a stat line split on blanks: 19 is the thread count, 21 the start
-// time in clock ticks since boot. A name with blanks shifts them; the line is
-// taken as it falls rather than guessed at.
-constexpr size_t STAT_THREADS_PIECE = 19;
-constexpr size_t STAT_START_TIME_PIECE = 21;
+// A stat file is "pid (name) state ppid ...", and the name may hold blanks,
+// parentheses and newlines ("tmux: server"). Only the text after the last ')'
+// has a fixed shape: split on blanks, its piece 0 is the state (field 3),
+// piece 17 the thread count (field 20), piece 19 the start time in clock
+// ticks since boot (field 22).
+constexpr size_t STAT_THREADS_PIECE = 17;
+constexpr size_t STAT_START_TIME_PIECE = 19;
+// Far above a real stat file (a name is at most 64 bytes), a bound for a
+// crafted one.
+constexpr size_t STAT_MAX_BYTES = 4096;
 
 // Fields of a maps line split on blanks: address range, perms, offset,
 // device, inode, path.
@@ -159,8 +164,14 @@ bool ReadTaskInitRecordFiles(const std::string& statusPath, const std::string& s
 
     // A process that has gone between the two files is not reported at all.
     if (!reader.Open(statPath)) return false;
-    if (reader.Next(&line)) {
-        const std::vector<std::string> pieces = Split(line, " ");
+    std::string stat;
+    while (stat.size() < STAT_MAX_BYTES && reader.Next(&line)) {
+        if (!stat.empty()) stat += '\n';  // a newline in the name
+        stat += line;
+    }
+    const size_t nameEnd = stat.rfind(')');
+    if (nameEnd != std::string::npos) {
+        const std::vector<std::string> pieces = Split(stat.substr(nameEnd + 1), " ");
         if (pieces.size() > STAT_START_TIME_PIECE) {
             out->thread_count = ProcToInt32(pieces[STAT_THREADS_PIECE]);
             out->start_time_s = StartTimeSeconds(pieces[STAT_START_TIME_PIECE]);

@@ -7,8 +7,11 @@
 //
 // Codes: 1 send retries exhausted, 2 damaged frame, 3-6 package queue full
 // (raw, second-level, request, response), 7-8 package too large for the write
-// buffer. RecordBpfServiceErrorInfo is callable from any thread; two threads
-// recording at once may lose one record (faults are rare by design).
+// buffer. RecordBpfServiceErrorInfo is callable from any thread: writers take
+// turns, and each writes the new file beside the old one ("error.log.tmp")
+// and renames it over, so the log is always one whole version. Callers that
+// hold a lock others wait for write after releasing it: a rewrite of up to
+// 5000 lines takes milliseconds.
 #pragma once
 
 #include <cstdint>
