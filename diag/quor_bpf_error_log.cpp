@@ -116,5 +116,19 @@ void RecordBpfServiceErrorInfo(int32_t code, const std::string& message) {
     }
 }
 
+bool RecordBpfServiceErrorInfoLimited(RateLimiter* limiter, int32_t code,
+                                      const std::string& message) {
+    uint64_t heldBack = 0;
+    if (!limiter->allow(&heldBack)) return false;
+    if (heldBack == 0) {
+        RecordBpfServiceErrorInfo(code, message);
+    } else {
+        RecordBpfServiceErrorInfo(
+            code, message + StringPrintf(" (%llu more not recorded)",
+                                         static_cast<unsigned long long>(heldBack)));
+    }
+    return true;
+}
+
 }  // namespace Bpf
 }  // namespace Quor

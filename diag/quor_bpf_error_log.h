@@ -17,6 +17,8 @@
 #include <cstdint>
 #include <string>
 
+#include "diag/quor_bpf_rate_limiter.h"
+
 namespace Quor {
 namespace Bpf {
 
@@ -27,6 +29,11 @@ constexpr const char* BPF_SERVICE_ERROR_OLD_LOG =
 
 int InitBpfServiceErrorLog();
 void RecordBpfServiceErrorInfo(int32_t code, const std::string& message);
+// For faults that come in floods (a queue that overflows again and again):
+// records only what `limiter` allows, and the next record written says how
+// many were held back before it. True when a record was written.
+bool RecordBpfServiceErrorInfoLimited(RateLimiter* limiter, int32_t code,
+                                      const std::string& message);
 
 }  // namespace Bpf
 }  // namespace Quor
