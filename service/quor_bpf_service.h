@@ -66,7 +66,12 @@ public:
     // main ring buffer, 1 the GPL one; an index above 1 does nothing.
     int eventMonitor();
     int gpleventMonitor();
+    // Counts a record and hands it to its subscribers and its handler. A
+    // record of a type above the kernel's known range is skipped (counted,
+    // logged at a bounded rate) and returns 0, so polling goes on.
     int handleBpfRingBuffEvent(void* ctx, void* data, size_t size);
+    // Records of unknown types skipped since the service was created.
+    uint64_t unknownRecordCount() const { return unknownRecords_.load(); }
     int checkBpfRingBuffStatus(int index, bool force);
     bool enableCoreBpf(int index, bool enable);
     bool enableNormalBpf(int index, bool enable);
@@ -174,6 +179,7 @@ private:
     std::atomic<bool> running_{false};
     // Written by each monitor; atomic so that a check from any other thread is safe.
     std::atomic<int64_t> lastRingBuffCheck_[2] = {{0}, {0}};
+    std::atomic<uint64_t> unknownRecords_{0};
     android::base::unique_fd ringBuffFd_;
     android::base::unique_fd gplRingBuffFd_;
     android::base::unique_fd ringBuffStatusFd_;

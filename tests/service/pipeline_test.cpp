@@ -402,6 +402,23 @@ TEST(PipelineTest, ForwardingDependsOnlyOnTheType) {
     EXPECT_FALSE(Registered(pid + 1));
 }
 
+TEST(PipelineTest, RecordsOfUnknownTypesAreSkippedAndPollingGoesOn) {
+    QuorBpfService* service = QuorBpfService::GetInstance();
+    const uint64_t before = service->unknownRecordCount();
+    quor_dmabuf_update_record odd = {};
+    odd.pid = kFakePidBase + 30;
+    // More in a row than the monitor tolerates failed polls.
+    for (const uint32_t type : {8u, 9u, 50001u, 0xffffffffu}) {
+        odd.header.type = type;
+        Inject(odd, 3);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(gEnv->Checkpoint());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(service->unknownRecordCount() - before, 12u);
+    EXPECT_EQ(gEnv->events.count(odd.pid, 9), 0u);
+}
+
 TEST(PipelineTest, OverflowIsReportedOnceAndCleared) {
     QuorBpfService* service = QuorBpfService::GetInstance();
     const int statusFd = bpf_obj_get(RINGBUF_STATUS_PATHS[RINGBUF_MAIN]);
