@@ -23,10 +23,12 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -84,7 +86,9 @@ public:
     int handleBpfPassthrough(char* data, long len);
     // After the main ring buffer overflowed, exit records may have been lost:
     // every registered process that no longer exists is handled as if its
-    // exit record had come. Returns how many there were.
+    // exit record had come. Returns how many there were. When the real exit
+    // record of such a process comes after all, it is dropped: a process
+    // ends once for a client.
     size_t reapLostExits();
 
     // Procfs readers (bpf/quor_bpf_proc_info.cpp).
@@ -195,6 +199,14 @@ private:
     std::mutex dmabufCleanupMutex_;
     std::vector<int32_t> dmabufCleanupPids_;
     int64_t dmabufCleanupAtMs_ = 0;
+
+    // Pids ended by reapLostExits() whose exit record has not come (yet).
+    void addSweptExit(int32_t pid);
+    bool takeSweptExit(int32_t pid);  // true (and forgotten) when it was one
+    std::mutex sweptExitsMutex_;
+    std::set<int32_t> sweptExits_;
+    std::deque<int32_t> sweptExitOrder_;
+    std::atomic<size_t> sweptExitCount_{0};
 
     std::thread producer_;
     std::thread gplProducer_;

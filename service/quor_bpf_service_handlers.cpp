@@ -37,6 +37,10 @@ constexpr int32_t kLowestReportedPid = 300;
 constexpr uint32_t kMemoryEventMmId = 1000;
 constexpr int64_t kDmabufCleanupIntervalMs = 1000;
 constexpr size_t kDmabufCleanupMaxPending = 4096;
+// Processes ended by the loss sweep whose exit record may still come. Each
+// goes at its record or when its pid is forked again; one whose record was
+// truly lost stays until then, so the list is bounded, oldest out first.
+constexpr size_t kMaxSweptExits = 32768;
 
 int64_t SteadyMs() {
     timespec now = {};
@@ -133,8 +137,9 @@ int QuorBpfService::handleSched_SchedProcessFork(char* data, long len) {
     QuorTaskManager* tasks = QuorTaskManager::GetInstance();
     if (rec.kind == QUOR_TASK_KIND_PROCESS) {
         // A pid used again must not lose its new entries to the old
-        // process's cleanup.
+        // process's cleanup, nor its exit to the old process's sweep.
         flushDmabufCleanup(rec.pid);
+        (void)takeSweptExit(rec.pid);
         QuorTask existing;
         if (tasks->GetQuorTaskCopy(rec.pid, &existing)) return 0;
         QuorTask task = {};
@@ -171,6 +176,8 @@ int QuorBpfService::handleSched_SchedProcessExit(char* data, long len) {
     quor_exit_record rec;
     if (!ReadRecord(data, len, &rec)) return 0;
     if (rec.kind == QUOR_TASK_KIND_PROCESS) {
+        // The loss sweep already ended this process for the clients.
+        if (takeSweptExit(rec.pid)) return 0;
         (void)QuorTaskManager::GetInstance()->DelQuorTask(rec.pid);
         quor_task_exit_event event = {QUOR_SERVICE_TASK_EXIT, rec.pid, {}};
         CopyComm(event.comm, rec.comm);
@@ -339,9 +346,33 @@ size_t QuorBpfService::reapLostExits() {
         rec.kind = QUOR_TASK_KIND_PROCESS;
         CopyComm(rec.comm, task.comm);
         (void)handleSched_SchedProcessExit(reinterpret_cast<char*>(&rec), sizeof(rec));
+        // Its own exit record may only be unread: that one must not end the
+        // process a second time.
+        addSweptExit(pid);
         ++reaped;
     }
     return reaped;
+}
+
+void QuorBpfService::addSweptExit(int32_t pid) {
+    std::lock_guard<std::mutex> lock(sweptExitsMutex_);
+    if (!sweptExits_.insert(pid).second) return;
+    sweptExitOrder_.push_back(pid);
+    while (sweptExitOrder_.size() > kMaxSweptExits) {
+        sweptExits_.erase(sweptExitOrder_.front());
+        sweptExitOrder_.pop_front();
+    }
+    sweptExitCount_.store(sweptExits_.size(), std::memory_order_relaxed);
+}
+
+bool QuorBpfService::takeSweptExit(int32_t pid) {
+    if (sweptExitCount_.load(std::memory_order_relaxed) == 0) return false;
+    std::lock_guard<std::mutex> lock(sweptExitsMutex_);
+    if (sweptExits_.erase(pid) == 0) return false;
+    // The order list keeps the pid until it reaches the front; erasing a
+    // pid that is no longer in the set is harmless there.
+    sweptExitCount_.store(sweptExits_.size(), std::memory_order_relaxed);
+    return true;
 }
 
 }  // namespace Bpf

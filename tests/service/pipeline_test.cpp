@@ -402,6 +402,23 @@ TEST(PipelineTest, ForwardingDependsOnlyOnTheType) {
     EXPECT_FALSE(Registered(pid + 1));
 }
 
+TEST(PipelineTest, AProcessEndsOnceWhenTheLossSweepCameBeforeItsExitRecord) {
+    QuorBpfService* service = QuorBpfService::GetInstance();
+    const int32_t pid = kFakePidBase + 40;  // no such process: the sweep ends it
+    Inject(Fork(pid, 77, 10 * kSecond, QUOR_TASK_KIND_PROCESS, "swept"));
+    ASSERT_TRUE(gEnv->Checkpoint());
+    ASSERT_TRUE(Registered(pid));
+    EXPECT_GE(service->reapLostExits(), 1u);
+    EXPECT_FALSE(Registered(pid));
+    // Its exit record was only unread, not lost.
+    Inject(Exit(pid, 11 * kSecond, QUOR_TASK_KIND_PROCESS, "swept"));
+    EXPECT_EQ(Reports(pid, QUOR_SERVICE_TASK_EXIT).size(), 1u);
+    // The pid used again is a new process, which ends for itself.
+    Inject(Fork(pid, 77, 12 * kSecond, QUOR_TASK_KIND_PROCESS, "again"));
+    Inject(Exit(pid, 13 * kSecond, QUOR_TASK_KIND_PROCESS, "again"));
+    EXPECT_EQ(Reports(pid, QUOR_SERVICE_TASK_EXIT).size(), 2u);
+}
+
 TEST(PipelineTest, RecordsOfUnknownTypesAreSkippedAndPollingGoesOn) {
     QuorBpfService* service = QuorBpfService::GetInstance();
     const uint64_t before = service->unknownRecordCount();
