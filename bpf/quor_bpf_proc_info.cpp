@@ -195,6 +195,21 @@ bool ReadProcessExdataFile(const std::string& statusPath, UpdateProcessExdata* o
     return true;
 }
 
+bool ReadProcessThreads(int32_t pid, int32_t* threads) {
+    QuorBpfLineReader reader;
+    if (!reader.Open(StringPrintf(QuorBpfService::TASK_STATUS_PID_TEMPLATE, pid))) return false;
+    std::string line;
+    std::string value;
+    while (reader.Next(&line)) {
+        if (line.rfind(QuorBpfService::TASK_THREADS_PREFIX, 0) == 0 &&
+            ProcLineValue(line, QuorBpfService::TASK_THREADS_PREFIX, &value)) {
+            *threads = ProcToInt32(value);
+            return true;
+        }
+    }
+    return false;
+}
+
 bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t>* mappings) {
     QuorBpfLineReader reader;
     if (!reader.Open(mapsPath)) return false;

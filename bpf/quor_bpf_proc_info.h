@@ -74,6 +74,10 @@ bool ReadTaskInitRecordFiles(const std::string& statusPath, const std::string& s
                              int32_t pid, quor_task_init_record* out);
 bool ReadProcessExdataFile(const std::string& statusPath, UpdateProcessExdata* out);
 
+// The thread count of a process, from the "Threads:" line of its status
+// file. False when the file does not open or has no such line.
+bool ReadProcessThreads(int32_t pid, int32_t* threads);
+
 // The dmabuf mappings of a maps file: start address -> inode of every line
 // whose path holds "/dmabuf". False when the file does not open.
 bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t>* mappings);

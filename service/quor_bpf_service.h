@@ -88,7 +88,8 @@ public:
     // every registered process that no longer exists is handled as if its
     // exit record had come. Returns how many there were. When the real exit
     // record of such a process comes after all, it is dropped: a process
-    // ends once for a client.
+    // ends once for a client. Thread records may have been lost as well: the
+    // thread count of every live one is taken again from procfs.
     size_t reapLostExits();
 
     // Procfs readers (bpf/quor_bpf_proc_info.cpp).
@@ -147,6 +148,7 @@ public:
     static constexpr const char* TASK_RSS_SHMEM_PREFIX = "RssShmem:\t";
     static constexpr const char* TASK_VM_SWAP_PREFIX = "VmSwap:\t";
     static constexpr const char* TASK_PROC_UID_PREFIX = "Uid:\t";
+    static constexpr const char* TASK_THREADS_PREFIX = "Threads:\t";
     static constexpr const char* TASK_DMABUF_SIZE_PREFIX = "size:\t";
     static constexpr const char* TASK_DMABUF_INO_PREFIX = "ino:\t";
     // The two per-process dmabuf maps that cleanUpDmabufMap() prunes.
@@ -200,6 +202,8 @@ private:
     std::vector<int32_t> dmabufCleanupPids_;
     int64_t dmabufCleanupAtMs_ = 0;
 
+    // Takes a live process's thread count from procfs (reapLostExits()).
+    void resyncThreads(int32_t pid);
     // Pids ended by reapLostExits() whose exit record has not come (yet).
     void addSweptExit(int32_t pid);
     bool takeSweptExit(int32_t pid);  // true (and forgotten) when it was one

@@ -95,7 +95,10 @@ bool ApplyThreadChange(int32_t pid, uint64_t eventTime, int32_t step,
                        quor_thread_change_event* event) {
     bool report = false;
     QuorTaskManager::GetInstance()->UpdateQuorTask(pid, [&](QuorTask& task) {
-        if (task.createTime >= static_cast<int64_t>(eventTime)) return;
+        if (task.createTime >= static_cast<int64_t>(eventTime) ||
+            task.threadSyncTime >= static_cast<int64_t>(eventTime)) {
+            return;
+        }
         task.threadNum += step;
         if (static_cast<int64_t>(eventTime) - task.createTime < kSettleTimeNs) return;
         if (SubAbs(task.threadNum, task.oldThreadNum) < kThreadReportDelta) return;
@@ -336,7 +339,11 @@ size_t QuorBpfService::reapLostExits() {
     QuorTaskManager* tasks = QuorTaskManager::GetInstance();
     size_t reaped = 0;
     for (const int32_t pid : tasks->GetQuorTaskPids()) {
-        if (pid <= 0 || kill(pid, 0) == 0 || errno != ESRCH) continue;
+        if (pid <= 0) continue;
+        if (kill(pid, 0) == 0 || errno != ESRCH) {
+            resyncThreads(pid);
+            continue;
+        }
         QuorTask task;
         if (!tasks->GetQuorTaskCopy(pid, &task)) continue;  // its exit came meanwhile
         quor_exit_record rec = {};
@@ -352,6 +359,18 @@ size_t QuorBpfService::reapLostExits() {
         ++reaped;
     }
     return reaped;
+}
+
+void QuorBpfService::resyncThreads(int32_t pid) {
+    // Stamped before the read: a thread record stamped later was not yet in
+    // what procfs said and still counts.
+    const int64_t syncTime = GetSystemBootNanosencondsTime();
+    int32_t threads = 0;
+    if (!ReadProcessThreads(pid, &threads)) return;
+    (void)QuorTaskManager::GetInstance()->UpdateQuorTask(pid, [&](QuorTask& task) {
+        task.threadNum = threads;
+        task.threadSyncTime = syncTime;
+    });
 }
 
 void QuorBpfService::addSweptExit(int32_t pid) {

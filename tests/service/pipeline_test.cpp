@@ -4,6 +4,8 @@
 // checkpoint that the monitor has handled the batch.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -13,6 +15,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -454,9 +457,54 @@ TEST(PipelineTest, OverflowIsReportedOnceAndCleared) {
     EXPECT_FALSE(service->enableCoreBpf(2, true));
 }
 
+// A process running before the service starts, named as a terminal
+// multiplexer names itself (blanks, parentheses), with three threads.
+pid_t gOddlyNamed = -1;
+
+pid_t StartOddlyNamedProcess() {
+    const pid_t child = fork();
+    if (child != 0) return child;
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+    (void)prctl(PR_SET_NAME, "tmux: (x) y", 0, 0, 0);
+    for (int i = 0; i < 2; ++i) {
+        pthread_t thread;
+        (void)pthread_create(
+            &thread, nullptr,
+            [](void*) -> void* {
+                for (;;) pause();
+            },
+            nullptr);
+    }
+    for (;;) pause();
+}
+
+TEST(PipelineTest, StartupScanCountsThreadsOfANameWithBlanksAndParentheses) {
+    ASSERT_GT(gOddlyNamed, 0);
+    const QuorTask task = TaskOf(gOddlyNamed);
+    EXPECT_STREQ(task.comm, "tmux: (x) y");
+    EXPECT_EQ(task.threadNum, 3);
+    EXPECT_GT(task.initTimeStamp, 0);
+}
+
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
+    gOddlyNamed = StartOddlyNamedProcess();
+    // Its threads exist before the service scans.
+    (void)quortest::PollUntil(
+        [] {
+            std::ifstream status("/proc/" + std::to_string(gOddlyNamed) + "/status");
+            for (std::string line; std::getline(status, line);) {
+                if (line == "Threads:\t3") return true;
+            }
+            return false;
+        },
+        std::chrono::seconds(5));
     gEnv = new PipelineEnvironment();
     ::testing::AddGlobalTestEnvironment(gEnv);
-    return RUN_ALL_TESTS();
+    const int result = RUN_ALL_TESTS();
+    if (gOddlyNamed > 0) {
+        kill(gOddlyNamed, SIGKILL);
+        (void)waitpid(gOddlyNamed, nullptr, 0);
+    }
+    return result;
 }
