@@ -58,6 +58,10 @@ public:
     // Supervisory loop: restarts an ended producer thread, checking every
     // 60 seconds, until stop(); then joins both threads.
     int Wait();
+    // One check of that loop: restarts a producer thread that has ended. A
+    // restarted producer runs its monitor only; what it attached and
+    // prepared before stays.
+    void superviseProducers();
 
     int eventProduceThread();
     int gpleventProduceThread();
@@ -216,6 +220,11 @@ private:
     std::thread gplProducer_;
     std::atomic<bool> producerAlive_{false};
     std::atomic<bool> gplProducerAlive_{false};
+    // Set by each producer once it has attached its programmes (the main one
+    // also once it has seen readiness and prepared the time base and maps).
+    std::atomic<bool> mainSetUp_{false};
+    std::atomic<bool> gplAttached_{false};
+    int mainAttachResult_ = 0;
 
     std::unique_ptr<UnixIpcManager> server_;
     std::unique_ptr<IpcPackageManager> packageManager_;

@@ -3,6 +3,7 @@
 // through the injector; a marker record injected after a batch is the
 // checkpoint that the monitor has handled the batch.
 #include <bpf/bpf.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
@@ -39,6 +40,20 @@ namespace {
 constexpr int32_t kFakePidBase = 4000000;  // above any pid_max
 constexpr uint64_t kSecond = 1000000000ULL;
 constexpr int32_t kMarkerPid = kFakePidBase;
+const std::string kGplPinAway = std::string(RINGBUF_MAP_PATHS[RINGBUF_GPL]) + "_away";
+
+// Threads of this process named `name`.
+int Threads(const std::string& name) {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/task");
+    while (const dirent* entry = dir ? readdir(dir) : nullptr) {
+        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
+        std::string text;
+        count += std::getline(comm, text) && text == name;
+    }
+    if (dir) closedir(dir);
+    return count;
+}
 
 struct Event {
     uint32_t type;
@@ -99,7 +114,10 @@ private:
 class PipelineEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
-        const std::string why = quortest::StartLiveService();
+        // The GPL ring buffer's pin is taken away: its monitor ends at once,
+        // each time its producer is restarted (the main one serves the tests).
+        const std::string why = quortest::StartLiveService(
+            [] { (void)rename(RINGBUF_MAP_PATHS[RINGBUF_GPL], kGplPinAway.c_str()); });
         if (geteuid() != 0) GTEST_SKIP() << why;
         ASSERT_EQ(why, "");
         std::string error;
@@ -420,6 +438,36 @@ TEST(PipelineTest, AProcessEndsOnceWhenTheLossSweepCameBeforeItsExitRecord) {
     Inject(Fork(pid, 77, 12 * kSecond, QUOR_TASK_KIND_PROCESS, "again"));
     Inject(Exit(pid, 13 * kSecond, QUOR_TASK_KIND_PROCESS, "again"));
     EXPECT_EQ(Reports(pid, QUOR_SERVICE_TASK_EXIT).size(), 2u);
+}
+
+TEST(PipelineTest, ARestartedProducerRunsItsMonitorOnly) {
+    QuorBpfService* service = QuorBpfService::GetInstance();
+    const auto ended = [] {
+        return quortest::PollUntil([] { return Threads("BpfServicePGpl") == 0; },
+                                   std::chrono::seconds(10));
+    };
+    ASSERT_TRUE(ended());
+    const size_t fdsBefore = quortest::OpenDescriptors();
+    for (int restart = 0; restart < 5; ++restart) {
+        service->superviseProducers();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        ASSERT_TRUE(ended()) << "restart " << restart;
+    }
+    // Nothing attached again: no descriptor of a programme or hook more.
+    EXPECT_EQ(quortest::OpenDescriptors(), fdsBefore);
+    printf("descriptors across 5 producer restarts: %zu before, %zu after\n", fdsBefore,
+           quortest::OpenDescriptors());
+    // The pin back, one more restart: the GPL monitor serves again.
+    ASSERT_EQ(rename(kGplPinAway.c_str(), RINGBUF_MAP_PATHS[RINGBUF_GPL]), 0);
+    service->superviseProducers();
+    EXPECT_TRUE(quortest::PollUntil([] { return Threads("BpfServicePGpl") == 1; },
+                                    std::chrono::seconds(10)));
+    EXPECT_TRUE(quortest::PollUntil(
+        [] {
+            return quortest::StatusWord(RINGBUF_GPL) ==
+                   (QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON);
+        },
+        std::chrono::seconds(30)));
 }
 
 TEST(PipelineTest, RecordsOfUnknownTypesAreSkippedAndPollingGoesOn) {
