@@ -14,12 +14,14 @@
 #include <bpf/bpf.h>
 #include <dirent.h>
 #include <linux/bpf.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -78,22 +80,21 @@ int UpdateMapElem(int fd, const void* key, const void* value) {
     return static_cast<int>(syscall(__NR_bpf, BPF_MAP_UPDATE_ELEM, &attr, MAP_UPDATE_ATTR_SIZE));
 }
 
-// Deletes every key of a map keyed by quor_process_inode_key or
-// quor_process_mmap_key (same layout) whose pid `doomed` accepts; `mapName`
-// names the map in the logs. The next key is fetched before the current one
-// is deleted: resuming from a deleted key would restart a hash map's walk at
-// its start. A walk costs a system call per entry plus a scan of every bucket
-// (even an empty map's), so callers walk once for as many pids as they can.
+// Deletes every key of `mapFd` that `doomed` accepts; `mapName` names the map
+// in the logs. The next key is fetched before the current one is deleted:
+// resuming from a deleted key would restart a hash map's walk at its start.
+// A key the programmes deleted meanwhile (ENOENT) is no failure. A walk costs
+// a system call per entry plus a scan of every bucket (even an empty map's),
+// so callers walk once for as many pids as they can.
 template <typename Key, typename Doomed>
-int DeletePidKeys(int mapFd, const Doomed& doomed, const char* mapName) {
-    static_assert(sizeof(Key) == 16, "per-process dmabuf key layout");
+int DeleteKeys(int mapFd, const Doomed& doomed, const char* mapName) {
     Key key{};
     Key next{};
     bool haveKey = bpf_map_get_next_key(mapFd, nullptr, &key) == 0;
     while (haveKey) {
         haveKey = bpf_map_get_next_key(mapFd, &key, &next) == 0;
         const int nextErrno = errno;
-        if (doomed(key.pid) && bpf_map_delete_elem(mapFd, &key) != 0) {
+        if (doomed(key) && bpf_map_delete_elem(mapFd, &key) != 0 && errno != ENOENT) {
             QLOGW(QUOR_TAG_SERVICE, "Clean up %s faield! %s", mapName, strerror(errno));
             return -1;
         }
@@ -103,6 +104,33 @@ int DeletePidKeys(int mapFd, const Doomed& doomed, const char* mapName) {
     if (errno == ENOENT) return 0;  // walked to the end
     QLOGW(QUOR_TAG_SERVICE, "get %s frist key failed! %s", mapName, strerror(errno));
     return -1;
+}
+
+// Deletes `key` from a map keyed by pid; one that is not there is no failure.
+int DeletePidKey(int mapFd, int32_t pid, const char* mapName) {
+    if (mapFd < 0 || bpf_map_delete_elem(mapFd, &pid) == 0 || errno == ENOENT) return 0;
+    QLOGW(QUOR_TAG_SERVICE, "Clean up %s faield! %s", mapName, strerror(errno));
+    return -1;
+}
+
+// Whether process `pid` has ended: its status file is gone, or says it is a
+// zombie (its descriptors, and with them its buffers, are closed already).
+bool ProcessEnded(int32_t pid) {
+    QuorBpfLineReader status;
+    if (!status.Open(StringPrintf(QuorBpfService::TASK_STATUS_PID_TEMPLATE, pid))) return true;
+    std::string line;
+    while (status.Next(&line)) {
+        if (line.rfind("State:\t", 0) == 0) {
+            return line.size() > 7 && (line[7] == 'Z' || line[7] == 'X');
+        }
+    }
+    return false;
+}
+
+// A descriptor or mapping of a dmabuf buffer names a path that begins with
+// "/dmabuf:"; the text elsewhere in a path (a file named "x/dmabuf") is none.
+bool IsDmabufPath(const std::string& path) {
+    return path.rfind(QuorBpfService::TASK_DMABUF_PATH_PREFIX, 0) == 0;
 }
 
 // Number of entries of the descriptor directory `fdPath`, or -1 when it does
@@ -127,25 +155,25 @@ struct DmabufTables {
 };
 
 // Records the dmabuf buffers that process `pidName` holds through its
-// descriptors; returns the sum of their sizes, each buffer counted once.
-uint64_t ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTables* tables) {
+// descriptors; true when it holds any.
+bool ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTables* tables) {
     const std::string fdPath = StringPrintf(QuorBpfService::TASK_FD_TEMPLATE, pidName.c_str());
     DIR* dir = opendir(fdPath.c_str());
-    if (dir == nullptr) return 0;
-    uint64_t total = 0;
+    if (dir == nullptr) return false;
+    bool found = false;
     while (const dirent* entry = readdir(dir)) {
         if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
         const std::string link = fdPath + "/" + entry->d_name;
-        if (ReadSymlink(link.c_str()).find(QuorBpfService::TASK_DMABUF_PREFIX) ==
-            std::string::npos) {
-            continue;
-        }
+        if (!IsDmabufPath(ReadSymlink(link.c_str()))) continue;
         const std::string fdinfo =
             StringPrintf(QuorBpfService::TASK_FDINFO_TEMPLATE, pidName.c_str(), entry->d_name);
         // A size below 1 is no buffer the programmes could account.
         const int64_t size = QuorBpfService::GetFdSize(fdinfo);
         if (size <= 0) continue;
-        const uint64_t inode = QuorBpfService::GetFdInode(fdinfo);
+        uint64_t inode = QuorBpfService::GetFdInode(fdinfo);
+        // Older kernels write no "ino:" line; the descriptor's file says it.
+        struct stat target;
+        if (inode == 0 && stat(link.c_str(), &target) == 0) inode = target.st_ino;
         if (inode == 0) continue;
 
         std::map<uint64_t, uint64_t>& inodes = tables->processInodes[pid];
@@ -157,10 +185,10 @@ uint64_t ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTa
         inodes.emplace(inode, 1);
         // A holder seen later, in another process, takes the buffer over.
         tables->infoByInode[inode] = dmabuf_info{pid, 0, static_cast<uint64_t>(size)};
-        total += static_cast<uint64_t>(size);
+        found = true;
     }
     (void)closedir(dir);
-    return total;
+    return found;
 }
 
 // Records the dmabuf mappings of process `pidName` by start address.
@@ -173,6 +201,44 @@ void ScanDmabufMappings(const std::string& pidName, int32_t pid, DmabufTables* t
         return;
     }
     if (!mappings.empty()) tables->processMmaps[pid].insert(mappings.begin(), mappings.end());
+}
+
+// Removes what the maps hold of the processes in `sortedPids`: their
+// per-process entries, their totals, their descriptor count and the buffers
+// they were last seen holding. A descriptor of -1 is skipped.
+int RemoveDmabufEntries(const std::vector<int32_t>& sortedPids, int allocateFd, int sizeFd,
+                        int perprocessFd, int inodeFd, int mmapFd, int openFdFd) {
+    const auto doomed = [&sortedPids](int32_t pid) {
+        return std::binary_search(sortedPids.begin(), sortedPids.end(), pid);
+    };
+    int result = 0;
+    // Walked to its end whatever another map did: one map's failure must not
+    // leave the others holding a dead process's entries.
+    if (inodeFd >= 0 &&
+        DeleteKeys<quor_process_inode_key>(
+            inodeFd, [&](const quor_process_inode_key& key) { return doomed(key.pid); },
+            "processInodeMapFd") != 0) {
+        result = -1;
+    }
+    if (mmapFd >= 0 &&
+        DeleteKeys<quor_process_mmap_key>(
+            mmapFd, [&](const quor_process_mmap_key& key) { return doomed(key.pid); },
+            "processMmapInfos") != 0) {
+        result = -1;
+    }
+    if (allocateFd >= 0) {
+        const auto heldByDoomed = [&](const uint64_t& inode) {
+            dmabuf_info info{};
+            return bpf_map_lookup_elem(allocateFd, &inode, &info) == 0 && doomed(info.pid);
+        };
+        if (DeleteKeys<uint64_t>(allocateFd, heldByDoomed, "dmabufAllocateMap") != 0) result = -1;
+    }
+    for (const int32_t pid : sortedPids) {
+        if (DeletePidKey(sizeFd, pid, "dmabufSizeMap") != 0) result = -1;
+        if (DeletePidKey(perprocessFd, pid, "dmabufPerprocessSizeMap") != 0) result = -1;
+        if (DeletePidKey(openFdFd, pid, "open_fd_caller_map") != 0) result = -1;
+    }
+    return result;
 }
 
 }  // namespace
@@ -196,6 +262,16 @@ int QuorBpfService::initBpfMap() {
         return -1;
     }
     processMmapInfos_.reset(mmapFd);
+    // The other maps a process's exit cleans; one that is missing is skipped.
+    dmabufAllocateMapFd_.reset(
+        OpenPinnedMap(DMABUF_ALLOCATE_MAP_PATH, sizeof(uint64_t), sizeof(dmabuf_info)));
+    dmabufSizeMapFd_.reset(
+        OpenPinnedMap(DMABUF_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
+    dmabufPerprocessSizeMapFd_.reset(
+        OpenPinnedMap(DMABUF_PERPROCESS_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
+    openFdCallerMapFd_.reset(
+        OpenPinnedMap(OPEN_FD_CALLER_MAP_PATH, sizeof(int32_t), sizeof(quor_open_fd_value)));
+    errno = 0;
     return 0;
 }
 
@@ -289,21 +365,33 @@ int QuorBpfService::initDmabufBpfProg() {
     DmabufTables tables{dmabufInfoByInode, dmabufStatByPid, processInodes, processMmaps};
     const int rc = ForEachProcPid([&tables](const std::string& pidName) {
         const int32_t pid = ProcToInt32(pidName);
-        const uint64_t total = ScanDmabufDescriptors(pidName, pid, &tables);
-        if (total == 0) return;  // holds no dmabuf: its mappings are not read
-        tables.statByPid[pid] = dmabuf_stat{total, 0};
-        ScanDmabufMappings(pidName, pid, &tables);
+        // A process without dmabuf descriptors: its mappings are not read.
+        if (ScanDmabufDescriptors(pidName, pid, &tables)) ScanDmabufMappings(pidName, pid, &tables);
     });
     if (rc != 0) {
         QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] read %s failed! %s", PROC_FS_PATH,
               strerror(errno));
     }
 
+    // A buffer the allocate map did not take is never released from a
+    // total by the programmes, so it is counted in none.
+    std::set<uint64_t> refused;
     for (const auto& [inode, info] : dmabufInfoByInode) {
         if (UpdateMapElem(allocateMap.get(), &inode, &info) != 0) {
             QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] update dmabuf allocate map failed! %s",
                   strerror(errno));
+            refused.insert(inode);
         }
+    }
+    for (const auto& [pid, inodes] : processInodes) {
+        uint64_t total = 0;
+        for (const auto& held : inodes) {
+            const auto info = dmabufInfoByInode.find(held.first);
+            if (info != dmabufInfoByInode.end() && refused.count(held.first) == 0) {
+                total += info->second.size;
+            }
+        }
+        if (total != 0) dmabufStatByPid[pid] = dmabuf_stat{total, 0};
     }
     for (const auto& [pid, stat] : dmabufStatByPid) {
         if (UpdateMapElem(sizeMap.get(), &pid, &stat) != 0) {
@@ -334,6 +422,27 @@ int QuorBpfService::initDmabufBpfProg() {
             }
         }
     }
+
+    // A process that ended while it was scanned may have had its exit cleaned
+    // up before its entries were written: they go again now.
+    std::vector<int32_t> ended;
+    for (const auto& held : processInodes) {
+        if (ProcessEnded(held.first)) ended.push_back(held.first);
+    }
+    if (!ended.empty()) {
+        for (const int32_t pid : ended) {
+            dmabufStatByPid.erase(pid);
+            processInodes.erase(pid);
+            processMmaps.erase(pid);
+        }
+        for (auto it = dmabufInfoByInode.begin(); it != dmabufInfoByInode.end();) {
+            it = std::binary_search(ended.begin(), ended.end(), it->second.pid)
+                     ? dmabufInfoByInode.erase(it)
+                     : std::next(it);
+        }
+        (void)RemoveDmabufEntries(ended, allocateMap.get(), sizeMap.get(), perprocessSizeMap.get(),
+                                  inodeMap.get(), mmapMap.get(), -1);
+    }
     return 0;
 }
 
@@ -348,15 +457,9 @@ int QuorBpfService::cleanUpDmabufMaps(const std::vector<int32_t>& pids) {
     }
     std::vector<int32_t> sorted(pids);
     std::sort(sorted.begin(), sorted.end());
-    const auto doomed = [&sorted](int32_t pid) {
-        return std::binary_search(sorted.begin(), sorted.end(), pid);
-    };
-    if (DeletePidKeys<quor_process_inode_key>(processInodeMapFd_.get(), doomed,
-                                              "processInodeMapFd") != 0) {
-        return -1;
-    }
-    return DeletePidKeys<quor_process_mmap_key>(processMmapInfos_.get(), doomed,
-                                                "processMmapInfos");
+    return RemoveDmabufEntries(sorted, dmabufAllocateMapFd_.get(), dmabufSizeMapFd_.get(),
+                               dmabufPerprocessSizeMapFd_.get(), processInodeMapFd_.get(),
+                               processMmapInfos_.get(), openFdCallerMapFd_.get());
 }
 
 }  // namespace Bpf

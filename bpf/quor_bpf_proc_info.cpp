@@ -217,7 +217,7 @@ bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t
     while (reader.Next(&line)) {
         const std::vector<std::string> pieces = Split(line, " ");
         if (pieces.size() <= MAPS_PATH_PIECE ||
-            pieces[MAPS_PATH_PIECE].find(QuorBpfService::TASK_DMABUF_PREFIX) == std::string::npos) {
+            pieces[MAPS_PATH_PIECE].rfind(QuorBpfService::TASK_DMABUF_PATH_PREFIX, 0) != 0) {
             continue;
         }
         const std::vector<std::string> range = Split(pieces[MAPS_RANGE_PIECE], "-");

@@ -79,7 +79,7 @@ bool ReadProcessExdataFile(const std::string& statusPath, UpdateProcessExdata* o
 bool ReadProcessThreads(int32_t pid, int32_t* threads);
 
 // The dmabuf mappings of a maps file: start address -> inode of every line
-// whose path holds "/dmabuf". False when the file does not open.
+// whose path begins with "/dmabuf:". False when the file does not open.
 bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t>* mappings);
 
 }  // namespace Bpf

@@ -106,9 +106,15 @@ public:
     int initBpfMap();
     int initFdBpfProg();
     int initDmabufBpfProg();
+    // Removes an ended process's entries: its per-process dmabuf entries,
+    // its totals, its descriptor count and the buffers last seen held by it.
+    // An entry the programmes deleted meanwhile is no failure.
     int cleanUpDmabufMap(int pid);
     // As cleanUpDmabufMap for every pid of `pids`, in one walk of each map.
     int cleanUpDmabufMaps(const std::vector<int32_t>& pids);
+    // Cleans up the gathered exits once they have waited long enough
+    // (called by the main monitor after every poll).
+    void flushDueDmabufCleanup();
 
     // Client connections (quor_bpf_service_clients.cpp); all but
     // notifyClientEventReady run on the socket thread "BpfServiceTr".
@@ -144,6 +150,8 @@ public:
     static constexpr const char* TASK_FDINFO_TEMPLATE = "/proc/%s/fdinfo/%s";
     static constexpr const char* TASK_MAPS_TEMPLATE = "/proc/%s/maps";
     static constexpr const char* TASK_DMABUF_PREFIX = "/dmabuf";
+    // How the path of a dmabuf buffer's descriptor or mapping begins.
+    static constexpr const char* TASK_DMABUF_PATH_PREFIX = "/dmabuf:";
     // Keys of "Key:\tvalue" lines in status and fdinfo files.
     static constexpr const char* TASK_COMM_PREFIX = "Name:\t";
     static constexpr const char* TASK_PPID_PREFIX = "PPid:\t";
@@ -236,6 +244,12 @@ private:
 
     android::base::unique_fd processInodeMapFd_;
     android::base::unique_fd processMmapInfos_;
+    // The other maps that hold a process's entries, cleaned at its exit with
+    // the two above; -1 when not pinned.
+    android::base::unique_fd dmabufAllocateMapFd_;
+    android::base::unique_fd dmabufSizeMapFd_;
+    android::base::unique_fd dmabufPerprocessSizeMapFd_;
+    android::base::unique_fd openFdCallerMapFd_;
 
     // What initDmabufBpfProg() found in procfs, kept after seeding: the
     // buffers by inode (last holder seen, size), each holder's total, the

@@ -313,6 +313,21 @@ void QuorBpfService::scheduleDmabufCleanup(int32_t pid) {
     (void)cleanUpDmabufMaps(due);
 }
 
+void QuorBpfService::flushDueDmabufCleanup() {
+    std::vector<int32_t> due;
+    {
+        std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
+        // Without a later exit nothing else would flush the last ones.
+        if (dmabufCleanupPids_.empty() ||
+            SteadyMs() - dmabufCleanupAtMs_ < kDmabufCleanupIntervalMs) {
+            return;
+        }
+        dmabufCleanupAtMs_ = SteadyMs();
+        due.swap(dmabufCleanupPids_);
+    }
+    (void)cleanUpDmabufMaps(due);
+}
+
 void QuorBpfService::flushDmabufCleanup(int32_t reusedPid) {
     std::vector<int32_t> due;
     {

@@ -209,6 +209,7 @@ int QuorBpfService::runMonitor(int index) {
                 QuorBpfDataState::GetInstance()->RecordEvent(QUOR_EVENT_POLL_COUNT, 1);
             }
             (void)checkBpfRingBuffStatus(index, false);
+            if (index == RINGBUF_MAIN) flushDueDmabufCleanup();
             consecutiveErrors = 0;
             continue;
         }
