@@ -70,6 +70,17 @@ int OpenPinnedMap(const char* path, uint32_t keySize, uint32_t valueSize) {
     return fd.release();
 }
 
+// Opens one of the maps the dmabuf seeding writes; false (logged, naming the
+// map) when it cannot be opened.
+bool OpenSeedMap(const char* path, uint32_t keySize, uint32_t valueSize, const char* name,
+                 unique_fd* fd) {
+    fd->reset(OpenPinnedMap(path, keySize, valueSize));
+    if (fd->get() >= 0) return true;
+    QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get %s(%d) failed! %s", name, -1,
+          strerror(errno));
+    return false;
+}
+
 int UpdateMapElem(int fd, const void* key, const void* value) {
     union bpf_attr attr;
     memset(&attr, 0, sizeof(attr));
@@ -327,38 +338,21 @@ int QuorBpfService::initDmabufBpfProg() {
     processMmaps.clear();
 
     // All five maps are opened before the scan, so a missing one seeds none.
-    unique_fd allocateMap(
-        OpenPinnedMap(DMABUF_ALLOCATE_MAP_PATH, sizeof(uint64_t), sizeof(dmabuf_info)));
-    if (allocateMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get dmabufAllocateMap(%d) failed! %s", -1,
-              strerror(errno));
-        return -1;
-    }
-    unique_fd sizeMap(OpenPinnedMap(DMABUF_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
-    if (sizeMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get dmabufSizeMap(%d) failed! %s", -1,
-              strerror(errno));
-        return -1;
-    }
-    unique_fd perprocessSizeMap(
-        OpenPinnedMap(DMABUF_PERPROCESS_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
-    if (perprocessSizeMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get dmabufPerprocessSizeMap(%d) failed! %s",
-              -1, strerror(errno));
-        return -1;
-    }
-    unique_fd inodeMap(OpenPinnedMap(DMABUF_BPF_PROCESS_INODE_MAP_PATH,
-                                     sizeof(quor_process_inode_key), sizeof(uint64_t)));
-    if (inodeMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get processInodeMap(%d) failed! %s", -1,
-              strerror(errno));
-        return -1;
-    }
-    unique_fd mmapMap(OpenPinnedMap(DMABUF_BPF_PROCESS_MMAP_INFOS_PATH,
-                                    sizeof(quor_process_mmap_key), sizeof(uint64_t)));
-    if (mmapMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get processMmapInfos(%d) failed! %s", -1,
-              strerror(errno));
+    unique_fd allocateMap;
+    unique_fd sizeMap;
+    unique_fd perprocessSizeMap;
+    unique_fd inodeMap;
+    unique_fd mmapMap;
+    if (!OpenSeedMap(DMABUF_ALLOCATE_MAP_PATH, sizeof(uint64_t), sizeof(dmabuf_info),
+                     "dmabufAllocateMap", &allocateMap) ||
+        !OpenSeedMap(DMABUF_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat), "dmabufSizeMap",
+                     &sizeMap) ||
+        !OpenSeedMap(DMABUF_PERPROCESS_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat),
+                     "dmabufPerprocessSizeMap", &perprocessSizeMap) ||
+        !OpenSeedMap(DMABUF_BPF_PROCESS_INODE_MAP_PATH, sizeof(quor_process_inode_key),
+                     sizeof(uint64_t), "processInodeMap", &inodeMap) ||
+        !OpenSeedMap(DMABUF_BPF_PROCESS_MMAP_INFOS_PATH, sizeof(quor_process_mmap_key),
+                     sizeof(uint64_t), "processMmapInfos", &mmapMap)) {
         return -1;
     }
 
