@@ -1,16 +1,13 @@
-// Seeding and pruning of the kernel maps in which the eBPF programmes account
-// open descriptors and dmabuf buffers per process.
-//
-// The programmes only see changes from the moment they are attached, so the
-// service writes the state that already exists, read from procfs: the number
-// of open descriptors of every process, and every dmabuf buffer a process
-// holds through a descriptor or has mapped. Every update is a whole-entry
-// replace (flags 0): the programmes update the same maps concurrently.
+// The seeding writes the state that already exists, read from procfs: the
+// number of open descriptors of every process, and every dmabuf buffer a
+// process holds through a descriptor or has mapped.
 //
 // A pinned map is only used when its key and value sizes are exactly those of
 // the layouts in quor_bpf_records.h: the kernel copies key_size and value_size
 // bytes to and from the service's buffers, so a map of another layout would
 // make it read or write past them.
+#include "bpf/quor_bpf_dmabuf_maps.h"
+
 #include <bpf/bpf.h>
 #include <dirent.h>
 #include <linux/bpf.h>
@@ -26,10 +23,11 @@
 #include <vector>
 
 #include "bpf/quor_bpf_line_reader.h"
+#include "bpf/quor_bpf_pin_paths.h"
 #include "bpf/quor_bpf_proc_info.h"
+#include "bpf/quor_bpf_procfs_paths.h"
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_strings.h"
-#include "service/quor_bpf_service.h"
 
 namespace Quor {
 namespace Bpf {
@@ -38,14 +36,8 @@ namespace {
 
 using android::base::unique_fd;
 
-constexpr const char* OPEN_FD_CALLER_MAP_PATH =
-    "/sys/fs/bpf/quor/map_QuorBpfDefineset_open_fd_caller_map";
-constexpr const char* DMABUF_ALLOCATE_MAP_PATH =
-    "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_allocate_map";
-constexpr const char* DMABUF_SIZE_MAP_PATH =
-    "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_size_map";
-constexpr const char* DMABUF_PERPROCESS_SIZE_MAP_PATH =
-    "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_perprocess_size_map";
+using namespace Pins;
+using namespace Procfs;
 
 // The attribute size the service passes with every map update.
 constexpr unsigned int MAP_UPDATE_ATTR_SIZE = 144;
@@ -128,7 +120,7 @@ int DeletePidKey(int mapFd, int32_t pid, const char* mapName) {
 // zombie (its descriptors, and with them its buffers, are closed already).
 bool ProcessEnded(int32_t pid) {
     QuorBpfLineReader status;
-    if (!status.Open(StringPrintf(QuorBpfService::TASK_STATUS_PID_TEMPLATE, pid))) return true;
+    if (!status.Open(StringPrintf(TASK_STATUS_PID_TEMPLATE, pid))) return true;
     std::string line;
     while (status.Next(&line)) {
         if (line.rfind("State:\t", 0) == 0) {
@@ -141,7 +133,7 @@ bool ProcessEnded(int32_t pid) {
 // A descriptor or mapping of a dmabuf buffer names a path that begins with
 // "/dmabuf:"; the text elsewhere in a path (a file named "x/dmabuf") is none.
 bool IsDmabufPath(const std::string& path) {
-    return path.rfind(QuorBpfService::TASK_DMABUF_PATH_PREFIX, 0) == 0;
+    return path.rfind(TASK_DMABUF_PATH_PREFIX, 0) == 0;
 }
 
 // Number of entries of the descriptor directory `fdPath`, or -1 when it does
@@ -157,18 +149,10 @@ int64_t CountDescriptors(const std::string& fdPath) {
     return count;
 }
 
-// What one initDmabufBpfProg() run collects; the service's own tables.
-struct DmabufTables {
-    std::map<uint64_t, dmabuf_info>& infoByInode;
-    std::map<int32_t, dmabuf_stat>& statByPid;
-    std::map<int32_t, std::map<uint64_t, uint64_t>>& processInodes;
-    std::map<int32_t, std::map<uint64_t, uint64_t>>& processMmaps;
-};
-
 // Records the dmabuf buffers that process `pidName` holds through its
 // descriptors; true when it holds any.
-bool ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTables* tables) {
-    const std::string fdPath = StringPrintf(QuorBpfService::TASK_FD_TEMPLATE, pidName.c_str());
+bool ScanDmabufDescriptors(const std::string& pidName, int32_t pid, QuorBpfDmabufMaps* tables) {
+    const std::string fdPath = StringPrintf(TASK_FD_TEMPLATE, pidName.c_str());
     DIR* dir = opendir(fdPath.c_str());
     if (dir == nullptr) return false;
     bool found = false;
@@ -177,11 +161,11 @@ bool ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTables
         const std::string link = fdPath + "/" + entry->d_name;
         if (!IsDmabufPath(ReadSymlink(link.c_str()))) continue;
         const std::string fdinfo =
-            StringPrintf(QuorBpfService::TASK_FDINFO_TEMPLATE, pidName.c_str(), entry->d_name);
+            StringPrintf(TASK_FDINFO_TEMPLATE, pidName.c_str(), entry->d_name);
         // A size below 1 is no buffer the programmes could account.
-        const int64_t size = QuorBpfService::GetFdSize(fdinfo);
+        const int64_t size = ReadFdSize(fdinfo);
         if (size <= 0) continue;
-        uint64_t inode = QuorBpfService::GetFdInode(fdinfo);
+        uint64_t inode = ReadFdInode(fdinfo);
         // Older kernels write no "ino:" line; the descriptor's file says it.
         struct stat target;
         if (inode == 0 && stat(link.c_str(), &target) == 0) inode = target.st_ino;
@@ -195,7 +179,7 @@ bool ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTables
         }
         inodes.emplace(inode, 1);
         // A holder seen later, in another process, takes the buffer over.
-        tables->infoByInode[inode] = dmabuf_info{pid, 0, static_cast<uint64_t>(size)};
+        tables->dmabufInfoByInode[inode] = dmabuf_info{pid, 0, static_cast<uint64_t>(size)};
         found = true;
     }
     (void)closedir(dir);
@@ -203,8 +187,8 @@ bool ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTables
 }
 
 // Records the dmabuf mappings of process `pidName` by start address.
-void ScanDmabufMappings(const std::string& pidName, int32_t pid, DmabufTables* tables) {
-    const std::string mapsPath = StringPrintf(QuorBpfService::TASK_MAPS_TEMPLATE, pidName.c_str());
+void ScanDmabufMappings(const std::string& pidName, int32_t pid, QuorBpfDmabufMaps* tables) {
+    const std::string mapsPath = StringPrintf(TASK_MAPS_TEMPLATE, pidName.c_str());
     std::map<uint64_t, uint64_t> mappings;
     if (!ReadDmabufMappings(mapsPath, &mappings)) {
         QLOGW(QUOR_TAG_SERVICE, "[QuorBpfService][IMIT] Task not exists, so we skip it (%s)",
@@ -254,7 +238,7 @@ int RemoveDmabufEntries(const std::vector<int32_t>& sortedPids, int allocateFd, 
 
 }  // namespace
 
-int QuorBpfService::initBpfMap() {
+int InitBpfMap(QuorBpfDmabufMaps* maps) {
     const int inodeFd = OpenPinnedMap(DMABUF_BPF_PROCESS_INODE_MAP_PATH,
                                       sizeof(quor_process_inode_key), sizeof(uint64_t));
     if (inodeFd < 0) {
@@ -263,7 +247,7 @@ int QuorBpfService::initBpfMap() {
         errno = 0;
         return -1;
     }
-    processInodeMapFd_.reset(inodeFd);
+    maps->processInodeMapFd.reset(inodeFd);
     const int mmapFd = OpenPinnedMap(DMABUF_BPF_PROCESS_MMAP_INFOS_PATH,
                                      sizeof(quor_process_mmap_key), sizeof(uint64_t));
     if (mmapFd < 0) {
@@ -272,21 +256,21 @@ int QuorBpfService::initBpfMap() {
         errno = 0;
         return -1;
     }
-    processMmapInfos_.reset(mmapFd);
+    maps->processMmapInfos.reset(mmapFd);
     // The other maps a process's exit cleans; one that is missing is skipped.
-    dmabufAllocateMapFd_.reset(
+    maps->allocateMapFd.reset(
         OpenPinnedMap(DMABUF_ALLOCATE_MAP_PATH, sizeof(uint64_t), sizeof(dmabuf_info)));
-    dmabufSizeMapFd_.reset(
+    maps->sizeMapFd.reset(
         OpenPinnedMap(DMABUF_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
-    dmabufPerprocessSizeMapFd_.reset(
+    maps->perprocessSizeMapFd.reset(
         OpenPinnedMap(DMABUF_PERPROCESS_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
-    openFdCallerMapFd_.reset(
+    maps->openFdCallerMapFd.reset(
         OpenPinnedMap(OPEN_FD_CALLER_MAP_PATH, sizeof(int32_t), sizeof(quor_open_fd_value)));
     errno = 0;
     return 0;
 }
 
-int QuorBpfService::initFdBpfProg() {
+int InitFdBpfProg() {
     // Logged at error priority so that it shows in logs filtered to errors.
     QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] update open_fd_caller_map !");
     unique_fd map(
@@ -331,7 +315,11 @@ int QuorBpfService::initFdBpfProg() {
     return 0;
 }
 
-int QuorBpfService::initDmabufBpfProg() {
+int InitDmabufBpfProg(QuorBpfDmabufMaps* maps) {
+    std::map<uint64_t, dmabuf_info>& dmabufInfoByInode = maps->dmabufInfoByInode;
+    std::map<int32_t, dmabuf_stat>& dmabufStatByPid = maps->dmabufStatByPid;
+    std::map<int32_t, std::map<uint64_t, uint64_t>>& processInodes = maps->processInodes;
+    std::map<int32_t, std::map<uint64_t, uint64_t>>& processMmaps = maps->processMmaps;
     dmabufInfoByInode.clear();
     dmabufStatByPid.clear();
     processInodes.clear();
@@ -356,11 +344,13 @@ int QuorBpfService::initDmabufBpfProg() {
         return -1;
     }
 
-    DmabufTables tables{dmabufInfoByInode, dmabufStatByPid, processInodes, processMmaps};
+    QuorBpfDmabufMaps& tables = *maps;
     const int rc = ForEachProcPid([&tables](const std::string& pidName) {
         const int32_t pid = ProcToInt32(pidName);
         // A process without dmabuf descriptors: its mappings are not read.
-        if (ScanDmabufDescriptors(pidName, pid, &tables)) ScanDmabufMappings(pidName, pid, &tables);
+        if (ScanDmabufDescriptors(pidName, pid, &tables)) {
+            ScanDmabufMappings(pidName, pid, &tables);
+        }
     });
     if (rc != 0) {
         QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] read %s failed! %s", PROC_FS_PATH,
@@ -440,20 +430,16 @@ int QuorBpfService::initDmabufBpfProg() {
     return 0;
 }
 
-int QuorBpfService::cleanUpDmabufMap(int pid) {
-    return cleanUpDmabufMaps(std::vector<int32_t>{pid});
-}
-
-int QuorBpfService::cleanUpDmabufMaps(const std::vector<int32_t>& pids) {
-    if (processInodeMapFd_.get() < 0 || processMmapInfos_.get() < 0) {
+int CleanUpDmabufMaps(QuorBpfDmabufMaps* maps, const std::vector<int32_t>& pids) {
+    if (maps->processInodeMapFd.get() < 0 || maps->processMmapInfos.get() < 0) {
         QLOGW(QUOR_TAG_SERVICE, "processInodeMapFd and processMmapInfos not exists");
         return 0;
     }
     std::vector<int32_t> sorted(pids);
     std::sort(sorted.begin(), sorted.end());
-    return RemoveDmabufEntries(sorted, dmabufAllocateMapFd_.get(), dmabufSizeMapFd_.get(),
-                               dmabufPerprocessSizeMapFd_.get(), processInodeMapFd_.get(),
-                               processMmapInfos_.get(), openFdCallerMapFd_.get());
+    return RemoveDmabufEntries(sorted, maps->allocateMapFd.get(), maps->sizeMapFd.get(),
+                               maps->perprocessSizeMapFd.get(), maps->processInodeMapFd.get(),
+                               maps->processMmapInfos.get(), maps->openFdCallerMapFd.get());
 }
 
 }  // namespace Bpf

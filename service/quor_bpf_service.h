@@ -33,6 +33,9 @@
 #include <thread>
 #include <vector>
 
+#include "bpf/quor_bpf_dmabuf_maps.h"
+#include "bpf/quor_bpf_pin_paths.h"
+#include "bpf/quor_bpf_procfs_paths.h"
 #include "bpf/quor_bpf_prog_table.h"
 #include "ipc/ipc_package_handler.h"
 #include "ipc/ipc_package_manager.h"
@@ -96,13 +99,13 @@ public:
     // thread count of every live one is taken again from procfs.
     size_t reapLostExits();
 
-    // Procfs readers (bpf/quor_bpf_proc_info.cpp).
+    // Procfs readers and kernel maps: delegates to bpf/
+    // (quor_bpf_service_kernel_data.cpp).
     void initTaskInfo();
     int getProcessInfo(int pid, struct UpdateProcessExdata* out);
     static int64_t GetFdSize(const std::string& path);
     static uint64_t GetFdInode(const std::string& path);
 
-    // Dmabuf and open-descriptor kernel maps (bpf/quor_bpf_dmabuf_maps.cpp).
     int initBpfMap();
     int initFdBpfProg();
     int initDmabufBpfProg();
@@ -140,34 +143,31 @@ public:
     static const BpfProgTable PROG_GPL_EVENT_MAP;
     static constexpr const char* QUOR_BPF_READY = "sys.quor_bpf_ready";
 
-    // Procfs files read by the procfs readers and the dmabuf scan. A %s is the
-    // pid as decimal text (the /proc entry's name), a %d the pid as a number.
-    static constexpr const char* PROC_FS_PATH = "/proc";
-    static constexpr const char* TASK_STATUS_TEMPLATE = "/proc/%s/status";
-    static constexpr const char* TASK_STATUS_PID_TEMPLATE = "/proc/%d/status";
-    static constexpr const char* TASK_STAT_TEMPLATE = "/proc/%s/stat";
-    static constexpr const char* TASK_FD_TEMPLATE = "/proc/%s/fd";
-    static constexpr const char* TASK_FDINFO_TEMPLATE = "/proc/%s/fdinfo/%s";
-    static constexpr const char* TASK_MAPS_TEMPLATE = "/proc/%s/maps";
-    static constexpr const char* TASK_DMABUF_PREFIX = "/dmabuf";
-    // How the path of a dmabuf buffer's descriptor or mapping begins.
-    static constexpr const char* TASK_DMABUF_PATH_PREFIX = "/dmabuf:";
-    // Keys of "Key:\tvalue" lines in status and fdinfo files.
-    static constexpr const char* TASK_COMM_PREFIX = "Name:\t";
-    static constexpr const char* TASK_PPID_PREFIX = "PPid:\t";
-    static constexpr const char* TASK_RSS_ANON_PREFIX = "RssAnon:\t";
-    static constexpr const char* TASK_RSS_FILE_PREFIX = "RssFile:\t";
-    static constexpr const char* TASK_RSS_SHMEM_PREFIX = "RssShmem:\t";
-    static constexpr const char* TASK_VM_SWAP_PREFIX = "VmSwap:\t";
-    static constexpr const char* TASK_PROC_UID_PREFIX = "Uid:\t";
-    static constexpr const char* TASK_THREADS_PREFIX = "Threads:\t";
-    static constexpr const char* TASK_DMABUF_SIZE_PREFIX = "size:\t";
-    static constexpr const char* TASK_DMABUF_INO_PREFIX = "ino:\t";
-    // The two per-process dmabuf maps that cleanUpDmabufMap() prunes.
+    // Procfs files read by the procfs readers and the dmabuf scan, and the
+    // pins of the two per-process dmabuf maps (bpf/).
+    static constexpr const char* PROC_FS_PATH = Procfs::PROC_FS_PATH;
+    static constexpr const char* TASK_STATUS_TEMPLATE = Procfs::TASK_STATUS_TEMPLATE;
+    static constexpr const char* TASK_STATUS_PID_TEMPLATE = Procfs::TASK_STATUS_PID_TEMPLATE;
+    static constexpr const char* TASK_STAT_TEMPLATE = Procfs::TASK_STAT_TEMPLATE;
+    static constexpr const char* TASK_FD_TEMPLATE = Procfs::TASK_FD_TEMPLATE;
+    static constexpr const char* TASK_FDINFO_TEMPLATE = Procfs::TASK_FDINFO_TEMPLATE;
+    static constexpr const char* TASK_MAPS_TEMPLATE = Procfs::TASK_MAPS_TEMPLATE;
+    static constexpr const char* TASK_DMABUF_PREFIX = Procfs::TASK_DMABUF_PREFIX;
+    static constexpr const char* TASK_DMABUF_PATH_PREFIX = Procfs::TASK_DMABUF_PATH_PREFIX;
+    static constexpr const char* TASK_COMM_PREFIX = Procfs::TASK_COMM_PREFIX;
+    static constexpr const char* TASK_PPID_PREFIX = Procfs::TASK_PPID_PREFIX;
+    static constexpr const char* TASK_RSS_ANON_PREFIX = Procfs::TASK_RSS_ANON_PREFIX;
+    static constexpr const char* TASK_RSS_FILE_PREFIX = Procfs::TASK_RSS_FILE_PREFIX;
+    static constexpr const char* TASK_RSS_SHMEM_PREFIX = Procfs::TASK_RSS_SHMEM_PREFIX;
+    static constexpr const char* TASK_VM_SWAP_PREFIX = Procfs::TASK_VM_SWAP_PREFIX;
+    static constexpr const char* TASK_PROC_UID_PREFIX = Procfs::TASK_PROC_UID_PREFIX;
+    static constexpr const char* TASK_THREADS_PREFIX = Procfs::TASK_THREADS_PREFIX;
+    static constexpr const char* TASK_DMABUF_SIZE_PREFIX = Procfs::TASK_DMABUF_SIZE_PREFIX;
+    static constexpr const char* TASK_DMABUF_INO_PREFIX = Procfs::TASK_DMABUF_INO_PREFIX;
     static constexpr const char* DMABUF_BPF_PROCESS_INODE_MAP_PATH =
-        "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_process_inode_map";
+        Pins::DMABUF_BPF_PROCESS_INODE_MAP_PATH;
     static constexpr const char* DMABUF_BPF_PROCESS_MMAP_INFOS_PATH =
-        "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_process_mmap_infos";
+        Pins::DMABUF_BPF_PROCESS_MMAP_INFOS_PATH;
     static std::mutex servicelock;
 
     ~QuorBpfService();
@@ -242,22 +242,9 @@ private:
     // under that lock while fanning out).
     std::map<int, IpcPackageManager> clients_;
 
-    android::base::unique_fd processInodeMapFd_;
-    android::base::unique_fd processMmapInfos_;
-    // The other maps that hold a process's entries, cleaned at its exit with
-    // the two above; -1 when not pinned.
-    android::base::unique_fd dmabufAllocateMapFd_;
-    android::base::unique_fd dmabufSizeMapFd_;
-    android::base::unique_fd dmabufPerprocessSizeMapFd_;
-    android::base::unique_fd openFdCallerMapFd_;
-
-    // What initDmabufBpfProg() found in procfs, kept after seeding: the
-    // buffers by inode (last holder seen, size), each holder's total, the
-    // descriptors per (pid, inode) and the mappings per (pid, start address).
-    std::map<uint64_t, dmabuf_info> dmabufInfoByInode;
-    std::map<int32_t, dmabuf_stat> dmabufStatByPid;
-    std::map<int32_t, std::map<uint64_t, uint64_t>> processInodes;
-    std::map<int32_t, std::map<uint64_t, uint64_t>> processMmaps;
+    // The dmabuf and descriptor maps the service seeds and prunes, and what
+    // the last seeding found.
+    QuorBpfDmabufMaps dmabufMaps_;
 
     std::mutex stopMutex_;
     std::condition_variable stopCv_;
