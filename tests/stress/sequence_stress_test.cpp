@@ -272,6 +272,7 @@ TEST_F(SequenceStressTest, SixtyThreeStalledClientsDoNotHoldUpAReader) {
             << "stalled client " << i;
     }
     const size_t overflowsBefore = ErrorLogCount(4);
+    const auto measured = Clock::now();
     // Every stalled queue overflows five times a run. A busy machine delays
     // the injector and the reader by itself now and then; the stalled
     // clients' cost comes every time. So the best of three runs counts.
@@ -287,9 +288,12 @@ TEST_F(SequenceStressTest, SixtyThreeStalledClientsDoNotHoldUpAReader) {
         }
     }
 
-    // Overflows are reported, but not one record each.
+    // Hundreds of overflows are reported, but not one record each: a few at
+    // once, then one per 10 seconds.
     const size_t overflowRecords = ErrorLogCount(4) - overflowsBefore;
-    EXPECT_LE(overflowRecords, 5u);
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - measured).count();
+    EXPECT_LE(overflowRecords, 4u + static_cast<size_t>(seconds) / 10);
     // The stalled clients add less than 10 ms to the longest wait the reader
     // has on this machine anyway. A machine on which the reader alone waits
     // longer than that cannot tell 10 ms apart: there only a stall per
