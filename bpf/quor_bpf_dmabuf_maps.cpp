@@ -1,33 +1,33 @@
-// Seeding and pruning of the kernel maps in which the eBPF programmes account
-// open descriptors and dmabuf buffers per process.
-//
-// The programmes only see changes from the moment they are attached, so the
-// service writes the state that already exists, read from procfs: the number
-// of open descriptors of every process, and every dmabuf buffer a process
-// holds through a descriptor or has mapped. Every update is a whole-entry
-// replace (flags 0): the programmes update the same maps concurrently.
+// The seeding writes the state that already exists, read from procfs: the
+// number of open descriptors of every process, and every dmabuf buffer a
+// process holds through a descriptor or has mapped.
 //
 // A pinned map is only used when its key and value sizes are exactly those of
 // the layouts in quor_bpf_records.h: the kernel copies key_size and value_size
 // bytes to and from the service's buffers, so a map of another layout would
 // make it read or write past them.
+#include "bpf/quor_bpf_dmabuf_maps.h"
+
 #include <bpf/bpf.h>
 #include <dirent.h>
 #include <linux/bpf.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "bpf/quor_bpf_line_reader.h"
+#include "bpf/quor_bpf_pin_paths.h"
 #include "bpf/quor_bpf_proc_info.h"
+#include "bpf/quor_bpf_procfs_paths.h"
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_strings.h"
-#include "service/quor_bpf_service.h"
 
 namespace Quor {
 namespace Bpf {
@@ -36,14 +36,8 @@ namespace {
 
 using android::base::unique_fd;
 
-constexpr const char* OPEN_FD_CALLER_MAP_PATH =
-    "/sys/fs/bpf/quor/map_QuorBpfDefineset_open_fd_caller_map";
-constexpr const char* DMABUF_ALLOCATE_MAP_PATH =
-    "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_allocate_map";
-constexpr const char* DMABUF_SIZE_MAP_PATH =
-    "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_size_map";
-constexpr const char* DMABUF_PERPROCESS_SIZE_MAP_PATH =
-    "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_perprocess_size_map";
+using namespace Pins;
+using namespace Procfs;
 
 // The attribute size the service passes with every map update.
 constexpr unsigned int MAP_UPDATE_ATTR_SIZE = 144;
@@ -68,6 +62,17 @@ int OpenPinnedMap(const char* path, uint32_t keySize, uint32_t valueSize) {
     return fd.release();
 }
 
+// Opens one of the maps the dmabuf seeding writes; false (logged, naming the
+// map) when it cannot be opened.
+bool OpenSeedMap(const char* path, uint32_t keySize, uint32_t valueSize, const char* name,
+                 unique_fd* fd) {
+    fd->reset(OpenPinnedMap(path, keySize, valueSize));
+    if (fd->get() >= 0) return true;
+    QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get %s(%d) failed! %s", name, -1,
+          strerror(errno));
+    return false;
+}
+
 int UpdateMapElem(int fd, const void* key, const void* value) {
     union bpf_attr attr;
     memset(&attr, 0, sizeof(attr));
@@ -78,22 +83,21 @@ int UpdateMapElem(int fd, const void* key, const void* value) {
     return static_cast<int>(syscall(__NR_bpf, BPF_MAP_UPDATE_ELEM, &attr, MAP_UPDATE_ATTR_SIZE));
 }
 
-// Deletes every key of a map keyed by quor_process_inode_key or
-// quor_process_mmap_key (same layout) whose pid `doomed` accepts; `mapName`
-// names the map in the logs. The next key is fetched before the current one
-// is deleted: resuming from a deleted key would restart a hash map's walk at
-// its start. A walk costs a system call per entry plus a scan of every bucket
-// (even an empty map's), so callers walk once for as many pids as they can.
+// Deletes every key of `mapFd` that `doomed` accepts; `mapName` names the map
+// in the logs. The next key is fetched before the current one is deleted:
+// resuming from a deleted key would restart a hash map's walk at its start.
+// A key the programmes deleted meanwhile (ENOENT) is no failure. A walk costs
+// a system call per entry plus a scan of every bucket (even an empty map's),
+// so callers walk once for as many pids as they can.
 template <typename Key, typename Doomed>
-int DeletePidKeys(int mapFd, const Doomed& doomed, const char* mapName) {
-    static_assert(sizeof(Key) == 16, "per-process dmabuf key layout");
+int DeleteKeys(int mapFd, const Doomed& doomed, const char* mapName) {
     Key key{};
     Key next{};
     bool haveKey = bpf_map_get_next_key(mapFd, nullptr, &key) == 0;
     while (haveKey) {
         haveKey = bpf_map_get_next_key(mapFd, &key, &next) == 0;
         const int nextErrno = errno;
-        if (doomed(key.pid) && bpf_map_delete_elem(mapFd, &key) != 0) {
+        if (doomed(key) && bpf_map_delete_elem(mapFd, &key) != 0 && errno != ENOENT) {
             QLOGW(QUOR_TAG_SERVICE, "Clean up %s faield! %s", mapName, strerror(errno));
             return -1;
         }
@@ -103,6 +107,33 @@ int DeletePidKeys(int mapFd, const Doomed& doomed, const char* mapName) {
     if (errno == ENOENT) return 0;  // walked to the end
     QLOGW(QUOR_TAG_SERVICE, "get %s frist key failed! %s", mapName, strerror(errno));
     return -1;
+}
+
+// Deletes `key` from a map keyed by pid; one that is not there is no failure.
+int DeletePidKey(int mapFd, int32_t pid, const char* mapName) {
+    if (mapFd < 0 || bpf_map_delete_elem(mapFd, &pid) == 0 || errno == ENOENT) return 0;
+    QLOGW(QUOR_TAG_SERVICE, "Clean up %s faield! %s", mapName, strerror(errno));
+    return -1;
+}
+
+// Whether process `pid` has ended: its status file is gone, or says it is a
+// zombie (its descriptors, and with them its buffers, are closed already).
+bool ProcessEnded(int32_t pid) {
+    QuorBpfLineReader status;
+    if (!status.Open(StringPrintf(TASK_STATUS_PID_TEMPLATE, pid))) return true;
+    std::string line;
+    while (status.Next(&line)) {
+        if (line.rfind("State:\t", 0) == 0) {
+            return line.size() > 7 && (line[7] == 'Z' || line[7] == 'X');
+        }
+    }
+    return false;
+}
+
+// A descriptor or mapping of a dmabuf buffer names a path that begins with
+// "/dmabuf:"; the text elsewhere in a path (a file named "x/dmabuf") is none.
+bool IsDmabufPath(const std::string& path) {
+    return path.rfind(TASK_DMABUF_PATH_PREFIX, 0) == 0;
 }
 
 // Number of entries of the descriptor directory `fdPath`, or -1 when it does
@@ -118,34 +149,26 @@ int64_t CountDescriptors(const std::string& fdPath) {
     return count;
 }
 
-// What one initDmabufBpfProg() run collects; the service's own tables.
-struct DmabufTables {
-    std::map<uint64_t, dmabuf_info>& infoByInode;
-    std::map<int32_t, dmabuf_stat>& statByPid;
-    std::map<int32_t, std::map<uint64_t, uint64_t>>& processInodes;
-    std::map<int32_t, std::map<uint64_t, uint64_t>>& processMmaps;
-};
-
 // Records the dmabuf buffers that process `pidName` holds through its
-// descriptors; returns the sum of their sizes, each buffer counted once.
-uint64_t ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTables* tables) {
-    const std::string fdPath = StringPrintf(QuorBpfService::TASK_FD_TEMPLATE, pidName.c_str());
+// descriptors; true when it holds any.
+bool ScanDmabufDescriptors(const std::string& pidName, int32_t pid, QuorBpfDmabufMaps* tables) {
+    const std::string fdPath = StringPrintf(TASK_FD_TEMPLATE, pidName.c_str());
     DIR* dir = opendir(fdPath.c_str());
-    if (dir == nullptr) return 0;
-    uint64_t total = 0;
+    if (dir == nullptr) return false;
+    bool found = false;
     while (const dirent* entry = readdir(dir)) {
         if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
         const std::string link = fdPath + "/" + entry->d_name;
-        if (ReadSymlink(link.c_str()).find(QuorBpfService::TASK_DMABUF_PREFIX) ==
-            std::string::npos) {
-            continue;
-        }
+        if (!IsDmabufPath(ReadSymlink(link.c_str()))) continue;
         const std::string fdinfo =
-            StringPrintf(QuorBpfService::TASK_FDINFO_TEMPLATE, pidName.c_str(), entry->d_name);
+            StringPrintf(TASK_FDINFO_TEMPLATE, pidName.c_str(), entry->d_name);
         // A size below 1 is no buffer the programmes could account.
-        const int64_t size = QuorBpfService::GetFdSize(fdinfo);
+        const int64_t size = ReadFdSize(fdinfo);
         if (size <= 0) continue;
-        const uint64_t inode = QuorBpfService::GetFdInode(fdinfo);
+        uint64_t inode = ReadFdInode(fdinfo);
+        // Older kernels write no "ino:" line; the descriptor's file says it.
+        struct stat target;
+        if (inode == 0 && stat(link.c_str(), &target) == 0) inode = target.st_ino;
         if (inode == 0) continue;
 
         std::map<uint64_t, uint64_t>& inodes = tables->processInodes[pid];
@@ -156,16 +179,16 @@ uint64_t ScanDmabufDescriptors(const std::string& pidName, int32_t pid, DmabufTa
         }
         inodes.emplace(inode, 1);
         // A holder seen later, in another process, takes the buffer over.
-        tables->infoByInode[inode] = dmabuf_info{pid, 0, static_cast<uint64_t>(size)};
-        total += static_cast<uint64_t>(size);
+        tables->dmabufInfoByInode[inode] = dmabuf_info{pid, 0, static_cast<uint64_t>(size)};
+        found = true;
     }
     (void)closedir(dir);
-    return total;
+    return found;
 }
 
 // Records the dmabuf mappings of process `pidName` by start address.
-void ScanDmabufMappings(const std::string& pidName, int32_t pid, DmabufTables* tables) {
-    const std::string mapsPath = StringPrintf(QuorBpfService::TASK_MAPS_TEMPLATE, pidName.c_str());
+void ScanDmabufMappings(const std::string& pidName, int32_t pid, QuorBpfDmabufMaps* tables) {
+    const std::string mapsPath = StringPrintf(TASK_MAPS_TEMPLATE, pidName.c_str());
     std::map<uint64_t, uint64_t> mappings;
     if (!ReadDmabufMappings(mapsPath, &mappings)) {
         QLOGW(QUOR_TAG_SERVICE, "[QuorBpfService][IMIT] Task not exists, so we skip it (%s)",
@@ -175,9 +198,47 @@ void ScanDmabufMappings(const std::string& pidName, int32_t pid, DmabufTables* t
     if (!mappings.empty()) tables->processMmaps[pid].insert(mappings.begin(), mappings.end());
 }
 
+// Removes what the maps hold of the processes in `sortedPids`: their
+// per-process entries, their totals, their descriptor count and the buffers
+// they were last seen holding. A descriptor of -1 is skipped.
+int RemoveDmabufEntries(const std::vector<int32_t>& sortedPids, int allocateFd, int sizeFd,
+                        int perprocessFd, int inodeFd, int mmapFd, int openFdFd) {
+    const auto doomed = [&sortedPids](int32_t pid) {
+        return std::binary_search(sortedPids.begin(), sortedPids.end(), pid);
+    };
+    int result = 0;
+    // Walked to its end whatever another map did: one map's failure must not
+    // leave the others holding a dead process's entries.
+    if (inodeFd >= 0 &&
+        DeleteKeys<quor_process_inode_key>(
+            inodeFd, [&](const quor_process_inode_key& key) { return doomed(key.pid); },
+            "processInodeMapFd") != 0) {
+        result = -1;
+    }
+    if (mmapFd >= 0 &&
+        DeleteKeys<quor_process_mmap_key>(
+            mmapFd, [&](const quor_process_mmap_key& key) { return doomed(key.pid); },
+            "processMmapInfos") != 0) {
+        result = -1;
+    }
+    if (allocateFd >= 0) {
+        const auto heldByDoomed = [&](const uint64_t& inode) {
+            dmabuf_info info{};
+            return bpf_map_lookup_elem(allocateFd, &inode, &info) == 0 && doomed(info.pid);
+        };
+        if (DeleteKeys<uint64_t>(allocateFd, heldByDoomed, "dmabufAllocateMap") != 0) result = -1;
+    }
+    for (const int32_t pid : sortedPids) {
+        if (DeletePidKey(sizeFd, pid, "dmabufSizeMap") != 0) result = -1;
+        if (DeletePidKey(perprocessFd, pid, "dmabufPerprocessSizeMap") != 0) result = -1;
+        if (DeletePidKey(openFdFd, pid, "open_fd_caller_map") != 0) result = -1;
+    }
+    return result;
+}
+
 }  // namespace
 
-int QuorBpfService::initBpfMap() {
+int InitBpfMap(QuorBpfDmabufMaps* maps) {
     const int inodeFd = OpenPinnedMap(DMABUF_BPF_PROCESS_INODE_MAP_PATH,
                                       sizeof(quor_process_inode_key), sizeof(uint64_t));
     if (inodeFd < 0) {
@@ -186,7 +247,7 @@ int QuorBpfService::initBpfMap() {
         errno = 0;
         return -1;
     }
-    processInodeMapFd_.reset(inodeFd);
+    maps->processInodeMapFd.reset(inodeFd);
     const int mmapFd = OpenPinnedMap(DMABUF_BPF_PROCESS_MMAP_INFOS_PATH,
                                      sizeof(quor_process_mmap_key), sizeof(uint64_t));
     if (mmapFd < 0) {
@@ -195,11 +256,21 @@ int QuorBpfService::initBpfMap() {
         errno = 0;
         return -1;
     }
-    processMmapInfos_.reset(mmapFd);
+    maps->processMmapInfos.reset(mmapFd);
+    // The other maps a process's exit cleans; one that is missing is skipped.
+    maps->allocateMapFd.reset(
+        OpenPinnedMap(DMABUF_ALLOCATE_MAP_PATH, sizeof(uint64_t), sizeof(dmabuf_info)));
+    maps->sizeMapFd.reset(
+        OpenPinnedMap(DMABUF_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
+    maps->perprocessSizeMapFd.reset(
+        OpenPinnedMap(DMABUF_PERPROCESS_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
+    maps->openFdCallerMapFd.reset(
+        OpenPinnedMap(OPEN_FD_CALLER_MAP_PATH, sizeof(int32_t), sizeof(quor_open_fd_value)));
+    errno = 0;
     return 0;
 }
 
-int QuorBpfService::initFdBpfProg() {
+int InitFdBpfProg() {
     // Logged at error priority so that it shows in logs filtered to errors.
     QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] update open_fd_caller_map !");
     unique_fd map(
@@ -244,66 +315,67 @@ int QuorBpfService::initFdBpfProg() {
     return 0;
 }
 
-int QuorBpfService::initDmabufBpfProg() {
+int InitDmabufBpfProg(QuorBpfDmabufMaps* maps) {
+    std::map<uint64_t, dmabuf_info>& dmabufInfoByInode = maps->dmabufInfoByInode;
+    std::map<int32_t, dmabuf_stat>& dmabufStatByPid = maps->dmabufStatByPid;
+    std::map<int32_t, std::map<uint64_t, uint64_t>>& processInodes = maps->processInodes;
+    std::map<int32_t, std::map<uint64_t, uint64_t>>& processMmaps = maps->processMmaps;
     dmabufInfoByInode.clear();
     dmabufStatByPid.clear();
     processInodes.clear();
     processMmaps.clear();
 
     // All five maps are opened before the scan, so a missing one seeds none.
-    unique_fd allocateMap(
-        OpenPinnedMap(DMABUF_ALLOCATE_MAP_PATH, sizeof(uint64_t), sizeof(dmabuf_info)));
-    if (allocateMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get dmabufAllocateMap(%d) failed! %s", -1,
-              strerror(errno));
-        return -1;
-    }
-    unique_fd sizeMap(OpenPinnedMap(DMABUF_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
-    if (sizeMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get dmabufSizeMap(%d) failed! %s", -1,
-              strerror(errno));
-        return -1;
-    }
-    unique_fd perprocessSizeMap(
-        OpenPinnedMap(DMABUF_PERPROCESS_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat)));
-    if (perprocessSizeMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get dmabufPerprocessSizeMap(%d) failed! %s",
-              -1, strerror(errno));
-        return -1;
-    }
-    unique_fd inodeMap(OpenPinnedMap(DMABUF_BPF_PROCESS_INODE_MAP_PATH,
-                                     sizeof(quor_process_inode_key), sizeof(uint64_t)));
-    if (inodeMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get processInodeMap(%d) failed! %s", -1,
-              strerror(errno));
-        return -1;
-    }
-    unique_fd mmapMap(OpenPinnedMap(DMABUF_BPF_PROCESS_MMAP_INFOS_PATH,
-                                    sizeof(quor_process_mmap_key), sizeof(uint64_t)));
-    if (mmapMap.get() < 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] get processMmapInfos(%d) failed! %s", -1,
-              strerror(errno));
+    unique_fd allocateMap;
+    unique_fd sizeMap;
+    unique_fd perprocessSizeMap;
+    unique_fd inodeMap;
+    unique_fd mmapMap;
+    if (!OpenSeedMap(DMABUF_ALLOCATE_MAP_PATH, sizeof(uint64_t), sizeof(dmabuf_info),
+                     "dmabufAllocateMap", &allocateMap) ||
+        !OpenSeedMap(DMABUF_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat), "dmabufSizeMap",
+                     &sizeMap) ||
+        !OpenSeedMap(DMABUF_PERPROCESS_SIZE_MAP_PATH, sizeof(int32_t), sizeof(dmabuf_stat),
+                     "dmabufPerprocessSizeMap", &perprocessSizeMap) ||
+        !OpenSeedMap(DMABUF_BPF_PROCESS_INODE_MAP_PATH, sizeof(quor_process_inode_key),
+                     sizeof(uint64_t), "processInodeMap", &inodeMap) ||
+        !OpenSeedMap(DMABUF_BPF_PROCESS_MMAP_INFOS_PATH, sizeof(quor_process_mmap_key),
+                     sizeof(uint64_t), "processMmapInfos", &mmapMap)) {
         return -1;
     }
 
-    DmabufTables tables{dmabufInfoByInode, dmabufStatByPid, processInodes, processMmaps};
+    QuorBpfDmabufMaps& tables = *maps;
     const int rc = ForEachProcPid([&tables](const std::string& pidName) {
         const int32_t pid = ProcToInt32(pidName);
-        const uint64_t total = ScanDmabufDescriptors(pidName, pid, &tables);
-        if (total == 0) return;  // holds no dmabuf: its mappings are not read
-        tables.statByPid[pid] = dmabuf_stat{total, 0};
-        ScanDmabufMappings(pidName, pid, &tables);
+        // A process without dmabuf descriptors: its mappings are not read.
+        if (ScanDmabufDescriptors(pidName, pid, &tables)) {
+            ScanDmabufMappings(pidName, pid, &tables);
+        }
     });
     if (rc != 0) {
         QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] read %s failed! %s", PROC_FS_PATH,
               strerror(errno));
     }
 
+    // A buffer the allocate map did not take is never released from a
+    // total by the programmes, so it is counted in none.
+    std::set<uint64_t> refused;
     for (const auto& [inode, info] : dmabufInfoByInode) {
         if (UpdateMapElem(allocateMap.get(), &inode, &info) != 0) {
             QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] update dmabuf allocate map failed! %s",
                   strerror(errno));
+            refused.insert(inode);
         }
+    }
+    for (const auto& [pid, inodes] : processInodes) {
+        uint64_t total = 0;
+        for (const auto& held : inodes) {
+            const auto info = dmabufInfoByInode.find(held.first);
+            if (info != dmabufInfoByInode.end() && refused.count(held.first) == 0) {
+                total += info->second.size;
+            }
+        }
+        if (total != 0) dmabufStatByPid[pid] = dmabuf_stat{total, 0};
     }
     for (const auto& [pid, stat] : dmabufStatByPid) {
         if (UpdateMapElem(sizeMap.get(), &pid, &stat) != 0) {
@@ -334,29 +406,40 @@ int QuorBpfService::initDmabufBpfProg() {
             }
         }
     }
+
+    // A process that ended while it was scanned may have had its exit cleaned
+    // up before its entries were written: they go again now.
+    std::vector<int32_t> ended;
+    for (const auto& held : processInodes) {
+        if (ProcessEnded(held.first)) ended.push_back(held.first);
+    }
+    if (!ended.empty()) {
+        for (const int32_t pid : ended) {
+            dmabufStatByPid.erase(pid);
+            processInodes.erase(pid);
+            processMmaps.erase(pid);
+        }
+        for (auto it = dmabufInfoByInode.begin(); it != dmabufInfoByInode.end();) {
+            it = std::binary_search(ended.begin(), ended.end(), it->second.pid)
+                     ? dmabufInfoByInode.erase(it)
+                     : std::next(it);
+        }
+        (void)RemoveDmabufEntries(ended, allocateMap.get(), sizeMap.get(), perprocessSizeMap.get(),
+                                  inodeMap.get(), mmapMap.get(), -1);
+    }
     return 0;
 }
 
-int QuorBpfService::cleanUpDmabufMap(int pid) {
-    return cleanUpDmabufMaps(std::vector<int32_t>{pid});
-}
-
-int QuorBpfService::cleanUpDmabufMaps(const std::vector<int32_t>& pids) {
-    if (processInodeMapFd_.get() < 0 || processMmapInfos_.get() < 0) {
+int CleanUpDmabufMaps(QuorBpfDmabufMaps* maps, const std::vector<int32_t>& pids) {
+    if (maps->processInodeMapFd.get() < 0 || maps->processMmapInfos.get() < 0) {
         QLOGW(QUOR_TAG_SERVICE, "processInodeMapFd and processMmapInfos not exists");
         return 0;
     }
     std::vector<int32_t> sorted(pids);
     std::sort(sorted.begin(), sorted.end());
-    const auto doomed = [&sorted](int32_t pid) {
-        return std::binary_search(sorted.begin(), sorted.end(), pid);
-    };
-    if (DeletePidKeys<quor_process_inode_key>(processInodeMapFd_.get(), doomed,
-                                              "processInodeMapFd") != 0) {
-        return -1;
-    }
-    return DeletePidKeys<quor_process_mmap_key>(processMmapInfos_.get(), doomed,
-                                                "processMmapInfos");
+    return RemoveDmabufEntries(sorted, maps->allocateMapFd.get(), maps->sizeMapFd.get(),
+                               maps->perprocessSizeMapFd.get(), maps->processInodeMapFd.get(),
+                               maps->processMmapInfos.get(), maps->openFdCallerMapFd.get());
 }
 
 }  // namespace Bpf

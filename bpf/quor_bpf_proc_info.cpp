@@ -10,21 +10,26 @@
 #include <vector>
 
 #include "bpf/quor_bpf_line_reader.h"
+#include "bpf/quor_bpf_procfs_paths.h"
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_strings.h"
 #include "diag/quor_bpf_time.h"
-#include "service/quor_bpf_service.h"
 
 namespace Quor {
 namespace Bpf {
 
 namespace {
 
-// Pieces of a stat line split on blanks: 19 is the thread count, 21 the start
-// time in clock ticks since boot. A name with blanks shifts them; the line is
-// taken as it falls rather than guessed at.
-constexpr size_t STAT_THREADS_PIECE = 19;
-constexpr size_t STAT_START_TIME_PIECE = 21;
+// A stat file is "pid (name) state ppid ...", and the name may hold blanks,
+// parentheses and newlines ("tmux: server"). Only the text after the last ')'
+// has a fixed shape: split on blanks, its piece 0 is the state (field 3),
+// piece 17 the thread count (field 20), piece 19 the start time in clock
+// ticks since boot (field 22).
+constexpr size_t STAT_THREADS_PIECE = 17;
+constexpr size_t STAT_START_TIME_PIECE = 19;
+// Far above a real stat file (a name is at most 64 bytes), a bound for a
+// crafted one.
+constexpr size_t STAT_MAX_BYTES = 4096;
 
 // Fields of a maps line split on blanks: address range, perms, offset,
 // device, inode, path.
@@ -36,19 +41,19 @@ constexpr size_t MAPS_PATH_PIECE = 5;
 // matches decides.
 void ApplyStatusLine(const std::string& line, quor_task_init_record* record) {
     std::string value;
-    if (ProcLineValue(line, QuorBpfService::TASK_COMM_PREFIX, &value)) {
+    if (ProcLineValue(line, Procfs::TASK_COMM_PREFIX, &value)) {
         CopyProcName(value, record->comm);
-    } else if (ProcLineValue(line, QuorBpfService::TASK_PPID_PREFIX, &value)) {
+    } else if (ProcLineValue(line, Procfs::TASK_PPID_PREFIX, &value)) {
         record->ppid = ProcToInt32(value);
-    } else if (ProcLineValue(line, QuorBpfService::TASK_RSS_ANON_PREFIX, &value)) {
+    } else if (ProcLineValue(line, Procfs::TASK_RSS_ANON_PREFIX, &value)) {
         record->rss_anon = ProcKbToBytes(value);
-    } else if (ProcLineValue(line, QuorBpfService::TASK_RSS_FILE_PREFIX, &value)) {
+    } else if (ProcLineValue(line, Procfs::TASK_RSS_FILE_PREFIX, &value)) {
         record->rss_file = ProcKbToBytes(value);
-    } else if (ProcLineValue(line, QuorBpfService::TASK_RSS_SHMEM_PREFIX, &value)) {
+    } else if (ProcLineValue(line, Procfs::TASK_RSS_SHMEM_PREFIX, &value)) {
         record->rss_shmem = ProcKbToBytes(value);
-    } else if (ProcLineValue(line, QuorBpfService::TASK_VM_SWAP_PREFIX, &value)) {
+    } else if (ProcLineValue(line, Procfs::TASK_VM_SWAP_PREFIX, &value)) {
         record->swap = ProcKbToBytes(value);
-    } else if (ProcLineValue(line, QuorBpfService::TASK_PROC_UID_PREFIX, &value)) {
+    } else if (ProcLineValue(line, Procfs::TASK_PROC_UID_PREFIX, &value)) {
         record->uid = ProcToInt32(value);
     }
 }
@@ -119,7 +124,7 @@ void CopyProcName(const std::string& name, char* comm) {
 }
 
 int ForEachProcPid(const std::function<void(const std::string& pidName)>& visit) {
-    DIR* dir = opendir(QuorBpfService::PROC_FS_PATH);
+    DIR* dir = opendir(Procfs::PROC_FS_PATH);
     if (dir == nullptr) return -1;
     int result = 0;
     while (true) {
@@ -139,10 +144,9 @@ int ForEachProcPid(const std::function<void(const std::string& pidName)>& visit)
 }
 
 bool ReadTaskInitRecord(const std::string& pidName, quor_task_init_record* out) {
-    return ReadTaskInitRecordFiles(
-        StringPrintf(QuorBpfService::TASK_STATUS_TEMPLATE, pidName.c_str()),
-        StringPrintf(QuorBpfService::TASK_STAT_TEMPLATE, pidName.c_str()), ProcToInt32(pidName),
-        out);
+    return ReadTaskInitRecordFiles(StringPrintf(Procfs::TASK_STATUS_TEMPLATE, pidName.c_str()),
+                                   StringPrintf(Procfs::TASK_STAT_TEMPLATE, pidName.c_str()),
+                                   ProcToInt32(pidName), out);
 }
 
 bool ReadTaskInitRecordFiles(const std::string& statusPath, const std::string& statPath,
@@ -159,8 +163,14 @@ bool ReadTaskInitRecordFiles(const std::string& statusPath, const std::string& s
 
     // A process that has gone between the two files is not reported at all.
     if (!reader.Open(statPath)) return false;
-    if (reader.Next(&line)) {
-        const std::vector<std::string> pieces = Split(line, " ");
+    std::string stat;
+    while (stat.size() < STAT_MAX_BYTES && reader.Next(&line)) {
+        if (!stat.empty()) stat += '\n';  // a newline in the name
+        stat += line;
+    }
+    const size_t nameEnd = stat.rfind(')');
+    if (nameEnd != std::string::npos) {
+        const std::vector<std::string> pieces = Split(stat.substr(nameEnd + 1), " ");
         if (pieces.size() > STAT_START_TIME_PIECE) {
             out->thread_count = ProcToInt32(pieces[STAT_THREADS_PIECE]);
             out->start_time_s = StartTimeSeconds(pieces[STAT_START_TIME_PIECE]);
@@ -175,13 +185,28 @@ bool ReadProcessExdataFile(const std::string& statusPath, UpdateProcessExdata* o
     std::string line;
     std::string value;
     while (reader.Next(&line)) {
-        if (ProcLineValue(line, QuorBpfService::TASK_COMM_PREFIX, &value)) {
+        if (ProcLineValue(line, Procfs::TASK_COMM_PREFIX, &value)) {
             CopyProcName(value, out->comm);
-        } else if (ProcLineValue(line, QuorBpfService::TASK_PPID_PREFIX, &value)) {
+        } else if (ProcLineValue(line, Procfs::TASK_PPID_PREFIX, &value)) {
             out->ppid = ProcToInt32(value);
         }
     }
     return true;
+}
+
+bool ReadProcessThreads(int32_t pid, int32_t* threads) {
+    QuorBpfLineReader reader;
+    if (!reader.Open(StringPrintf(Procfs::TASK_STATUS_PID_TEMPLATE, pid))) return false;
+    std::string line;
+    std::string value;
+    while (reader.Next(&line)) {
+        if (line.rfind(Procfs::TASK_THREADS_PREFIX, 0) == 0 &&
+            ProcLineValue(line, Procfs::TASK_THREADS_PREFIX, &value)) {
+            *threads = ProcToInt32(value);
+            return true;
+        }
+    }
+    return false;
 }
 
 bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t>* mappings) {
@@ -191,7 +216,7 @@ bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t
     while (reader.Next(&line)) {
         const std::vector<std::string> pieces = Split(line, " ");
         if (pieces.size() <= MAPS_PATH_PIECE ||
-            pieces[MAPS_PATH_PIECE].find(QuorBpfService::TASK_DMABUF_PREFIX) == std::string::npos) {
+            pieces[MAPS_PATH_PIECE].rfind(Procfs::TASK_DMABUF_PATH_PREFIX, 0) != 0) {
             continue;
         }
         const std::vector<std::string> range = Split(pieces[MAPS_RANGE_PIECE], "-");
@@ -202,9 +227,9 @@ bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t
     return true;
 }
 
-int QuorBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
+int ReadProcessInfo(int pid, UpdateProcessExdata* out) {
     if (out == nullptr ||
-        !ReadProcessExdataFile(StringPrintf(TASK_STATUS_PID_TEMPLATE, pid), out)) {
+        !ReadProcessExdataFile(StringPrintf(Procfs::TASK_STATUS_PID_TEMPLATE, pid), out)) {
         QLOGW(QUOR_TAG_SERVICE, "[QuorBpfService][GPI] Task not exists, errno info: %s",
               strerror(out == nullptr ? EINVAL : errno));
         return -1;
@@ -213,14 +238,14 @@ int QuorBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
     return 0;
 }
 
-int64_t QuorBpfService::GetFdSize(const std::string& path) {
+int64_t ReadFdSize(const std::string& path) {
     std::string value;
-    return ReadFdinfoValue(path, TASK_DMABUF_SIZE_PREFIX, &value) ? ProcToInt64(value) : 0;
+    return ReadFdinfoValue(path, Procfs::TASK_DMABUF_SIZE_PREFIX, &value) ? ProcToInt64(value) : 0;
 }
 
-uint64_t QuorBpfService::GetFdInode(const std::string& path) {
+uint64_t ReadFdInode(const std::string& path) {
     std::string value;
-    return ReadFdinfoValue(path, TASK_DMABUF_INO_PREFIX, &value) ? ProcToUint64(value) : 0;
+    return ReadFdinfoValue(path, Procfs::TASK_DMABUF_INO_PREFIX, &value) ? ProcToUint64(value) : 0;
 }
 
 }  // namespace Bpf

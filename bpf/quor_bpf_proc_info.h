@@ -1,9 +1,9 @@
 // Procfs readers of the service: what it learns about processes that already
 // ran before the kernel programmes were attached, and single values the
-// dmabuf scan needs. The member functions getProcessInfo(), GetFdSize() and
-// GetFdInode() of QuorBpfService are implemented beside these helpers;
-// initTaskInfo(), which feeds ReadTaskInitRecord()'s records to the record
-// handler, is in quor_bpf_task_scan.cpp.
+// dmabuf scan needs. QuorBpfService's getProcessInfo(), GetFdSize() and
+// GetFdInode() are ReadProcessInfo(), ReadFdSize() and ReadFdInode();
+// ScanRunningTasks() (quor_bpf_task_scan.h) feeds ReadTaskInitRecord()'s
+// records to the record handler.
 //
 // Procfs text is treated as untrusted: a value that is not a number reads as
 // 0, lines are bounded (QuorBpfLineReader), names are copied into fixed
@@ -74,8 +74,20 @@ bool ReadTaskInitRecordFiles(const std::string& statusPath, const std::string& s
                              int32_t pid, quor_task_init_record* out);
 bool ReadProcessExdataFile(const std::string& statusPath, UpdateProcessExdata* out);
 
+// Fills out->ppid and out->comm of process `pid` from its status file and
+// sets out->pid: 0, or -1 (logged) when the file does not open.
+int ReadProcessInfo(int pid, UpdateProcessExdata* out);
+// The "size:" (bytes) and "ino:" values of an fdinfo file; 0 when the file
+// does not open (logged) or has no such line.
+int64_t ReadFdSize(const std::string& path);
+uint64_t ReadFdInode(const std::string& path);
+
+// The thread count of a process, from the "Threads:" line of its status
+// file. False when the file does not open or has no such line.
+bool ReadProcessThreads(int32_t pid, int32_t* threads);
+
 // The dmabuf mappings of a maps file: start address -> inode of every line
-// whose path holds "/dmabuf". False when the file does not open.
+// whose path begins with "/dmabuf:". False when the file does not open.
 bool ReadDmabufMappings(const std::string& mapsPath, std::map<uint64_t, uint64_t>* mappings);
 
 }  // namespace Bpf

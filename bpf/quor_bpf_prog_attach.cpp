@@ -66,11 +66,20 @@ void ExplainTracepointFailure(const std::string& subSystem, const std::string& e
           subSystem.c_str(), eventName.c_str());
 }
 
+// Closes a programme descriptor whose attach failed, keeping errno: only an
+// attached programme's descriptors stay open for the life of the process.
+void CloseFailedProgram(int progFd) {
+    const int saved = errno;
+    (void)close(progFd);
+    errno = saved;
+}
+
 int AttachTracepoint(int progFd, const std::string& subSystem, const std::string& eventName) {
     const int fd = bpf_attach_tracepoint(progFd, subSystem.c_str(), eventName.c_str());
     if (fd < 0) {
         const int saved = errno;
         ExplainTracepointFailure(subSystem, eventName);
+        CloseFailedProgram(progFd);
         errno = saved;
         return -1;
     }
@@ -85,6 +94,7 @@ int AttachKprobe(int progFd, bool isEntry, const std::string& progName,
     if (fd < 0) {
         const int saved = errno;
         ExplainKprobeFailure(functionName);
+        CloseFailedProgram(progFd);
         errno = saved;
         return -1;
     }
@@ -214,6 +224,7 @@ int AttachKProbeProgram(const std::string& dir, const std::string& objectName,
               progName.c_str(), objectName.c_str());
         // No call failed: say why, rather than leave a stale errno (EEXIST
         // would hide the failure from the directory walk).
+        (void)close(progFd);
         errno = EINVAL;
         return -1;
     }

@@ -6,8 +6,9 @@
 // subsystem and event joined by "_" (prog_QuorBpfDefineset_tracepoint_
 // sched_sched_process_fork). These functions open such a file and attach the
 // programme: to a tracepoint, or as a kprobe / kretprobe registered under the
-// event name "<name>_quorbpf". The programme and attachment descriptors are
-// kept open on purpose: an attachment lives as long as the process.
+// event name "<name>_quorbpf". The programme and attachment descriptors of
+// an attachment are kept open on purpose: it lives as long as the process;
+// a programme whose attachment failed has its descriptor closed again.
 //
 // Two walks attach many at once and return how many attachments failed:
 //   AttachAllQuorBpfProgram(dir, table)  every row of a programme table whose

@@ -1,6 +1,7 @@
 #include "diag/quor_bpf_state.h"
 
 #include <sys/stat.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -23,6 +24,12 @@ std::mutex& InstanceLock() {
     return lock;
 }
 
+int64_t SecondsSinceBoot() {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec;
+}
+
 }  // namespace
 
 QuorBpfDataState* QuorBpfDataState::GetInstance() {
@@ -37,7 +44,8 @@ QuorBpfDataState* QuorBpfDataState::GetInstance() {
     return current;
 }
 
-QuorBpfDataState::QuorBpfDataState(SecondsClock clock) : clock_(clock), lastSecond(clock()) {}
+QuorBpfDataState::QuorBpfDataState(SecondsClock clock)
+    : clock_(clock != nullptr ? clock : SecondsSinceBoot), lastSecond(clock_()) {}
 
 void QuorBpfDataState::RecordEvent(int32_t type, int32_t count) {
     // A negative type would address memory before the slot.
@@ -59,8 +67,7 @@ void QuorBpfDataState::advanceTo(int64_t now) {
     if (delta <= 0) return;
     const int64_t newHead = head + delta;
     if (newHead - tail > HISTORY_SECONDS - 1) tail = newHead - (HISTORY_SECONDS - 1);
-    // Clearing more than the whole window would only repeat itself; the first
-    // jump of the time base is ~1.7e9 seconds.
+    // Clearing more than the whole window would only repeat itself.
     const int64_t skipped = std::min(delta, HISTORY_SECONDS);
     for (int64_t i = 1; i <= skipped; ++i) {
         memset(counts[(head + i) % HISTORY_SECONDS], 0, sizeof(Slot));

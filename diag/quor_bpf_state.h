@@ -38,8 +38,10 @@ public:
     static QuorBpfDataState* GetInstance();
 
     // The service uses GetInstance(); a separate instance with its own clock
-    // exists for tests that need to move time.
-    explicit QuorBpfDataState(SecondsClock clock = GetSystemSecondsTime);
+    // exists for tests that need to move time. The default clock is seconds
+    // since boot, without the time base: the base is set at start-up, maybe
+    // after a dump signal created the instance, and must not move the slots.
+    explicit QuorBpfDataState(SecondsClock clock = nullptr);
     QuorBpfDataState(const QuorBpfDataState&) = delete;
     QuorBpfDataState& operator=(const QuorBpfDataState&) = delete;
 

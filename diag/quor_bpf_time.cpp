@@ -9,6 +9,8 @@
 #include <fstream>
 #include <string>
 
+#include "diag/quor_bpf_log.h"
+
 namespace Quor {
 namespace Bpf {
 
@@ -44,17 +46,25 @@ bool ParseBtimeLine(const std::string& line, int64_t* btime) {
 }  // namespace
 
 bool InitBasetime() {
-    std::ifstream stat("/proc/stat");
+    return InitBasetimeFrom("/proc/stat");
+}
+
+bool InitBasetimeFrom(const std::string& statPath) {
+    std::ifstream stat(statPath);
     if (!stat.is_open()) return false;
     std::string line;
     while (std::getline(stat, line)) {
-        if (line.find("btime ") != std::string::npos) {
-            int64_t btime = 0;
-            if (ParseBtimeLine(line, &btime)) __basetime.store(btime, std::memory_order_relaxed);
-            break;
-        }
+        if (line.find("btime ") == std::string::npos) continue;
+        int64_t btime = 0;
+        if (!ParseBtimeLine(line, &btime)) break;
+        __basetime.store(btime, std::memory_order_relaxed);
+        return true;
     }
-    return true;
+    // Every clock with the base would then read as seconds since boot.
+    QLOGE(QUOR_TAG_UTILS, "[InitBasetime] no readable boot time in %s; the base stays %lld",
+          statPath.c_str(), static_cast<long long>(Base()));
+    errno = EINVAL;
+    return false;
 }
 
 int64_t GetBasetime() {

@@ -9,11 +9,15 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace Quor {
 namespace Bpf {
 
+// False (logged, errno set) when the file does not open or holds no
+// readable "btime" line; the base is then left as it was.
 bool InitBasetime();
+bool InitBasetimeFrom(const std::string& statPath);
 int64_t GetBasetime();
 int64_t GetSystemBootNanosencondsTime();
 int64_t GetSystemNanosencondsTime();

@@ -35,6 +35,9 @@ struct QuorTask {
     int64_t initTimeStamp = 0;  // seconds on the service's time base
     int64_t refreshTime = 0;    // seconds; 0 if the record was never refreshed
     int64_t createTime = 0;     // ns, clock of the kernel event that created it
+    // ns, same clock: when threadNum was last taken from procfs. Thread
+    // records older than that are already in the count.
+    int64_t threadSyncTime = 0;
 };
 
 // True when a's four current rss sizes sum to more than b's.

@@ -12,7 +12,9 @@
 #include "diag/quor_bpf_strings.h"
 #include "ipc/package_block_pool.h"
 
+using Quor::Bpf::RateLimiter;
 using Quor::Bpf::RecordBpfServiceErrorInfo;
+using Quor::Bpf::RecordBpfServiceErrorInfoLimited;
 using Quor::Bpf::StringPrintf;
 
 namespace {
@@ -23,6 +25,9 @@ constexpr int kErrorReqQueueFull = 5;
 constexpr int kErrorRespQueueFull = 6;
 constexpr int kErrorFillAllDamaged = 7;
 constexpr int kErrorFillNextDamaged = 8;
+// Overflow records: a few at once, then one every 10 seconds.
+constexpr int kOverflowReportBurst = 3;
+constexpr auto kOverflowReportInterval = std::chrono::seconds(10);
 
 void PutU32(char* at, uint32_t value) {
     memcpy(at, &value, sizeof(value));
@@ -144,10 +149,29 @@ QuorIpcPackage IpcPackageManager::BuildSharedSecondIpcPackage(unsigned int type,
     return QuorIpcPackage{size, block};
 }
 
-size_t IpcPackageManager::appendSharedIpcPackage(const QuorIpcPackage& package) {
+size_t IpcPackageManager::appendSharedIpcPackage(const QuorIpcPackage& package,
+                                                 Overflow* overflow) {
     if (package.packageData == nullptr) return 0;
     RetainBlock(package.packageData);
-    return appendPackage(package, kErrorSecondQueueFull, "[AppendSecondIpc]");
+    return appendPackage(package, kErrorSecondQueueFull, "[AppendSecondIpc]", overflow);
+}
+
+void IpcPackageManager::FinishOverflow(Overflow* overflow) {
+    if (overflow->queues != 0) {
+        ReportOverflow(kErrorSecondQueueFull, "[AppendSecondIpc]", overflow->queues);
+    }
+    overflow->queues = 0;
+}
+
+void IpcPackageManager::ReportOverflow(int errorCode, const char* logPrefix, size_t queues) {
+    static RateLimiter limiter(kOverflowReportBurst, kOverflowReportInterval);
+    std::string message =
+        StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(QUEUE_HIGH_WATER));
+    if (queues > 1) message += StringPrintf(" (%zu queues)", queues);
+    if (RecordBpfServiceErrorInfoLimited(&limiter, errorCode, message)) {
+        QLOGE(QUOR_TAG_UTILS, "%s ipc Package Queue too big: %zu queues dropped their oldest",
+              logPrefix, queues);
+    }
 }
 
 void IpcPackageManager::ReleaseSharedIpcPackage(const QuorIpcPackage& package) {
@@ -155,28 +179,42 @@ void IpcPackageManager::ReleaseSharedIpcPackage(const QuorIpcPackage& package) {
 }
 
 size_t IpcPackageManager::appendPackage(QuorIpcPackage package, int errorCode,
-                                        const char* logPrefix) {
-    size_t overflowCount = 0;
+                                        const char* logPrefix, Overflow* overflow) {
+    bool overflowed = false;
     size_t queuedBefore = 0;
+    QuorIpcPackage retiring[kRetirePerAppend];
+    size_t retiringCount = 0;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         queuedBefore = queue_.size();
         if (queue_.size() > QUEUE_HIGH_WATER) {
-            overflowCount = queue_.size();
-            while (queue_.size() > QUEUE_LOW_WATER) popFront();
+            // Moved aside, not released: releasing thousands of packages at
+            // once would hold up this producer (and every queue after this
+            // one). Each later append releases a few of them.
+            const auto keep = queue_.end() - static_cast<std::ptrdiff_t>(QUEUE_LOW_WATER);
+            retired_.insert(retired_.end(), queue_.begin(), keep);
+            queue_.erase(queue_.begin(), keep);
+            overflowed = true;
         }
         queue_.push_back(package);
         count_.store(queue_.size(), std::memory_order_relaxed);
+        while (retiringCount < kRetirePerAppend && !retired_.empty()) {
+            retiring[retiringCount++] = retired_.front();
+            retired_.pop_front();
+        }
     }
+    for (size_t i = 0; i < retiringCount; ++i) ReleaseBlock(retiring[i].packageData);
     // Waiters register under the mutex, so one that waits for this package
     // is counted by now; without waiters the wake-up call is saved.
     if (waiters_.load(std::memory_order_relaxed) != 0) cv_.notify_all();
-    // Reported after the lock is released: writing the error log takes far
-    // longer than a queue operation and the producers must not wait for it.
-    if (overflowCount != 0) {
-        RecordBpfServiceErrorInfo(errorCode, StringPrintf("B&A Ipc Package queue full %d",
-                                                          static_cast<int>(QUEUE_HIGH_WATER)));
-        QLOGE(QUOR_TAG_UTILS, "%s ipc Package Queue too big: %zu", logPrefix, overflowCount);
+    // Reported after the lock is released (by the caller, when it holds one
+    // of its own): writing the error log takes far longer than a queue
+    // operation and the producers must not wait for it.
+    if (!overflowed) return queuedBefore;
+    if (overflow != nullptr) {
+        ++overflow->queues;
+    } else {
+        ReportOverflow(errorCode, logPrefix, 1);
     }
     return queuedBefore;
 }
@@ -314,6 +352,8 @@ size_t IpcPackageManager::dropAllIpcPackages() {
     std::lock_guard<std::mutex> lock(mutex_);
     const size_t dropped = queue_.size();
     while (!queue_.empty()) popFront();
+    for (const QuorIpcPackage& package : retired_) ReleaseBlock(package.packageData);
+    retired_.clear();
     count_.store(0, std::memory_order_relaxed);
     return dropped;
 }

@@ -58,10 +58,21 @@ public:
     // builder holds it until ReleaseSharedIpcPackage.
     static QuorIpcPackage BuildSharedSecondIpcPackage(unsigned int type, char* data,
                                                       unsigned long len);
+    // What appends under a caller's lock left to do after it: the report of
+    // the queues that overflowed.
+    struct Overflow {
+        size_t queues = 0;
+    };
     // Queues a hold on a shared package (overflow rule as above, error code
     // 4). Returns the number of packages queued before it (0: the writer
-    // may have gone idle and must be told).
-    size_t appendSharedIpcPackage(const QuorIpcPackage& package);
+    // may have gone idle and must be told). With `overflow` given, an
+    // overflow's report is left there, for the caller to finish with
+    // FinishOverflow() once it holds no lock.
+    size_t appendSharedIpcPackage(const QuorIpcPackage& package, Overflow* overflow = nullptr);
+    // Reports the overflows (error code 4). Overflow reports come in floods
+    // when clients stop reading: at most a few are written, then one per
+    // interval, each counting those held back.
+    static void FinishOverflow(Overflow* overflow);
     static void ReleaseSharedIpcPackage(const QuorIpcPackage& package);
 
     // Moves the front package into the buffer as one frame. False when the
@@ -84,8 +95,11 @@ public:
 
 private:
     // Queues a built package; errorCode and logPrefix name the caller in the
-    // overflow record. Returns the number of packages queued before it.
-    size_t appendPackage(QuorIpcPackage package, int errorCode, const char* logPrefix);
+    // overflow record. Returns the number of packages queued before it. With
+    // `overflow` given, an overflow is left there instead of finished here.
+    size_t appendPackage(QuorIpcPackage package, int errorCode, const char* logPrefix,
+                         Overflow* overflow = nullptr);
+    static void ReportOverflow(int errorCode, const char* logPrefix, size_t queues);
     // One step of fillNextIpcPackageToBuffer; the caller holds mutex_.
     enum class FillStep { kFilled, kNoRoom, kEmpty, kDamaged };
     FillStep fillNextLocked(BufferState* state);
@@ -96,6 +110,10 @@ private:
 
     std::mutex mutex_;
     std::deque<QuorIpcPackage> queue_;
+    // Packages the overflow rule dropped, released a few per append (and all
+    // when the queue is emptied): never thousands at once on a producer.
+    static constexpr size_t kRetirePerAppend = 8;
+    std::deque<QuorIpcPackage> retired_;
     std::condition_variable cv_;
     std::atomic<unsigned long> count_{0};
     std::atomic<int> waiters_{0};  // threads in waitEventReady

@@ -185,7 +185,8 @@ int BPF_KPROBE(dma_buf_stats_setup, struct dma_buf *dmabuf, struct file *file)
     if (inode == 0) return 0;
 
     struct dmabuf_info info = {.pid = tgid, .size = size};
-    (void)bpf_map_update_elem(&dmabuf_allocate_map, &inode, &info, BPF_ANY);
+    /* A buffer the map cannot hold is never released from a total: not counted. */
+    if (bpf_map_update_elem(&dmabuf_allocate_map, &inode, &info, BPF_ANY) != 0) return 0;
     struct quor_process_inode_key key = {.pid = tgid, .inode = inode};
     __u64 one = 1;
     (void)bpf_map_update_elem(&process_inode_map, &key, &one, BPF_NOEXIST);

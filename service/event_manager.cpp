@@ -64,6 +64,7 @@ int EventManager::AppendEvent(char* data, unsigned long len) {
     if (data == nullptr || len < sizeof(int32_t)) return 0;  // no type to route by
     const int32_t type = IpcReadS32(data);
     QuorIpcPackage package{0, nullptr};
+    IpcPackageManager::Overflow overflow;
     {
         // Most records have no subscriber: one lookup, nothing built. One
         // lock for the whole fan-out: building the package is a copy into a
@@ -88,7 +89,7 @@ int EventManager::AppendEvent(char* data, unsigned long len) {
                 // write interest, so an empty queue needs the notice. Every
                 // so often a busy one gets it too, in case its connection
                 // gave up writing after a socket error.
-                const size_t queued = client->second.appendSharedIpcPackage(package);
+                const size_t queued = client->second.appendSharedIpcPackage(package, &overflow);
                 if ((queued == 0 || queued % kRenoticeEvery == 0) && server_ != nullptr) {
                     (void)server_->notifyNeedWriteData(fd);
                 }
@@ -96,6 +97,9 @@ int EventManager::AppendEvent(char* data, unsigned long len) {
         }
     }
     IpcPackageManager::ReleaseSharedIpcPackage(package);
+    // Every producer and client waits for the fan-out lock: the queues that
+    // overflowed are reported only now.
+    if (overflow.queues != 0) IpcPackageManager::FinishOverflow(&overflow);
     return 0;
 }
 

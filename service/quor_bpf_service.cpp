@@ -113,18 +113,21 @@ void QuorBpfService::sleepUnlessStopped(int seconds) {
     stopCv_.wait_for(lock, std::chrono::seconds(seconds), [this] { return !running_.load(); });
 }
 
+void QuorBpfService::superviseProducers() {
+    std::lock_guard<std::mutex> lock(servicelock);
+    if (!running_.load()) return;
+    reapEndedProducer(&producer_, &producerAlive_, &QuorBpfService::eventProduceThread);
+    // The GPL thread is started by the producer once the kernel side is
+    // ready; only restart it after that has happened once.
+    if (gplProducer_.joinable()) {
+        reapEndedProducer(&gplProducer_, &gplProducerAlive_,
+                          &QuorBpfService::gpleventProduceThread);
+    }
+}
+
 int QuorBpfService::Wait() {
     while (running_.load()) {
-        {
-            std::lock_guard<std::mutex> lock(servicelock);
-            reapEndedProducer(&producer_, &producerAlive_, &QuorBpfService::eventProduceThread);
-            // The GPL thread is started by the producer once the kernel side is
-            // ready; only restart it after that has happened once.
-            if (gplProducer_.joinable()) {
-                reapEndedProducer(&gplProducer_, &gplProducerAlive_,
-                                  &QuorBpfService::gpleventProduceThread);
-            }
-        }
+        superviseProducers();
         sleepUnlessStopped(60);
     }
     if (server_) {
@@ -144,39 +147,47 @@ int QuorBpfService::eventProduceThread() {
               strerror(errno));
     }
 
-    // Clients may connect and subscribe before the kernel side is ready.
-    if (server_) server_->start();
+    // What a restarted producer finds done stays done: the programmes stay
+    // attached for the life of the process, and attaching them again would
+    // fail (tracepoints) or hook them twice (kprobes), leaking descriptors
+    // either way. A restart runs the monitor only.
+    if (!mainSetUp_.load()) {
+        // Clients may connect and subscribe before the kernel side is ready.
+        if (server_) server_->start();
 
-    // The kernel side is loaded by someone else; wait until it says so.
-    while (android::base::GetProperty(QUOR_BPF_READY, "0") == "0") {
-        if (!running_.load()) return 0;
-        sleep(1);
-    }
-
-    if (!InitBasetime()) {
-        QLOGE(QUOR_TAG_SERVICE,
-              "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
-              strerror(errno));
-    }
-    if (initBpfMap() != 0) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Init bpf map failed");
-    }
-
-    {
-        std::lock_guard<std::mutex> lock(servicelock);
-        if (!gplProducer_.joinable()) {
-            launchProducer(&gplProducer_, &gplProducerAlive_,
-                           &QuorBpfService::gpleventProduceThread);
+        // The kernel side is loaded by someone else; wait until it says so.
+        while (android::base::GetProperty(QUOR_BPF_READY, "0") == "0") {
+            if (!running_.load()) return 0;
+            sleep(1);
         }
-    }
 
-    const int attachResult = AttachAllQuorBpfProgram(QUOR_BPF_BASE_PATH, PROG_EVENT_MAP);
-    if (attachResult != 0) {
-        QLOGE(QUOR_TAG_SERVICE,
-              "[QuorBpfService][eventProduceThread] Attach all quor bpf error: %d", attachResult);
+        if (!InitBasetime()) {
+            QLOGE(QUOR_TAG_SERVICE,
+                  "[QuorBpfService][eventProduceThread] Init base time failed! errMsg: %s",
+                  strerror(errno));
+        }
+        if (initBpfMap() != 0) {
+            QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][eventProduceThread] Init bpf map failed");
+        }
+
+        {
+            std::lock_guard<std::mutex> lock(servicelock);
+            if (!gplProducer_.joinable()) {
+                launchProducer(&gplProducer_, &gplProducerAlive_,
+                               &QuorBpfService::gpleventProduceThread);
+            }
+        }
+
+        mainAttachResult_ = AttachAllQuorBpfProgram(QUOR_BPF_BASE_PATH, PROG_EVENT_MAP);
+        if (mainAttachResult_ != 0) {
+            QLOGE(QUOR_TAG_SERVICE,
+                  "[QuorBpfService][eventProduceThread] Attach all quor bpf error: %d",
+                  mainAttachResult_);
+        }
+        mainSetUp_.store(true);
     }
     (void)eventMonitor();
-    return attachResult;
+    return mainAttachResult_;
 }
 
 int QuorBpfService::gpleventProduceThread() {
@@ -187,11 +198,14 @@ int QuorBpfService::gpleventProduceThread() {
               strerror(errno));
     }
 
-    const int attachResult = AttachAllQuorBpfProgram(QUOR_BPF_BASE_PATH, PROG_GPL_EVENT_MAP);
-    if (attachResult != 0) {
-        QLOGE(QUOR_TAG_SERVICE,
-              "[QuorBpfService][gpleventProduceThread] Attach all quor bpf error: %d",
-              attachResult);
+    if (!gplAttached_.load()) {
+        const int attachResult = AttachAllQuorBpfProgram(QUOR_BPF_BASE_PATH, PROG_GPL_EVENT_MAP);
+        if (attachResult != 0) {
+            QLOGE(QUOR_TAG_SERVICE,
+                  "[QuorBpfService][gpleventProduceThread] Attach all quor bpf error: %d",
+                  attachResult);
+        }
+        gplAttached_.store(true);
     }
     return gpleventMonitor();
 }

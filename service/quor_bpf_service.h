@@ -23,14 +23,19 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bpf/quor_bpf_dmabuf_maps.h"
+#include "bpf/quor_bpf_pin_paths.h"
+#include "bpf/quor_bpf_procfs_paths.h"
 #include "bpf/quor_bpf_prog_table.h"
 #include "ipc/ipc_package_handler.h"
 #include "ipc/ipc_package_manager.h"
@@ -56,6 +61,10 @@ public:
     // Supervisory loop: restarts an ended producer thread, checking every
     // 60 seconds, until stop(); then joins both threads.
     int Wait();
+    // One check of that loop: restarts a producer thread that has ended. A
+    // restarted producer runs its monitor only; what it attached and
+    // prepared before stays.
+    void superviseProducers();
 
     int eventProduceThread();
     int gpleventProduceThread();
@@ -66,7 +75,12 @@ public:
     // main ring buffer, 1 the GPL one; an index above 1 does nothing.
     int eventMonitor();
     int gpleventMonitor();
+    // Counts a record and hands it to its subscribers and its handler. A
+    // record of a type above the kernel's known range is skipped (counted,
+    // logged at a bounded rate) and returns 0, so polling goes on.
     int handleBpfRingBuffEvent(void* ctx, void* data, size_t size);
+    // Records of unknown types skipped since the service was created.
+    uint64_t unknownRecordCount() const { return unknownRecords_.load(); }
     int checkBpfRingBuffStatus(int index, bool force);
     bool enableCoreBpf(int index, bool enable);
     bool enableNormalBpf(int index, bool enable);
@@ -79,22 +93,31 @@ public:
     int handleBpfPassthrough(char* data, long len);
     // After the main ring buffer overflowed, exit records may have been lost:
     // every registered process that no longer exists is handled as if its
-    // exit record had come. Returns how many there were.
+    // exit record had come. Returns how many there were. When the real exit
+    // record of such a process comes after all, it is dropped: a process
+    // ends once for a client. Thread records may have been lost as well: the
+    // thread count of every live one is taken again from procfs.
     size_t reapLostExits();
 
-    // Procfs readers (bpf/quor_bpf_proc_info.cpp).
+    // Procfs readers and kernel maps: delegates to bpf/
+    // (quor_bpf_service_kernel_data.cpp).
     void initTaskInfo();
     int getProcessInfo(int pid, struct UpdateProcessExdata* out);
     static int64_t GetFdSize(const std::string& path);
     static uint64_t GetFdInode(const std::string& path);
 
-    // Dmabuf and open-descriptor kernel maps (bpf/quor_bpf_dmabuf_maps.cpp).
     int initBpfMap();
     int initFdBpfProg();
     int initDmabufBpfProg();
+    // Removes an ended process's entries: its per-process dmabuf entries,
+    // its totals, its descriptor count and the buffers last seen held by it.
+    // An entry the programmes deleted meanwhile is no failure.
     int cleanUpDmabufMap(int pid);
     // As cleanUpDmabufMap for every pid of `pids`, in one walk of each map.
     int cleanUpDmabufMaps(const std::vector<int32_t>& pids);
+    // Cleans up the gathered exits once they have waited long enough
+    // (called by the main monitor after every poll).
+    void flushDueDmabufCleanup();
 
     // Client connections (quor_bpf_service_clients.cpp); all but
     // notifyClientEventReady run on the socket thread "BpfServiceTr".
@@ -120,31 +143,31 @@ public:
     static const BpfProgTable PROG_GPL_EVENT_MAP;
     static constexpr const char* QUOR_BPF_READY = "sys.quor_bpf_ready";
 
-    // Procfs files read by the procfs readers and the dmabuf scan. A %s is the
-    // pid as decimal text (the /proc entry's name), a %d the pid as a number.
-    static constexpr const char* PROC_FS_PATH = "/proc";
-    static constexpr const char* TASK_STATUS_TEMPLATE = "/proc/%s/status";
-    static constexpr const char* TASK_STATUS_PID_TEMPLATE = "/proc/%d/status";
-    static constexpr const char* TASK_STAT_TEMPLATE = "/proc/%s/stat";
-    static constexpr const char* TASK_FD_TEMPLATE = "/proc/%s/fd";
-    static constexpr const char* TASK_FDINFO_TEMPLATE = "/proc/%s/fdinfo/%s";
-    static constexpr const char* TASK_MAPS_TEMPLATE = "/proc/%s/maps";
-    static constexpr const char* TASK_DMABUF_PREFIX = "/dmabuf";
-    // Keys of "Key:\tvalue" lines in status and fdinfo files.
-    static constexpr const char* TASK_COMM_PREFIX = "Name:\t";
-    static constexpr const char* TASK_PPID_PREFIX = "PPid:\t";
-    static constexpr const char* TASK_RSS_ANON_PREFIX = "RssAnon:\t";
-    static constexpr const char* TASK_RSS_FILE_PREFIX = "RssFile:\t";
-    static constexpr const char* TASK_RSS_SHMEM_PREFIX = "RssShmem:\t";
-    static constexpr const char* TASK_VM_SWAP_PREFIX = "VmSwap:\t";
-    static constexpr const char* TASK_PROC_UID_PREFIX = "Uid:\t";
-    static constexpr const char* TASK_DMABUF_SIZE_PREFIX = "size:\t";
-    static constexpr const char* TASK_DMABUF_INO_PREFIX = "ino:\t";
-    // The two per-process dmabuf maps that cleanUpDmabufMap() prunes.
+    // Procfs files read by the procfs readers and the dmabuf scan, and the
+    // pins of the two per-process dmabuf maps (bpf/).
+    static constexpr const char* PROC_FS_PATH = Procfs::PROC_FS_PATH;
+    static constexpr const char* TASK_STATUS_TEMPLATE = Procfs::TASK_STATUS_TEMPLATE;
+    static constexpr const char* TASK_STATUS_PID_TEMPLATE = Procfs::TASK_STATUS_PID_TEMPLATE;
+    static constexpr const char* TASK_STAT_TEMPLATE = Procfs::TASK_STAT_TEMPLATE;
+    static constexpr const char* TASK_FD_TEMPLATE = Procfs::TASK_FD_TEMPLATE;
+    static constexpr const char* TASK_FDINFO_TEMPLATE = Procfs::TASK_FDINFO_TEMPLATE;
+    static constexpr const char* TASK_MAPS_TEMPLATE = Procfs::TASK_MAPS_TEMPLATE;
+    static constexpr const char* TASK_DMABUF_PREFIX = Procfs::TASK_DMABUF_PREFIX;
+    static constexpr const char* TASK_DMABUF_PATH_PREFIX = Procfs::TASK_DMABUF_PATH_PREFIX;
+    static constexpr const char* TASK_COMM_PREFIX = Procfs::TASK_COMM_PREFIX;
+    static constexpr const char* TASK_PPID_PREFIX = Procfs::TASK_PPID_PREFIX;
+    static constexpr const char* TASK_RSS_ANON_PREFIX = Procfs::TASK_RSS_ANON_PREFIX;
+    static constexpr const char* TASK_RSS_FILE_PREFIX = Procfs::TASK_RSS_FILE_PREFIX;
+    static constexpr const char* TASK_RSS_SHMEM_PREFIX = Procfs::TASK_RSS_SHMEM_PREFIX;
+    static constexpr const char* TASK_VM_SWAP_PREFIX = Procfs::TASK_VM_SWAP_PREFIX;
+    static constexpr const char* TASK_PROC_UID_PREFIX = Procfs::TASK_PROC_UID_PREFIX;
+    static constexpr const char* TASK_THREADS_PREFIX = Procfs::TASK_THREADS_PREFIX;
+    static constexpr const char* TASK_DMABUF_SIZE_PREFIX = Procfs::TASK_DMABUF_SIZE_PREFIX;
+    static constexpr const char* TASK_DMABUF_INO_PREFIX = Procfs::TASK_DMABUF_INO_PREFIX;
     static constexpr const char* DMABUF_BPF_PROCESS_INODE_MAP_PATH =
-        "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_process_inode_map";
+        Pins::DMABUF_BPF_PROCESS_INODE_MAP_PATH;
     static constexpr const char* DMABUF_BPF_PROCESS_MMAP_INFOS_PATH =
-        "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_process_mmap_infos";
+        Pins::DMABUF_BPF_PROCESS_MMAP_INFOS_PATH;
     static std::mutex servicelock;
 
     ~QuorBpfService();
@@ -174,6 +197,7 @@ private:
     std::atomic<bool> running_{false};
     // Written by each monitor; atomic so that a check from any other thread is safe.
     std::atomic<int64_t> lastRingBuffCheck_[2] = {{0}, {0}};
+    std::atomic<uint64_t> unknownRecords_{0};
     android::base::unique_fd ringBuffFd_;
     android::base::unique_fd gplRingBuffFd_;
     android::base::unique_fd ringBuffStatusFd_;
@@ -190,10 +214,25 @@ private:
     std::vector<int32_t> dmabufCleanupPids_;
     int64_t dmabufCleanupAtMs_ = 0;
 
+    // Takes a live process's thread count from procfs (reapLostExits()).
+    void resyncThreads(int32_t pid);
+    // Pids ended by reapLostExits() whose exit record has not come (yet).
+    void addSweptExit(int32_t pid);
+    bool takeSweptExit(int32_t pid);  // true (and forgotten) when it was one
+    std::mutex sweptExitsMutex_;
+    std::set<int32_t> sweptExits_;
+    std::deque<int32_t> sweptExitOrder_;
+    std::atomic<size_t> sweptExitCount_{0};
+
     std::thread producer_;
     std::thread gplProducer_;
     std::atomic<bool> producerAlive_{false};
     std::atomic<bool> gplProducerAlive_{false};
+    // Set by each producer once it has attached its programmes (the main one
+    // also once it has seen readiness and prepared the time base and maps).
+    std::atomic<bool> mainSetUp_{false};
+    std::atomic<bool> gplAttached_{false};
+    int mainAttachResult_ = 0;
 
     std::unique_ptr<UnixIpcManager> server_;
     std::unique_ptr<IpcPackageManager> packageManager_;
@@ -203,16 +242,9 @@ private:
     // under that lock while fanning out).
     std::map<int, IpcPackageManager> clients_;
 
-    android::base::unique_fd processInodeMapFd_;
-    android::base::unique_fd processMmapInfos_;
-
-    // What initDmabufBpfProg() found in procfs, kept after seeding: the
-    // buffers by inode (last holder seen, size), each holder's total, the
-    // descriptors per (pid, inode) and the mappings per (pid, start address).
-    std::map<uint64_t, dmabuf_info> dmabufInfoByInode;
-    std::map<int32_t, dmabuf_stat> dmabufStatByPid;
-    std::map<int32_t, std::map<uint64_t, uint64_t>> processInodes;
-    std::map<int32_t, std::map<uint64_t, uint64_t>> processMmaps;
+    // The dmabuf and descriptor maps the service seeds and prunes, and what
+    // the last seeding found.
+    QuorBpfDmabufMaps dmabufMaps_;
 
     std::mutex stopMutex_;
     std::condition_variable stopCv_;

@@ -37,6 +37,10 @@ constexpr int32_t kLowestReportedPid = 300;
 constexpr uint32_t kMemoryEventMmId = 1000;
 constexpr int64_t kDmabufCleanupIntervalMs = 1000;
 constexpr size_t kDmabufCleanupMaxPending = 4096;
+// Processes ended by the loss sweep whose exit record may still come. Each
+// goes at its record or when its pid is forked again; one whose record was
+// truly lost stays until then, so the list is bounded, oldest out first.
+constexpr size_t kMaxSweptExits = 32768;
 
 int64_t SteadyMs() {
     timespec now = {};
@@ -91,7 +95,10 @@ bool ApplyThreadChange(int32_t pid, uint64_t eventTime, int32_t step,
                        quor_thread_change_event* event) {
     bool report = false;
     QuorTaskManager::GetInstance()->UpdateQuorTask(pid, [&](QuorTask& task) {
-        if (task.createTime >= static_cast<int64_t>(eventTime)) return;
+        if (task.createTime >= static_cast<int64_t>(eventTime) ||
+            task.threadSyncTime >= static_cast<int64_t>(eventTime)) {
+            return;
+        }
         task.threadNum += step;
         if (static_cast<int64_t>(eventTime) - task.createTime < kSettleTimeNs) return;
         if (SubAbs(task.threadNum, task.oldThreadNum) < kThreadReportDelta) return;
@@ -133,8 +140,9 @@ int QuorBpfService::handleSched_SchedProcessFork(char* data, long len) {
     QuorTaskManager* tasks = QuorTaskManager::GetInstance();
     if (rec.kind == QUOR_TASK_KIND_PROCESS) {
         // A pid used again must not lose its new entries to the old
-        // process's cleanup.
+        // process's cleanup, nor its exit to the old process's sweep.
         flushDmabufCleanup(rec.pid);
+        (void)takeSweptExit(rec.pid);
         QuorTask existing;
         if (tasks->GetQuorTaskCopy(rec.pid, &existing)) return 0;
         QuorTask task = {};
@@ -171,6 +179,8 @@ int QuorBpfService::handleSched_SchedProcessExit(char* data, long len) {
     quor_exit_record rec;
     if (!ReadRecord(data, len, &rec)) return 0;
     if (rec.kind == QUOR_TASK_KIND_PROCESS) {
+        // The loss sweep already ended this process for the clients.
+        if (takeSweptExit(rec.pid)) return 0;
         (void)QuorTaskManager::GetInstance()->DelQuorTask(rec.pid);
         quor_task_exit_event event = {QUOR_SERVICE_TASK_EXIT, rec.pid, {}};
         CopyComm(event.comm, rec.comm);
@@ -303,6 +313,21 @@ void QuorBpfService::scheduleDmabufCleanup(int32_t pid) {
     (void)cleanUpDmabufMaps(due);
 }
 
+void QuorBpfService::flushDueDmabufCleanup() {
+    std::vector<int32_t> due;
+    {
+        std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
+        // Without a later exit nothing else would flush the last ones.
+        if (dmabufCleanupPids_.empty() ||
+            SteadyMs() - dmabufCleanupAtMs_ < kDmabufCleanupIntervalMs) {
+            return;
+        }
+        dmabufCleanupAtMs_ = SteadyMs();
+        due.swap(dmabufCleanupPids_);
+    }
+    (void)cleanUpDmabufMaps(due);
+}
+
 void QuorBpfService::flushDmabufCleanup(int32_t reusedPid) {
     std::vector<int32_t> due;
     {
@@ -329,7 +354,11 @@ size_t QuorBpfService::reapLostExits() {
     QuorTaskManager* tasks = QuorTaskManager::GetInstance();
     size_t reaped = 0;
     for (const int32_t pid : tasks->GetQuorTaskPids()) {
-        if (pid <= 0 || kill(pid, 0) == 0 || errno != ESRCH) continue;
+        if (pid <= 0) continue;
+        if (kill(pid, 0) == 0 || errno != ESRCH) {
+            resyncThreads(pid);
+            continue;
+        }
         QuorTask task;
         if (!tasks->GetQuorTaskCopy(pid, &task)) continue;  // its exit came meanwhile
         quor_exit_record rec = {};
@@ -339,9 +368,45 @@ size_t QuorBpfService::reapLostExits() {
         rec.kind = QUOR_TASK_KIND_PROCESS;
         CopyComm(rec.comm, task.comm);
         (void)handleSched_SchedProcessExit(reinterpret_cast<char*>(&rec), sizeof(rec));
+        // Its own exit record may only be unread: that one must not end the
+        // process a second time.
+        addSweptExit(pid);
         ++reaped;
     }
     return reaped;
+}
+
+void QuorBpfService::resyncThreads(int32_t pid) {
+    // Stamped before the read: a thread record stamped later was not yet in
+    // what procfs said and still counts.
+    const int64_t syncTime = GetSystemBootNanosencondsTime();
+    int32_t threads = 0;
+    if (!ReadProcessThreads(pid, &threads)) return;
+    (void)QuorTaskManager::GetInstance()->UpdateQuorTask(pid, [&](QuorTask& task) {
+        task.threadNum = threads;
+        task.threadSyncTime = syncTime;
+    });
+}
+
+void QuorBpfService::addSweptExit(int32_t pid) {
+    std::lock_guard<std::mutex> lock(sweptExitsMutex_);
+    if (!sweptExits_.insert(pid).second) return;
+    sweptExitOrder_.push_back(pid);
+    while (sweptExitOrder_.size() > kMaxSweptExits) {
+        sweptExits_.erase(sweptExitOrder_.front());
+        sweptExitOrder_.pop_front();
+    }
+    sweptExitCount_.store(sweptExits_.size(), std::memory_order_relaxed);
+}
+
+bool QuorBpfService::takeSweptExit(int32_t pid) {
+    if (sweptExitCount_.load(std::memory_order_relaxed) == 0) return false;
+    std::lock_guard<std::mutex> lock(sweptExitsMutex_);
+    if (sweptExits_.erase(pid) == 0) return false;
+    // The order list keeps the pid until it reaches the front; erasing a
+    // pid that is no longer in the set is harmless there.
+    sweptExitCount_.store(sweptExits_.size(), std::memory_order_relaxed);
+    return true;
 }
 
 }  // namespace Bpf

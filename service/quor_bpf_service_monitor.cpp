@@ -13,6 +13,7 @@
 
 #include "diag/quor_bpf_dump_signals.h"
 #include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_rate_limiter.h"
 #include "diag/quor_bpf_state.h"
 #include "service/event_manager.h"
 #include "service/quor_bpf_event_tables.h"
@@ -208,6 +209,7 @@ int QuorBpfService::runMonitor(int index) {
                 QuorBpfDataState::GetInstance()->RecordEvent(QUOR_EVENT_POLL_COUNT, 1);
             }
             (void)checkBpfRingBuffStatus(index, false);
+            if (index == RINGBUF_MAIN) flushDueDmabufCleanup();
             consecutiveErrors = 0;
             continue;
         }
@@ -234,8 +236,19 @@ int QuorBpfService::handleBpfRingBuffEvent(void* /*ctx*/, void* data, size_t siz
     memcpy(&type, data, sizeof(type));
     QuorBpfDataState::GetInstance()->RecordEvent(static_cast<int>(type), 1);
     if (type > QUOR_EVENT_KERNEL_MAX) {
-        QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] handleEvent ERROR!!! Type: %u", type);
-        return -1;
+        // Skipped, not failed: a failing callback makes the poll fail, and a
+        // few such records in a row would end the monitor. A newer kernel
+        // side may write types this service does not know.
+        const uint64_t skipped = unknownRecords_.fetch_add(1, std::memory_order_relaxed) + 1;
+        static RateLimiter limiter(5, std::chrono::seconds(10));
+        uint64_t heldBack = 0;
+        if (limiter.allow(&heldBack)) {
+            QLOGE(QUOR_TAG_SERVICE,
+                  "[QuorBpfService] handleEvent ERROR!!! Type: %u (%llu records of unknown "
+                  "types skipped so far)",
+                  type, static_cast<unsigned long long>(skipped));
+        }
+        return 0;
     }
     EventManager::GetInstance()->AppendEvent(static_cast<char*>(data), size);
     const auto handler = eventHandlers_.find(static_cast<int32_t>(type));

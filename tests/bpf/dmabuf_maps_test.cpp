@@ -108,8 +108,17 @@ void BuildDmabufTree(FakeProc* proc) {
                "7f2000 rw-s 00000000 00:0f 5002   /dmabuf:\n"
                "7f3000-7f4000 r-xp 00000000 08:01 1234  /usr/lib/libc.so\n"
                "garbage\n"
-               "7f5000-7f6000 rw-s 00000000 00:0f 5002 /dmabuf:\n");
+               "7f5000-7f6000 rw-s 00000000 00:0f 5002 /dmabuf:\n"
+               "7f7000-7f8000 rw-s 00000000 00:0f 5004 /data/dmabuf:x\n");
+    fd("100", 10, "/data/dmabuf:x", "size:\t512\nino:\t5004\n");  // not a buffer's path
     fd("200", 9, "/dmabuf:", "size:\t8192\nino:\t5002\n");
+    // A process that ended while it was scanned: nothing of it stays.
+    fd("250", 3, "/dmabuf:", "size:\t2048\nino:\t5005\n");
+    proc->File("250/status", "Name:\tgone\nState:\tZ (zombie)\n");
+    proc->File("250/maps", "1000-2000 rw-s 00000000 00:0f 5005 /dmabuf:\n");
+    for (const char* live : {"100", "200", "300"}) {
+        proc->File(std::string(live) + "/status", "Name:\tlive\nState:\tS (sleeping)\n");
+    }
     fd("300", 0, "/dev/null", "size:\t1\nino:\t1\n");
     proc->File("300/maps", "1000-2000 rw-s 00000000 00:0f 7000 /dmabuf:\n");
     proc->File("400/status", "Name:\tnofds\n");
@@ -152,8 +161,29 @@ TEST_F(DmabufMapsTest, SeedsBuffersHoldersAndMappingsFromProc) {
     EXPECT_EQ(Count(kMmap), 2u);
     EXPECT_EQ(Value<uint64_t>(kMmap, quor_process_mmap_key{100, 0, 0x7f0000}), 5001u);
     EXPECT_EQ(Value<uint64_t>(kMmap, quor_process_mmap_key{100, 0, 0x7f5000}), 5002u);
+    EXPECT_EQ(buffer(5005).size, 0u);  // of the ended process
+    EXPECT_EQ(Value<dmabuf_stat>(kSize, int32_t{250}).total_size, 0u);
     EXPECT_NE(run.log.find("Task not exists, so we skip it (/proc/200/maps)"), std::string::npos);
     EXPECT_EQ(run.log.find("/proc/300/maps"), std::string::npos);
+}
+
+TEST_F(DmabufMapsTest, ABufferTheFullAllocateMapRefusedCountsInNoTotal) {
+    FakeProc proc;
+    BuildDmabufTree(&proc);
+    ASSERT_EQ(unlink(kMaps[kAllocate].pin), 0);
+    close(fds_[kAllocate]);
+    fds_[kAllocate] = bpf_map_create(BPF_MAP_TYPE_HASH, nullptr, 8, 16, 1, nullptr);
+    ASSERT_GE(fds_[kAllocate], 0);
+    ASSERT_EQ(bpf_obj_pin(fds_[kAllocate], kMaps[kAllocate].pin), 0);
+    ChildRun run;
+    const int rc = RunMember(proc.root(), &QuorBpfService::initDmabufBpfProg, &run);
+    if (run.exitCode == kChildCannotMount) GTEST_SKIP() << "cannot mount a tree over /proc";
+    ASSERT_EQ(rc, 0) << run.log;
+    // Written in inode order: 5001 fits, 5002 does not and is counted nowhere.
+    EXPECT_EQ(Count(kAllocate), 1u);
+    EXPECT_EQ(Value<dmabuf_stat>(kSize, int32_t{100}).total_size, 4096u);
+    EXPECT_EQ(Value<dmabuf_stat>(kPerprocess, int32_t{100}).total_size, 4096u);
+    EXPECT_EQ(Count(kSize), 1u);
 }
 
 TEST_F(DmabufMapsTest, MissingOrForeignMapSeedsNothing) {
@@ -186,6 +216,18 @@ TEST_F(DmabufMapsTest, CleanUpRemovesOnlyThatProcess) {
         ASSERT_EQ(bpf_map_update_elem(fds_[kInode], &inode, &i, BPF_ANY), 0);
         ASSERT_EQ(bpf_map_update_elem(fds_[kMmap], &mapping, &i, BPF_ANY), 0);
     }
+    for (const int32_t pid : {100, 200}) {
+        const dmabuf_stat stat{static_cast<uint64_t>(pid), 0};
+        const dmabuf_info info{pid, 0, 4096};
+        const uint64_t inode = 9000 + pid;
+        quor_open_fd_value fds = {};
+        fds.pid = pid;
+        for (const MapId id : {kSize, kPerprocess}) {
+            ASSERT_EQ(bpf_map_update_elem(fds_[id], &pid, &stat, BPF_ANY), 0);
+        }
+        ASSERT_EQ(bpf_map_update_elem(fds_[kOpenFd], &pid, &fds, BPF_ANY), 0);
+        ASSERT_EQ(bpf_map_update_elem(fds_[kAllocate], &inode, &info, BPF_ANY), 0);
+    }
     const auto cleanUp = [](int pid) {
         return [pid] {
             QuorBpfService* service = QuorBpfService::GetInstance();
@@ -209,6 +251,10 @@ TEST_F(DmabufMapsTest, CleanUpRemovesOnlyThatProcess) {
     EXPECT_EQ(Value<uint64_t>(kInode, quor_process_inode_key{200, 0, 2}), 2u);
     EXPECT_EQ(Value<uint64_t>(kInode, quor_process_inode_key{100, 0, 1}), 0u);
     EXPECT_EQ(Value<uint64_t>(kMmap, quor_process_mmap_key{100, 0, 4 << 12}), 0u);
+    // Its totals, its descriptor count and the buffer it held went too.
+    for (const MapId id : {kSize, kPerprocess, kOpenFd, kAllocate}) EXPECT_EQ(Count(id), 1u) << id;
+    EXPECT_EQ(Value<dmabuf_stat>(kSize, int32_t{200}).total_size, 200u);
+    EXPECT_EQ(Value<dmabuf_info>(kAllocate, uint64_t{9200}).pid, 200);
 }
 
 TEST_F(DmabufMapsTest, OpenDescriptorCountsOfRealProcesses) {

@@ -156,16 +156,25 @@ TEST(ProcessInfoTest, CraftedStatusAndStatText) {
     proc.File("14/status",
               "Name:\tabcdefghijklmnopqrst\nPPid:\tnot-a-number\nUid:\t4294967294\t1\t1\t1\n"
               "RssShmem:\t99999999999999999999999 kB\nVmSwap:\t\t 8 kB\nRssFile:\tkB\n");
-    proc.File("14/stat", StatLine(54, {{1, "(my"}, {2, "proc"}, {3, "name)"}, {19, "20"}}));
+    proc.File("14/stat", StatLine(54, {{1, "(my"}, {2, "proc"}, {3, "name)"}, {21, "20"}}));
     ASSERT_TRUE(read("14", &r));
     EXPECT_EQ(std::string(r.comm, 16), std::string("abcdefghijklmno\0", 16));
-    // 0xfffffffe keeps its bit pattern; blanks in the name shift the stat pieces.
+    // 0xfffffffe keeps its bit pattern; blanks in the name do not shift the stat fields.
     EXPECT_EQ(std::make_tuple(r.ppid, r.uid, r.rss_shmem, r.swap, r.rss_file, r.thread_count),
               std::make_tuple(0, -2, LLONG_MAX, 8 * 1024, 0, 20));
     UpdateProcessExdata info = {};
     ASSERT_TRUE(ReadProcessExdataFile(proc.root() + "/14/status", &info));
     EXPECT_EQ(info.ppid, 0);
     EXPECT_EQ(std::string(info.comm, 16), std::string("abcdefghijklmno\0", 16));
+
+    // Parentheses, blanks and a newline in the name: fields count from the last ')'.
+    proc.File("16/status", "Name:\ttmux: server\n");
+    proc.File("16/stat",
+              "16 (tmux: (x)\n) y)) S 1 16 16 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 "
+              "7 0 300 123 4 18446744073709551615\n");
+    ASSERT_TRUE(read("16", &r));
+    EXPECT_EQ(std::make_tuple(r.thread_count, r.start_time_s),
+              std::make_tuple(7, GetBasetime() + 300 / sysconf(_SC_CLK_TCK)));
 
     // NUL bytes in the name; a line far longer than any procfs line, after
     // which reading goes on; an empty stat file.

@@ -1,6 +1,7 @@
 // Attaching the pinned programmes by table and by directory against what the
 // running kernel offers, rows the walk must not count, and the name rules.
 #include <bpf/bpf.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -20,6 +21,16 @@ const std::string kDir = "/sys/fs/bpf/quor/";
 const std::string kFdInstall = "prog_QuorBpfDefineset_kprobe_enter_fd_install";
 
 std::string g_skip;
+
+size_t OpenDescriptors() {
+    size_t count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (const dirent* entry = dir == nullptr ? nullptr : readdir(dir)) {
+        count += entry->d_name[0] != '.';
+    }
+    if (dir != nullptr) closedir(dir);
+    return count;
+}
 
 // Rows of `table` the running kernel's version admits (all rows here use
 // "N.M+"), and how many of them hook what the kernel lacks.
@@ -69,8 +80,11 @@ TEST_F(ProgAttachTest, WalksAttachWhatTheKernelOffersAndTreatEexistDifferently) 
     EXPECT_TRUE(KernelHasKprobes() || lackingMain >= 1) << "the kprobe row is a hook it lacks";
     EXPECT_EQ(AttachAllQuorBpfProgram(kDir, QuorBpfService::PROG_EVENT_MAP), lackingMain);
     EXPECT_EQ(AttachAllQuorBpfProgram(kDir, QuorBpfService::PROG_GPL_EVENT_MAP), lackingGpl);
-    // Again: every admitted row now fails, those attached before with EEXIST.
+    // Again: every admitted row now fails, those attached before with EEXIST,
+    // and a failed attach keeps no descriptor.
+    const size_t fdsAttached = OpenDescriptors();
     EXPECT_EQ(AttachAllQuorBpfProgram(kDir, QuorBpfService::PROG_EVENT_MAP), admittedMain);
+    EXPECT_EQ(OpenDescriptors(), fdsAttached);
 
     // Extra files: a kretprobe (unknown to the walk, not counted), a name with
     // too few parts (ignored), and a probe whose kind is neither enter nor return.
@@ -97,6 +111,7 @@ TEST_F(ProgAttachTest, WalksAttachWhatTheKernelOffersAndTreatEexistDifferently) 
     }
     EXPECT_EQ(AttachAllQuorBpfProgram(kDir), expected);
     EXPECT_EQ(AttachKProbeProgram(kDir, "QuorBpfDefineset", "bogus_fd_install"), -1);
+    EXPECT_EQ(OpenDescriptors(), fdsAttached);
     for (const auto& alias : aliases) (void)unlink((kDir + alias).c_str());
 }
 

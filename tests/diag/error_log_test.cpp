@@ -5,6 +5,7 @@
 
 #include <fstream>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -87,4 +88,33 @@ TEST_F(ErrorLogTest, NewestFirstAndBoundedTo4999OldLines) {
     EXPECT_EQ(lines[6], "ErrorCode: 6");
     EXPECT_EQ(lines[9], "line 0");
     EXPECT_EQ(lines.back(), "line 4998");  // the oldest line is dropped
+}
+
+TEST_F(ErrorLogTest, ConcurrentWritersLoseNothingAndLeaveOneWholeFile) {
+    InitBpfServiceErrorLog();
+    constexpr int kThreads = 4;
+    constexpr int kEach = 25;
+    std::vector<std::thread> writers;
+    for (int t = 0; t < kThreads; ++t) {
+        writers.emplace_back([t] {
+            for (int i = 0; i < kEach; ++i) {
+                RecordBpfServiceErrorInfo(t + 1,
+                                          "writer " + std::to_string(t) + " #" + std::to_string(i));
+            }
+        });
+    }
+    for (std::thread& w : writers) w.join();
+
+    // Every record whole (eight lines and a blank one), each exactly once.
+    const std::vector<std::string> lines = ReadLines(BPF_SERVICE_ERROR_LOG);
+    ASSERT_EQ(lines.size(), 9u * kThreads * kEach);
+    std::set<std::string> seen;
+    for (size_t at = 0; at < lines.size(); at += 9) {
+        EXPECT_EQ(lines[at], "----------") << at;
+        EXPECT_EQ(lines[at + 6].rfind("ErrorCode: ", 0), 0u) << at;
+        EXPECT_TRUE(seen.insert(lines[at + 7]).second) << lines[at + 7];
+        EXPECT_EQ(lines[at + 8], "") << at;
+    }
+    EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kEach));
+    EXPECT_NE(access((std::string(BPF_SERVICE_ERROR_LOG) + ".tmp").c_str(), F_OK), 0);
 }

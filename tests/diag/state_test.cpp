@@ -61,6 +61,26 @@ protected:
 
 }  // namespace
 
+// The service's instance may be created by a dump signal before the time base
+// is read; setting the base afterwards must not move the slots.
+TEST_F(StateTest, DumpSignalBeforeTheTimeBaseKeepsTheWindowSmall) {
+    ASSERT_EQ(GetBasetime(), 0);
+    QuorBpfDataState::GetInstance()->RecordEvent(1, 1);
+    ASSERT_TRUE(InitBasetime());
+    ASSERT_GT(GetBasetime(), 0);
+    QuorBpfDataState::GetInstance()->RecordEvent(1, 1);
+    QuorBpfDataState::GetInstance()->DumpState();
+    const auto rows = ReadRows();
+    ASSERT_GE(rows.size(), 2u);
+    const auto header = Numbers(rows[0].substr(kHeaderNames.size()));
+    ASSERT_EQ(header.size(), 2u);
+    EXPECT_LE(header[0], 2) << "head";
+    EXPECT_EQ(header[1], 0) << "tail";
+    long long kmem = 0;
+    for (size_t r = 1; r < rows.size(); ++r) kmem += Numbers(rows[r])[2];
+    EXPECT_EQ(kmem, 2);
+}
+
 TEST_F(StateTest, CountsPerTypePollsApartAndBadTypesIgnored) {
     state->DumpState();
     auto rows = ReadRows();

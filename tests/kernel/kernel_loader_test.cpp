@@ -104,8 +104,18 @@ TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContents) {
     value.open_fds = 7;
     ASSERT_EQ(bpf_map_update_elem(fd, &key, &value, BPF_ANY), 0);
     close(fd);
+    // A service run left the programmes switched on.
+    const int statusFd = bpf_obj_get((kDir + "map_QuorBpfDefineset_ringbuf_status").c_str());
+    ASSERT_GE(statusFd, 0);
+    const uint32_t flagsKey = QUOR_STATUS_KEY_FLAGS;
+    uint64_t word = QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON;
+    ASSERT_EQ(bpf_map_update_elem(statusFd, &flagsKey, &word, BPF_ANY), 0);
 
     ASSERT_EQ(Load(), 0);
+    // ... which do not run again before the next service has seeded.
+    EXPECT_EQ(bpf_map_lookup_elem(statusFd, &flagsKey, &word), 0);
+    EXPECT_EQ(word, 0u);
+    close(statusFd);
     // Every map is reused; only the programmes are pinned again.
     const std::set<std::string> pins = ExpectedPins();
     const size_t maps = std::count_if(pins.begin(), pins.end(),

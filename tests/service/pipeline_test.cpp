@@ -3,7 +3,10 @@
 // through the injector; a marker record injected after a batch is the
 // checkpoint that the monitor has handled the batch.
 #include <bpf/bpf.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -13,6 +16,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -36,6 +40,20 @@ namespace {
 constexpr int32_t kFakePidBase = 4000000;  // above any pid_max
 constexpr uint64_t kSecond = 1000000000ULL;
 constexpr int32_t kMarkerPid = kFakePidBase;
+const std::string kGplPinAway = std::string(RINGBUF_MAP_PATHS[RINGBUF_GPL]) + "_away";
+
+// Threads of this process named `name`.
+int Threads(const std::string& name) {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/task");
+    while (const dirent* entry = dir ? readdir(dir) : nullptr) {
+        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
+        std::string text;
+        count += std::getline(comm, text) && text == name;
+    }
+    if (dir) closedir(dir);
+    return count;
+}
 
 struct Event {
     uint32_t type;
@@ -96,7 +114,10 @@ private:
 class PipelineEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
-        const std::string why = quortest::StartLiveService();
+        // The GPL ring buffer's pin is taken away: its monitor ends at once,
+        // each time its producer is restarted (the main one serves the tests).
+        const std::string why = quortest::StartLiveService(
+            [] { (void)rename(RINGBUF_MAP_PATHS[RINGBUF_GPL], kGplPinAway.c_str()); });
         if (geteuid() != 0) GTEST_SKIP() << why;
         ASSERT_EQ(why, "");
         std::string error;
@@ -402,6 +423,70 @@ TEST(PipelineTest, ForwardingDependsOnlyOnTheType) {
     EXPECT_FALSE(Registered(pid + 1));
 }
 
+TEST(PipelineTest, AProcessEndsOnceWhenTheLossSweepCameBeforeItsExitRecord) {
+    QuorBpfService* service = QuorBpfService::GetInstance();
+    const int32_t pid = kFakePidBase + 40;  // no such process: the sweep ends it
+    Inject(Fork(pid, 77, 10 * kSecond, QUOR_TASK_KIND_PROCESS, "swept"));
+    ASSERT_TRUE(gEnv->Checkpoint());
+    ASSERT_TRUE(Registered(pid));
+    EXPECT_GE(service->reapLostExits(), 1u);
+    EXPECT_FALSE(Registered(pid));
+    // Its exit record was only unread, not lost.
+    Inject(Exit(pid, 11 * kSecond, QUOR_TASK_KIND_PROCESS, "swept"));
+    EXPECT_EQ(Reports(pid, QUOR_SERVICE_TASK_EXIT).size(), 1u);
+    // The pid used again is a new process, which ends for itself.
+    Inject(Fork(pid, 77, 12 * kSecond, QUOR_TASK_KIND_PROCESS, "again"));
+    Inject(Exit(pid, 13 * kSecond, QUOR_TASK_KIND_PROCESS, "again"));
+    EXPECT_EQ(Reports(pid, QUOR_SERVICE_TASK_EXIT).size(), 2u);
+}
+
+TEST(PipelineTest, ARestartedProducerRunsItsMonitorOnly) {
+    QuorBpfService* service = QuorBpfService::GetInstance();
+    const auto ended = [] {
+        return quortest::PollUntil([] { return Threads("BpfServicePGpl") == 0; },
+                                   std::chrono::seconds(10));
+    };
+    ASSERT_TRUE(ended());
+    const size_t fdsBefore = quortest::OpenDescriptors();
+    for (int restart = 0; restart < 5; ++restart) {
+        service->superviseProducers();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        ASSERT_TRUE(ended()) << "restart " << restart;
+    }
+    // Nothing attached again: no descriptor of a programme or hook more.
+    EXPECT_EQ(quortest::OpenDescriptors(), fdsBefore);
+    printf("descriptors across 5 producer restarts: %zu before, %zu after\n", fdsBefore,
+           quortest::OpenDescriptors());
+    // The pin back, one more restart: the GPL monitor serves again.
+    ASSERT_EQ(rename(kGplPinAway.c_str(), RINGBUF_MAP_PATHS[RINGBUF_GPL]), 0);
+    service->superviseProducers();
+    EXPECT_TRUE(quortest::PollUntil([] { return Threads("BpfServicePGpl") == 1; },
+                                    std::chrono::seconds(10)));
+    EXPECT_TRUE(quortest::PollUntil(
+        [] {
+            return quortest::StatusWord(RINGBUF_GPL) ==
+                   (QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON);
+        },
+        std::chrono::seconds(30)));
+}
+
+TEST(PipelineTest, RecordsOfUnknownTypesAreSkippedAndPollingGoesOn) {
+    QuorBpfService* service = QuorBpfService::GetInstance();
+    const uint64_t before = service->unknownRecordCount();
+    quor_dmabuf_update_record odd = {};
+    odd.pid = kFakePidBase + 30;
+    // More in a row than the monitor tolerates failed polls.
+    for (const uint32_t type : {8u, 9u, 50001u, 0xffffffffu}) {
+        odd.header.type = type;
+        Inject(odd, 3);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(gEnv->Checkpoint());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(service->unknownRecordCount() - before, 12u);
+    EXPECT_EQ(gEnv->events.count(odd.pid, 9), 0u);
+}
+
 TEST(PipelineTest, OverflowIsReportedOnceAndCleared) {
     QuorBpfService* service = QuorBpfService::GetInstance();
     const int statusFd = bpf_obj_get(RINGBUF_STATUS_PATHS[RINGBUF_MAIN]);
@@ -420,9 +505,54 @@ TEST(PipelineTest, OverflowIsReportedOnceAndCleared) {
     EXPECT_FALSE(service->enableCoreBpf(2, true));
 }
 
+// A process running before the service starts, named as a terminal
+// multiplexer names itself (blanks, parentheses), with three threads.
+pid_t gOddlyNamed = -1;
+
+pid_t StartOddlyNamedProcess() {
+    const pid_t child = fork();
+    if (child != 0) return child;
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+    (void)prctl(PR_SET_NAME, "tmux: (x) y", 0, 0, 0);
+    for (int i = 0; i < 2; ++i) {
+        pthread_t thread;
+        (void)pthread_create(
+            &thread, nullptr,
+            [](void*) -> void* {
+                for (;;) pause();
+            },
+            nullptr);
+    }
+    for (;;) pause();
+}
+
+TEST(PipelineTest, StartupScanCountsThreadsOfANameWithBlanksAndParentheses) {
+    ASSERT_GT(gOddlyNamed, 0);
+    const QuorTask task = TaskOf(gOddlyNamed);
+    EXPECT_STREQ(task.comm, "tmux: (x) y");
+    EXPECT_EQ(task.threadNum, 3);
+    EXPECT_GT(task.initTimeStamp, 0);
+}
+
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
+    gOddlyNamed = StartOddlyNamedProcess();
+    // Its threads exist before the service scans.
+    (void)quortest::PollUntil(
+        [] {
+            std::ifstream status("/proc/" + std::to_string(gOddlyNamed) + "/status");
+            for (std::string line; std::getline(status, line);) {
+                if (line == "Threads:\t3") return true;
+            }
+            return false;
+        },
+        std::chrono::seconds(5));
     gEnv = new PipelineEnvironment();
     ::testing::AddGlobalTestEnvironment(gEnv);
-    return RUN_ALL_TESTS();
+    const int result = RUN_ALL_TESTS();
+    if (gOddlyNamed > 0) {
+        kill(gOddlyNamed, SIGKILL);
+        (void)waitpid(gOddlyNamed, nullptr, 0);
+    }
+    return result;
 }

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -93,6 +94,15 @@ struct Counter {
         return true;
     }
 };
+
+// The "Threads:" line of a process's status file; -1 when it is gone.
+int32_t KernelThreads(int32_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("Threads:\t", 0) == 0) return atoi(line.c_str() + 9);
+    }
+    return -1;
+}
 
 size_t Subscribers() {
     return EventManager::GetInstance()->GetEventObservers(QUOR_EVENT_TASK_INIT).size();
@@ -187,6 +197,32 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     // A process that ended a moment ago may still have its exit on the way.
     EXPECT_LE(deadTasks, 5u) << "registered processes that no longer exist";
 
+    // Thread counts agree with the kernel's for every live process whose
+    // count holds still long enough to be compared (the machine runs others).
+    std::string wrong;
+    size_t compared = 0;
+    for (const int32_t pid : QuorTaskManager::GetInstance()->GetQuorTaskPids()) {
+        int32_t kernel = -1;
+        bool agrees = false;
+        bool steady = true;
+        for (int look = 0; look < 10 && !agrees; ++look) {
+            if (look > 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            const int32_t now = KernelThreads(pid);
+            steady = now == kernel;
+            kernel = now;
+            QuorTask task;
+            if (kernel < 0 || !QuorTaskManager::GetInstance()->GetQuorTaskCopy(pid, &task)) break;
+            agrees = task.threadNum == kernel;
+            if (!agrees && steady && look >= 4) {
+                wrong += " " + std::to_string(pid) + " (" + task.comm +
+                         "): " + std::to_string(task.threadNum) + " vs " + std::to_string(kernel);
+                break;
+            }
+        }
+        compared += agrees;
+    }
+    EXPECT_EQ(wrong, "") << "registered thread counts that differ from the kernel's";
+
     stable.clear();
     EXPECT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(30)));
     EXPECT_TRUE(PollUntil([&] { return OpenDescriptors() <= fdsBefore; }, std::chrono::seconds(30)))
@@ -207,11 +243,11 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     printf(
         "clients held: %d (%d stable, %d churning slots, %llu churned connections); records "
         "delivered to stable clients: %llu (least %llu); descriptors %zu -> %zu; heap %zu -> "
-        "%zu bytes; registry %u -> %u tasks (%zu dead)\n",
+        "%zu bytes; registry %u -> %u tasks (%zu dead, %zu thread counts checked)\n",
         kClients, kClients - kChurning, kChurning, static_cast<unsigned long long>(churned.load()),
         static_cast<unsigned long long>(total), static_cast<unsigned long long>(least), fdsBefore,
         OpenDescriptors(), heapBefore, heapAfter, tasksBefore,
-        QuorTaskManager::GetInstance()->GetQuorTaskCount(), deadTasks);
+        QuorTaskManager::GetInstance()->GetQuorTaskCount(), deadTasks, compared);
 }
 
 int main(int argc, char** argv) {

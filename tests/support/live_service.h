@@ -76,8 +76,9 @@ inline uint64_t StatusWord(int index) {
 }
 
 // Loads and pins the programmes, starts the service and waits until the main
-// monitor has enabled them all. Empty on success, else why not.
-inline std::string StartLiveService() {
+// monitor has enabled them all. Empty on success, else why not. `beforeStart`
+// may change the pins first.
+inline std::string StartLiveService(const std::function<void()>& beforeStart = nullptr) {
     if (geteuid() != 0) return "needs root to load BPF programmes";
     Quor::Bpf::QuorBpfLoadReport report;
     if (Quor::Bpf::QuorBpfLoader::Load(Quor::Bpf::QuorBpfLoader::Options(), &report) != 0) {
@@ -95,6 +96,7 @@ inline std::string StartLiveService() {
     android::base::SetProperty("ro.kernel.version",
                                std::to_string(major) + "." + std::to_string(minor));
     android::base::SetProperty("sys.quor_bpf_ready", "1");
+    if (beforeStart) beforeStart();
     if (Quor::Bpf::BpfServiceMain() != 1) return "BpfServiceMain did not start the service";
     const bool enabled = PollUntil(
         [] {

@@ -13,6 +13,7 @@
 #include <functional>
 
 #include "diag/quor_bpf_log.h"
+#include "quor/quor_bpf_records.h"
 #include "quor_bpf_objects.h"
 #include "tools/loader/quor_bpf_fs_mounts.h"
 
@@ -165,6 +166,18 @@ int LoadObject(const quor_bpf_embedded_object& embedded, const QuorBpfLoader::Op
     bpf_map* map = nullptr;
     bpf_object__for_each_map(map, obj) {
         const std::string name = MapPinName(object, map);
+        // A reused status map still says "enabled" from the service run
+        // before: the new programmes would run before the next service has
+        // seeded anything. They start switched off, as in a fresh map.
+        if (strcmp(bpf_map__name(map), "ringbuf_status") == 0) {
+            const uint32_t key = QUOR_STATUS_KEY_FLAGS;
+            const uint64_t off = 0;
+            if (bpf_map_update_elem(bpf_map__fd(map), &key, &off, BPF_ANY) != 0) {
+                report->failures.push_back(name +
+                                           ": cannot reset the status word: " + Errno(-errno));
+                ++failures;
+            }
+        }
         if (std::find(reused.begin(), reused.end(), name) != reused.end()) {
             report->reused.push_back(name);
             continue;
