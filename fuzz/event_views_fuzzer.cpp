@@ -14,13 +14,6 @@ void Require(bool condition) {
     if (!condition) __builtin_trap();
 }
 
-constexpr uint32_t kTypes[] = {
-    QUOR_EVENT_TASK_INIT,   QUOR_EVENT_RSS_STAT,        QUOR_EVENT_TASK_CREATE,
-    QUOR_EVENT_TASK_EXIT,   QUOR_EVENT_DMABUF_SIZE,     QUOR_EVENT_CGROUP_ATTACH,
-    QUOR_EVENT_FD_UPDATE,   QUOR_EVENT_DMABUF_UPDATE,   QUOR_SERVICE_TASK_NEW,
-    QUOR_SERVICE_TASK_EXIT, QUOR_SERVICE_THREAD_CHANGE, QUOR_SERVICE_RSS_CHANGE,
-};
-
 template <typename View>
 void CheckView(const uint8_t* data, size_t size, uint32_t claimed) {
     const View view(data, size);
@@ -56,7 +49,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     const std::string own = QuorFormatEvent(claimed, data, size);
     Require(!own.empty());
-    for (const uint32_t type : kTypes) {
+    for (const QuorEventTypeInfo& info : kQuorEventTypes) {
+        const uint32_t type = info.type;
         const std::string text = QuorFormatEvent(type, data, size);
         Require(text.compare(0, strlen(QuorEventName(type)), QuorEventName(type)) == 0);
         Require(QuorRecordSize(type) != 0);

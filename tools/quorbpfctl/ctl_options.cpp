@@ -78,12 +78,11 @@ CtlCommand CommandByName(const std::string& name) {
 }  // namespace
 
 const std::vector<uint32_t>& AllEventTypes() {
-    static const std::vector<uint32_t> kTypes = {
-        QUOR_EVENT_TASK_INIT,   QUOR_EVENT_RSS_STAT,        QUOR_EVENT_TASK_CREATE,
-        QUOR_EVENT_TASK_EXIT,   QUOR_EVENT_DMABUF_SIZE,     QUOR_EVENT_CGROUP_ATTACH,
-        QUOR_EVENT_FD_UPDATE,   QUOR_EVENT_DMABUF_UPDATE,   QUOR_SERVICE_TASK_NEW,
-        QUOR_SERVICE_TASK_EXIT, QUOR_SERVICE_THREAD_CHANGE, QUOR_SERVICE_RSS_CHANGE,
-    };
+    static const std::vector<uint32_t> kTypes = [] {
+        std::vector<uint32_t> types;
+        for (const QuorEventTypeInfo& info : kQuorEventTypes) types.push_back(info.type);
+        return types;
+    }();
     return kTypes;
 }
 
@@ -91,7 +90,7 @@ bool ParseEventType(const std::string& text, uint32_t* type, std::string* error)
     int64_t number = 0;
     if (!text.empty() && text[0] >= '0' && text[0] <= '9') {
         if (ParseInt(text, 0, UINT32_MAX, &number) &&
-            QuorEventName(static_cast<uint32_t>(number)) != nullptr) {
+            IsSubscribableEventType(static_cast<uint32_t>(number))) {
             *type = static_cast<uint32_t>(number);
             return true;
         }
