@@ -85,6 +85,10 @@ public:
     std::set<unsigned int> pending;       // request ids awaiting an answer
 };
 
+// The public constants are the wire protocol's.
+static_assert(QUOR_BPF_COMMAND_SUBSCRIBE == IPC_COMMAND_SUBSCRIBE, "subscribe command");
+static_assert(QUOR_BPF_COMMAND_UNSUBSCRIBE == IPC_COMMAND_UNSUBSCRIBE, "unsubscribe command");
+
 namespace {
 
 int64_t SteadyMs() {
