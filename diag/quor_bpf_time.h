@@ -8,6 +8,8 @@
 // before the threads that read it exist.
 #pragma once
 
+#include <time.h>
+
 #include <cstdint>
 
 namespace Quor {
@@ -20,6 +22,17 @@ int64_t GetSystemNanosencondsTime();
 int64_t GetSystemMicrosencondsTime();
 int64_t GetSystemMillisecondsTime(bool precise);
 int64_t GetSystemSecondsTime();
+
+// Plain CLOCK_MONOTONIC, without the base: for deadlines and intervals.
+// Inline, so that the client library and the tools need no link to diag.
+inline int64_t MonotonicNs() {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+inline int64_t MonotonicMs() {
+    return MonotonicNs() / 1000000;
+}
 
 }  // namespace Bpf
 }  // namespace Quor

@@ -38,12 +38,6 @@ constexpr uint32_t kMemoryEventMmId = 1000;
 constexpr int64_t kDmabufCleanupIntervalMs = 1000;
 constexpr size_t kDmabufCleanupMaxPending = 4096;
 
-int64_t SteadyMs() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 // Copies a record of type T out of the ring buffer; false when it is shorter
 // than T (nothing is read beyond the record).
 template <typename T>
@@ -292,7 +286,7 @@ void QuorBpfService::scheduleDmabufCleanup(int32_t pid) {
     {
         std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
         dmabufCleanupPids_.push_back(pid);
-        const int64_t now = SteadyMs();
+        const int64_t now = MonotonicMs();
         if (now - dmabufCleanupAtMs_ < kDmabufCleanupIntervalMs &&
             dmabufCleanupPids_.size() < kDmabufCleanupMaxPending) {
             return;
@@ -311,7 +305,7 @@ void QuorBpfService::flushDmabufCleanup(int32_t reusedPid) {
             dmabufCleanupPids_.end()) {
             return;
         }
-        dmabufCleanupAtMs_ = SteadyMs();
+        dmabufCleanupAtMs_ = MonotonicMs();
         due.swap(dmabufCleanupPids_);
     }
     (void)cleanUpDmabufMaps(due);

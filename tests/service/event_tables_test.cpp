@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "service/quor_bpf_event_tables.h"
 #include "service/quor_bpf_service.h"
+#include "service/quor_bpf_service_settings.h"
 
 using namespace Quor::Bpf;
 

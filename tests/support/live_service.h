@@ -31,7 +31,7 @@
 #include "diag/quor_bpf_error_log.h"
 #include "quor/bpf_service_main.h"
 #include "quor/quor_bpf_records.h"
-#include "service/quor_bpf_event_tables.h"
+#include "service/quor_bpf_service_settings.h"
 #include "tools/loader/quor_bpf_loader.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

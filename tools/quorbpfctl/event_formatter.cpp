@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "diag/quor_bpf_time.h"
 #include "tools/quorbpfctl/json_line.h"
 
 namespace Quor {
@@ -16,9 +17,9 @@ namespace {
 
 using Kind = EventField::Kind;
 
-int64_t ClockNs(clockid_t clock) {
+int64_t RealtimeNs() {
     timespec ts = {};
-    clock_gettime(clock, &ts);
+    clock_gettime(CLOCK_REALTIME, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
@@ -73,8 +74,8 @@ std::string Trimmed(double value) {
 
 EventContext EventContext::Now() {
     EventContext context;
-    context.realtimeNs = ClockNs(CLOCK_REALTIME);
-    context.monotonicNs = ClockNs(CLOCK_MONOTONIC);
+    context.realtimeNs = RealtimeNs();
+    context.monotonicNs = MonotonicNs();
     return context;
 }
 

@@ -30,20 +30,17 @@
 #include <utility>
 #include <vector>
 
+#include "bpf/quor_bpf_compat.h"
 #include "diag/quor_bpf_log.h"
 #include "quor/bpf_service_main.h"
+#include "service/quor_bpf_service_settings.h"
 #include "tools/loader/quor_bpf_loader.h"
 
 namespace {
 
 constexpr const char* kTag = "quorbpfd";
 constexpr const char* kLogDir = "/data/quorlog/stability/quorbpfframework/";
-constexpr const char* kReadyProperty = "sys.quor_bpf_ready";
 constexpr const char* kDefaultPidFile = "/run/quorbpfd.pid";
-
-// Who may connect besides uid 0 and the daemon's own uid (--allow-uid/gid).
-constexpr const char* kAllowUidsProperty = "persist.sys.quorbpf.allow_uids";
-constexpr const char* kAllowGidsProperty = "persist.sys.quorbpf.allow_gids";
 
 void Usage(FILE* out) {
     fprintf(out,
@@ -138,7 +135,8 @@ bool LoadProgrammes() {
             return true;
         }
     }
-    QLOGE(kTag, "[quorbpfd] no BPF programme pinned; not setting %s", kReadyProperty);
+    QLOGE(kTag, "[quorbpfd] no BPF programme pinned; not setting %s",
+          Quor::Bpf::QUOR_BPF_READY_PROPERTY);
     return false;
 }
 
@@ -218,7 +216,9 @@ int ParseDaemonArguments(int argc, char** argv, DaemonOptions* options) {
                         group ? "group" : "user", argv[i]);
                 return 2;
             }
-            allowed.emplace_back(group ? kAllowGidsProperty : kAllowUidsProperty, id);
+            allowed.emplace_back(group ? Quor::Bpf::QUOR_BPF_ALLOW_GIDS_PROPERTY
+                                       : Quor::Bpf::QUOR_BPF_ALLOW_UIDS_PROPERTY,
+                                 id);
         } else if (TakeValue(argc, argv, &i, "--property", &value)) {
             const size_t eq = value.find('=');
             if (eq == std::string::npos || eq == 0) {
@@ -240,12 +240,12 @@ int ParseDaemonArguments(int argc, char** argv, DaemonOptions* options) {
 // What the platform does on a device: properties, programmes, log directory.
 void PrepareHost(DaemonOptions* options) {
     auto& properties = options->properties;
-    if (properties.count("ro.kernel.version") == 0) {
-        properties["ro.kernel.version"] = KernelMajorMinor();
+    if (properties.count(Quor::Bpf::QUOR_KERNEL_VERSION_PROPERTY) == 0) {
+        properties[Quor::Bpf::QUOR_KERNEL_VERSION_PROPERTY] = KernelMajorMinor();
     }
     const bool loaded = options->load && LoadProgrammes();
-    if (loaded && properties.count(kReadyProperty) == 0) {
-        properties[kReadyProperty] = "1";
+    if (loaded && properties.count(Quor::Bpf::QUOR_BPF_READY_PROPERTY) == 0) {
+        properties[Quor::Bpf::QUOR_BPF_READY_PROPERTY] = "1";
     }
     for (const auto& [key, value] : properties) android::base::SetProperty(key, value);
 
