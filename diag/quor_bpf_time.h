@@ -33,6 +33,12 @@ inline int64_t MonotonicNs() {
 inline int64_t MonotonicMs() {
     return MonotonicNs() / 1000000;
 }
+// CLOCK_REALTIME in ns since the epoch: for showing times to a person.
+inline int64_t RealtimeNs() {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
 
 }  // namespace Bpf
 }  // namespace Quor

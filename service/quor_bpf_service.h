@@ -107,8 +107,11 @@ public:
 
     // Clients connected at once; one more is refused at accept, with a log.
     static constexpr size_t MAX_CLIENT_CONNECTIONS = 64;
-    // Distinct event types one client may subscribe to; there are twelve.
+    // Distinct event types one client may subscribe to: room for every type.
     static constexpr size_t MAX_SUBSCRIPTIONS_PER_CLIENT = 256;
+    static_assert(MAX_SUBSCRIPTIONS_PER_CLIENT >=
+                      sizeof(kQuorEventTypes) / sizeof(kQuorEventTypes[0]),
+                  "a client can subscribe to every type");
 
     static const BpfProgTable PROG_EVENT_MAP;
     static const BpfProgTable PROG_GPL_EVENT_MAP;

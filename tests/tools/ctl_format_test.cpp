@@ -105,6 +105,13 @@ TEST_F(FormatTest, ServiceEventsShowChangesAndKeepOldValuesInJson) {
     EXPECT_NE(json.find("\"old_rss_anon\":104857600"), std::string::npos) << json;
     EXPECT_NE(json.find("\"old_rss_shmem\":4096"), std::string::npos) << json;
     EXPECT_EQ(json.find("ts_ns"), std::string::npos) << "service events carry no time";
+    // A new process's third id is, for a forked one, its own task id.
+    quor_task_new_event created = {};
+    created.id = QUOR_SERVICE_TASK_NEW;
+    created.pid = created.uid = 43;
+    created.ppid = 42;
+    EXPECT_NE(FormatEventText(Decode(created), context_).find(" ppid=42 tid=43"),
+              std::string::npos);
     // Sizes: KiB up to the last KiB below one MiB, then MiB, either sign.
     EXPECT_EQ(FormatSize(1536), "1.5 KiB");
     EXPECT_EQ(FormatSize(1023 * 1024), "1023 KiB");

@@ -17,12 +17,6 @@ namespace {
 
 using Kind = EventField::Kind;
 
-int64_t RealtimeNs() {
-    timespec ts = {};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
 // The value of JSON field `key` among `fields` (rss_change pairs).
 int64_t FieldNumber(const std::vector<EventField>& fields, const char* key) {
     for (const EventField& field : fields) {
