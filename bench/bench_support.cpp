@@ -19,7 +19,7 @@
 
 #include "ipc/socket_utils.h"
 #include "quor/quor_bpf_records.h"
-#include "service/quor_bpf_event_tables.h"
+#include "service/quor_bpf_service_settings.h"
 #include "tools/loader/quor_bpf_loader.h"
 
 namespace quor_bench {

@@ -21,7 +21,7 @@
 #include "ipc/socket_utils.h"
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
-#include "service/quor_bpf_event_tables.h"
+#include "service/quor_bpf_service_settings.h"
 #include "tests/support/raw_ipc_client.h"
 #include "tests/support/record_injector.h"
 

@@ -54,7 +54,7 @@
 #include "ipc/ipc_package_handler.h"
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
-#include "service/quor_bpf_event_tables.h"
+#include "service/quor_bpf_service_settings.h"
 #include "tests/support/record_injector.h"
 
 using namespace quor_bench;

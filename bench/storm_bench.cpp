@@ -31,7 +31,7 @@
 
 #include "bench/bench_support.h"
 #include "quor/quor_bpf_records.h"
-#include "service/quor_bpf_event_tables.h"
+#include "service/quor_bpf_service_settings.h"
 
 using namespace quor_bench;
 

@@ -69,7 +69,7 @@ bool MatchesKernelVersion(const std::string& compat, int32_t running) {
 
 bool CheckBpfCompatibility(const std::string& compat) {
     const int32_t running =
-        convertVersionToInt(android::base::GetProperty("ro.kernel.version", "0.0"));
+        convertVersionToInt(android::base::GetProperty(QUOR_KERNEL_VERSION_PROPERTY, "0.0"));
     return MatchesKernelVersion(compat, running);
 }
 

@@ -18,6 +18,9 @@
 namespace Quor {
 namespace Bpf {
 
+// The running kernel's "major.minor", set by the platform.
+constexpr const char* QUOR_KERNEL_VERSION_PROPERTY = "ro.kernel.version";
+
 // The version number of "major.minor[.more]" (5.10 -> 5010), or -1 when the
 // string is malformed.
 int32_t convertVersionToInt(const std::string& version);

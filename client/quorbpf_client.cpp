@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_time.h"
 #include "ipc/ipc_package.h"
 #include "ipc/ipc_package_handler.h"
 #include "ipc/ipc_package_manager.h"
@@ -85,13 +86,13 @@ public:
     std::set<unsigned int> pending;       // request ids awaiting an answer
 };
 
+// The public constants are the wire protocol's.
+static_assert(QUOR_BPF_COMMAND_SUBSCRIBE == IPC_COMMAND_SUBSCRIBE, "subscribe command");
+static_assert(QUOR_BPF_COMMAND_UNSUBSCRIBE == IPC_COMMAND_UNSUBSCRIBE, "unsubscribe command");
+
 namespace {
 
-int64_t SteadyMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
+using Quor::Bpf::MonotonicMs;
 
 }  // namespace
 
@@ -120,7 +121,7 @@ bool QuorBpfClientImpl::onFailedAttempt(int /*err*/) {
     firstAttemptFailed = true;
     changed.notify_all();
     if (firstConnectDeadlineMs < 0) return true;
-    return SteadyMs() < firstConnectDeadlineMs;
+    return MonotonicMs() < firstConnectDeadlineMs;
 }
 
 int QuorBpfClientImpl::onConnected(int connectedFd) {
@@ -260,7 +261,7 @@ bool QuorBpfClient::connect(int timeoutMs) {
                 std::lock_guard<std::mutex> lock(impl.mutex);
                 impl.phase = QuorBpfClientImpl::Phase::kFirstConnect;
                 impl.firstAttemptFailed = false;
-                impl.firstConnectDeadlineMs = timeoutMs > 0 ? SteadyMs() + timeoutMs : -1;
+                impl.firstConnectDeadlineMs = timeoutMs > 0 ? MonotonicMs() + timeoutMs : -1;
             }
             impl.ipc = impl.makeIpc();
             {

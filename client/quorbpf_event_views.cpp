@@ -1,53 +1,51 @@
-// Names, sizes and one-line text of the records a client receives.
+// Names, sizes and the one decoder of the records a client receives; the
+// text line and every other rendering are built from the decoded fields.
 #include "quor/quorbpf_event_views.h"
 
-#include <cinttypes>
-#include <cstdarg>
-#include <cstdio>
+#include <utility>
 
 namespace Quor {
 namespace Bpf {
 
 namespace {
 
-struct EventInfo {
-    uint32_t type;
-    const char* name;
-    size_t size;
-};
+using Kind = QuorEventField::Kind;
 
-// Kernel names are those the service's statistics print.
-constexpr EventInfo kEvents[] = {
-    {QUOR_EVENT_TASK_INIT, "quor_task_init", sizeof(quor_task_init_record)},
-    {QUOR_EVENT_RSS_STAT, "kmem_rss_info", sizeof(quor_rss_record)},
-    {QUOR_EVENT_TASK_CREATE, "sched_task_create", sizeof(quor_fork_record)},
-    {QUOR_EVENT_TASK_EXIT, "sched_task_exit", sizeof(quor_exit_record)},
-    {QUOR_EVENT_DMABUF_SIZE, "dmabuf_size_info", sizeof(quor_dmabuf_size_record)},
-    {QUOR_EVENT_CGROUP_ATTACH, "cgroup_attach_cpuset_info", sizeof(quor_cgroup_attach_record)},
-    {QUOR_EVENT_FD_UPDATE, "fd_update_info", sizeof(quor_fd_update_record)},
-    {QUOR_EVENT_DMABUF_UPDATE, "dmabuf_update", sizeof(quor_dmabuf_update_record)},
-    {QUOR_SERVICE_TASK_NEW, "task_new", sizeof(quor_task_new_event)},
-    {QUOR_SERVICE_TASK_EXIT, "task_exit", sizeof(quor_task_exit_event)},
-    {QUOR_SERVICE_THREAD_CHANGE, "thread_change", sizeof(quor_thread_change_event)},
-    {QUOR_SERVICE_RSS_CHANGE, "rss_change", sizeof(quor_rss_change_event)},
-};
-
-const EventInfo* FindEvent(uint32_t type) {
-    for (const EventInfo& info : kEvents) {
-        if (info.type == type) return &info;
-    }
-    return nullptr;
+QuorEventField Field(const char* name, const char* label, Kind kind) {
+    QuorEventField field;
+    field.name = name;
+    field.label = label;
+    field.kind = kind;
+    return field;
 }
 
-void Append(std::string* out, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void Append(std::string* out, const char* format, ...) {
-    char text[256];
-    va_list args;
-    va_start(args, format);
-    const int written = vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    if (written > 0)
-        out->append(text, written < static_cast<int>(sizeof(text)) ? written : sizeof(text) - 1);
+QuorEventField Int(const char* name, const char* label, int64_t value) {
+    QuorEventField field = Field(name, label, Kind::kInt);
+    field.number = value;
+    return field;
+}
+
+QuorEventField Uint(const char* name, const char* label, uint64_t value) {
+    QuorEventField field = Field(name, label, Kind::kUint);
+    field.unsignedNumber = value;
+    return field;
+}
+
+QuorEventField Size(const char* name, const char* label, int64_t bytes) {
+    QuorEventField field = Field(name, label, Kind::kSize);
+    field.number = bytes;
+    return field;
+}
+
+QuorEventField Text(const char* name, const char* label, std::string value) {
+    QuorEventField field = Field(name, label, Kind::kText);
+    field.text = std::move(value);
+    return field;
+}
+
+std::string EnumName(const char* name, int64_t value) {
+    if (name != nullptr) return name;
+    return "unknown(" + std::to_string(value) + ")";
 }
 
 const char* TaskKind(uint32_t kind) {
@@ -57,7 +55,7 @@ const char* TaskKind(uint32_t kind) {
         case QUOR_TASK_KIND_THREAD:
             return "thread";
         default:
-            return "unknown";
+            return nullptr;
     }
 }
 
@@ -72,7 +70,7 @@ const char* RssMember(int32_t member) {
         case QUOR_RSS_SHMEM:
             return "shmem";
         default:
-            return "unknown";
+            return nullptr;
     }
 }
 
@@ -83,156 +81,217 @@ const char* DmabufAction(uint32_t action) {
         case QUOR_DMABUF_RELEASE:
             return "release";
         default:
-            return "unknown";
+            return nullptr;
     }
 }
 
-void AppendHeader(std::string* out, const quor_record_header& header) {
-    Append(out, " ts=%" PRIu64, static_cast<uint64_t>(header.timestamp_ns));
+void SetHeader(QuorDecodedEvent* event, const quor_record_header& header) {
+    event->hasTimestamp = true;
+    event->timestampNs = header.timestamp_ns;
 }
 
-std::string FormatWhole(uint32_t type, const void* data, size_t length) {
-    std::string out = QuorEventName(type);
-    switch (type) {
-        case QUOR_EVENT_TASK_INIT: {
-            const QuorTaskInitView r(data, length);
-            AppendHeader(&out, r->header);
-            Append(&out, " pid=%d ppid=%d uid=%d threads=%d comm=%s", r->pid, r->ppid, r->uid,
-                   r->thread_count, QuorCommString(r->comm).c_str());
-            Append(&out,
-                   " rss_file=%" PRId64 " rss_anon=%" PRId64 " rss_shmem=%" PRId64 " swap=%" PRId64
-                   " start=%" PRId64,
-                   static_cast<int64_t>(r->rss_file), static_cast<int64_t>(r->rss_anon),
-                   static_cast<int64_t>(r->rss_shmem), static_cast<int64_t>(r->swap),
-                   static_cast<int64_t>(r->start_time_s));
-            break;
-        }
-        case QUOR_EVENT_RSS_STAT: {
-            const QuorRssView r(data, length);
-            AppendHeader(&out, r->header);
-            Append(&out, " pid=%d member=%s size=%" PRId64, r->pid, RssMember(r->member),
-                   static_cast<int64_t>(r->size));
-            break;
-        }
-        case QUOR_EVENT_TASK_CREATE: {
-            const QuorForkView r(data, length);
-            AppendHeader(&out, r->header);
-            Append(&out, " ppid=%d pid=%d tid=%d comm=%s kind=%s", r->ppid, r->pid, r->tid,
-                   QuorCommString(r->comm).c_str(), TaskKind(r->kind));
-            break;
-        }
-        case QUOR_EVENT_TASK_EXIT: {
-            const QuorExitView r(data, length);
-            AppendHeader(&out, r->header);
-            Append(&out, " pid=%d comm=%s kind=%s", r->pid, QuorCommString(r->comm).c_str(),
-                   TaskKind(r->kind));
-            break;
-        }
-        case QUOR_EVENT_DMABUF_SIZE: {
-            const QuorDmabufSizeView r(data, length);
-            AppendHeader(&out, r->header);
-            Append(&out, " pid=%d total=%" PRIu64, r->pid, static_cast<uint64_t>(r->total_size));
-            break;
-        }
-        case QUOR_EVENT_CGROUP_ATTACH: {
-            const QuorCgroupAttachView r(data, length);
-            AppendHeader(&out, r->header);
-            Append(&out, " pid=%d tid=%d comm=%s cgroup=%s", r->pid, r->tid,
-                   QuorCommString(r->comm).c_str(), QuorFieldString(r->cgroup).c_str());
-            break;
-        }
-        case QUOR_EVENT_FD_UPDATE: {
-            const QuorFdUpdateView r(data, length);
-            AppendHeader(&out, r->header);
-            Append(&out, " pid=%d fd=%d open_fds=%" PRIu64 " comm=%s", r->pid, r->fd,
-                   static_cast<uint64_t>(r->open_fds), QuorCommString(r->comm).c_str());
-            break;
-        }
-        case QUOR_EVENT_DMABUF_UPDATE: {
-            const QuorDmabufUpdateView r(data, length);
-            AppendHeader(&out, r->header);
-            Append(&out, " pid=%d action=%s inode=%" PRIu64 " size=%" PRIu64, r->pid,
-                   DmabufAction(r->action), static_cast<uint64_t>(r->inode),
-                   static_cast<uint64_t>(r->size));
-            break;
-        }
-        case QUOR_SERVICE_TASK_NEW: {
-            const QuorTaskNewView r(data, length);
-            Append(&out, " pid=%d ppid=%d uid=%d comm=%s", r->pid, r->ppid, r->uid,
-                   QuorCommString(r->comm).c_str());
-            break;
-        }
-        case QUOR_SERVICE_TASK_EXIT: {
-            const QuorTaskExitView r(data, length);
-            Append(&out, " pid=%d comm=%s", r->pid, QuorCommString(r->comm).c_str());
-            break;
-        }
-        case QUOR_SERVICE_THREAD_CHANGE: {
-            const QuorThreadChangeView r(data, length);
-            Append(&out, " pid=%d ppid=%d uid=%d threads=%d old_threads=%d", r->pid, r->ppid,
-                   r->uid, r->thread_count, r->old_thread_count);
-            break;
-        }
-        case QUOR_SERVICE_RSS_CHANGE: {
-            const QuorRssChangeView r(data, length);
-            Append(&out, " pid=%d ppid=%d uid=%d comm=%s", r->pid, r->ppid, r->uid,
-                   QuorCommString(r->comm).c_str());
-            Append(&out,
-                   " rss_file=%" PRId64 " rss_anon=%" PRId64 " swap=%" PRId64 " rss_shmem=%" PRId64,
-                   static_cast<int64_t>(r->rss_file), static_cast<int64_t>(r->rss_anon),
-                   static_cast<int64_t>(r->swap), static_cast<int64_t>(r->rss_shmem));
-            Append(&out,
-                   " old_rss_file=%" PRId64 " old_rss_anon=%" PRId64 " old_swap=%" PRId64
-                   " old_rss_shmem=%" PRId64,
-                   static_cast<int64_t>(r->old_rss_file), static_cast<int64_t>(r->old_rss_anon),
-                   static_cast<int64_t>(r->old_swap), static_cast<int64_t>(r->old_rss_shmem));
-            break;
-        }
+void SetComm(QuorDecodedEvent* event, const char (&comm)[QUOR_COMM_LEN]) {
+    event->hasComm = true;
+    event->comm = QuorCommString(comm);
+}
+
+// One Decode per record struct of the type list: a type added to the list
+// without one here does not compile.
+
+void Decode(const quor_task_init_record& r, QuorDecodedEvent* e) {
+    SetHeader(e, r.header);
+    e->pid = r.pid;
+    e->ppid = r.ppid;
+    SetComm(e, r.comm);
+    e->fields = {Int("ppid", "ppid", r.ppid),
+                 Int("uid", "uid", r.uid),
+                 Int("thread_count", "threads", r.thread_count),
+                 Size("rss_file", "file", r.rss_file),
+                 Size("rss_anon", "anon", r.rss_anon),
+                 Size("rss_shmem", "shmem", r.rss_shmem),
+                 Size("swap", "swap", r.swap),
+                 Int("start_time_s", "start", r.start_time_s)};
+}
+
+void Decode(const quor_rss_record& r, QuorDecodedEvent* e) {
+    SetHeader(e, r.header);
+    e->pid = r.pid;
+    // A known member labels the size ("anon=5.5 MiB"); an unknown one is shown.
+    const char* member = RssMember(r.member);
+    e->fields = {Text("member", member != nullptr ? nullptr : "member", EnumName(member, r.member)),
+                 Size("size", member != nullptr ? member : "size", r.size)};
+}
+
+void Decode(const quor_fork_record& r, QuorDecodedEvent* e) {
+    SetHeader(e, r.header);
+    e->pid = r.pid;
+    e->ppid = r.ppid;
+    SetComm(e, r.comm);
+    e->fields = {Int("ppid", "ppid", r.ppid), Int("tid", "tid", r.tid),
+                 Text("kind", "kind", EnumName(TaskKind(r.kind), r.kind))};
+}
+
+void Decode(const quor_exit_record& r, QuorDecodedEvent* e) {
+    SetHeader(e, r.header);
+    e->pid = r.pid;
+    SetComm(e, r.comm);
+    e->fields = {Text("kind", "kind", EnumName(TaskKind(r.kind), r.kind))};
+}
+
+void Decode(const quor_dmabuf_size_record& r, QuorDecodedEvent* e) {
+    SetHeader(e, r.header);
+    e->pid = r.pid;
+    e->fields = {Uint("total_size", nullptr, r.total_size),
+                 Size(nullptr, "dmabuf_total", static_cast<int64_t>(r.total_size))};
+}
+
+void Decode(const quor_cgroup_attach_record& r, QuorDecodedEvent* e) {
+    SetHeader(e, r.header);
+    e->pid = r.pid;
+    SetComm(e, r.comm);
+    e->fields = {Int("tid", "tid", r.tid), Text("cgroup", "cgroup", QuorFieldString(r.cgroup))};
+}
+
+void Decode(const quor_fd_update_record& r, QuorDecodedEvent* e) {
+    SetHeader(e, r.header);
+    e->pid = r.pid;
+    SetComm(e, r.comm);
+    e->fields = {Int("fd", "fd", r.fd), Uint("open_fds", "open_fds", r.open_fds)};
+}
+
+void Decode(const quor_dmabuf_update_record& r, QuorDecodedEvent* e) {
+    SetHeader(e, r.header);
+    e->pid = r.pid;
+    e->fields = {Text("action", "action", EnumName(DmabufAction(r.action), r.action)),
+                 Uint("inode", "inode", r.inode), Uint("size", nullptr, r.size),
+                 Size(nullptr, "size", static_cast<int64_t>(r.size))};
+}
+
+void Decode(const quor_task_new_event& r, QuorDecodedEvent* e) {
+    e->pid = r.pid;
+    e->ppid = r.ppid;
+    SetComm(e, r.comm);
+    // The member is named uid, but for a process seen forking it holds the
+    // new task's own id; the label says what a reader mostly sees.
+    e->fields = {Int("ppid", "ppid", r.ppid), Int("uid", "tid", r.uid)};
+}
+
+void Decode(const quor_task_exit_event& r, QuorDecodedEvent* e) {
+    e->pid = r.pid;
+    SetComm(e, r.comm);
+}
+
+void Decode(const quor_thread_change_event& r, QuorDecodedEvent* e) {
+    e->pid = r.pid;
+    e->ppid = r.ppid;
+    e->fields = {Int("ppid", "ppid", r.ppid), Int("uid", "uid", r.uid),
+                 Int("old_thread_count", "old_threads", r.old_thread_count),
+                 Int("thread_count", "threads", r.thread_count)};
+}
+
+void Decode(const quor_rss_change_event& r, QuorDecodedEvent* e) {
+    e->pid = r.pid;
+    e->ppid = r.ppid;
+    SetComm(e, r.comm);
+    // The old values carry no label: a line of text shows each size with its
+    // change instead.
+    e->fields = {Int("ppid", "ppid", r.ppid),
+                 Int("uid", "uid", r.uid),
+                 Size("rss_file", "file", r.rss_file),
+                 Size("rss_anon", "anon", r.rss_anon),
+                 Size("swap", "swap", r.swap),
+                 Size("rss_shmem", "shmem", r.rss_shmem),
+                 Size("old_rss_file", nullptr, r.old_rss_file),
+                 Size("old_rss_anon", nullptr, r.old_rss_anon),
+                 Size("old_swap", nullptr, r.old_swap),
+                 Size("old_rss_shmem", nullptr, r.old_rss_shmem)};
+}
+
+// Fills pid, comm and fields of a record already known to be whole.
+void DecodeWhole(const void* data, size_t length, QuorDecodedEvent* e) {
+    switch (e->type) {
+#define QUOR_DECODE_CASE(enumerator, id, name, record)    \
+    case (id):                                            \
+        Decode(*QuorRecordView<record>(data, length), e); \
+        break;
+        QUOR_EVENT_LIST(QUOR_DECODE_CASE)
+#undef QUOR_DECODE_CASE
         default:
             break;
     }
-    return out;
 }
 
 }  // namespace
 
+QuorDecodedEvent QuorDecodeEvent(uint32_t type, const void* data, size_t length) {
+    QuorDecodedEvent event;
+    event.type = type;
+    event.length = length;
+    event.name = QuorEventName(type);
+    if (event.name == nullptr) {
+        event.error = "unknown type";
+        return event;
+    }
+    uint32_t recordType = 0;
+    if (data == nullptr || length < sizeof(recordType)) {
+        event.error = "truncated";
+        return event;
+    }
+    memcpy(&recordType, data, sizeof(recordType));
+    if (recordType != type) {
+        event.error = "type mismatch: record says " + std::to_string(recordType);
+        return event;
+    }
+    if (length < QuorRecordSize(type)) {
+        event.error = "truncated";
+        return event;
+    }
+    DecodeWhole(data, length, &event);
+    return event;
+}
+
 const char* QuorEventName(uint32_t type) {
-    const EventInfo* info = FindEvent(type);
+    const QuorEventTypeInfo* info = QuorFindEventType(type);
     return info == nullptr ? nullptr : info->name;
 }
 
 int64_t QuorEventTypeByName(const std::string& name) {
-    for (const EventInfo& info : kEvents) {
+    for (const QuorEventTypeInfo& info : kQuorEventTypes) {
         if (name == info.name) return info.type;
     }
     return -1;
 }
 
 size_t QuorRecordSize(uint32_t type) {
-    const EventInfo* info = FindEvent(type);
+    const QuorEventTypeInfo* info = QuorFindEventType(type);
     return info == nullptr ? 0 : info->size;
 }
 
 std::string QuorFormatEvent(uint32_t type, const void* data, size_t length) {
-    std::string out;
-    const EventInfo* info = FindEvent(type);
-    if (info == nullptr) {
-        Append(&out, "unknown type %u (%zu bytes)", type, length);
-        return out;
+    const QuorDecodedEvent event = QuorDecodeEvent(type, data, length);
+    std::string out = event.name != nullptr ? event.name : "type " + std::to_string(type);
+    if (!event.error.empty())
+        return out + " " + event.error + " (" + std::to_string(length) + " bytes)";
+    if (event.hasTimestamp) out += " ts=" + std::to_string(event.timestampNs);
+    out += " pid=" + std::to_string(event.pid);
+    if (event.hasComm) out += " comm=" + event.comm;
+    for (const QuorEventField& field : event.fields) {
+        if (field.name == nullptr) continue;
+        out += std::string(" ") + field.name + "=";
+        switch (field.kind) {
+            case Kind::kInt:
+            case Kind::kSize:
+                out += std::to_string(field.number);
+                break;
+            case Kind::kUint:
+                out += std::to_string(field.unsignedNumber);
+                break;
+            case Kind::kText:
+                out += field.text;
+                break;
+        }
     }
-    uint32_t recordType = 0;
-    if (data != nullptr && length >= sizeof(recordType))
-        memcpy(&recordType, data, sizeof(recordType));
-    if (data == nullptr || length < sizeof(recordType) || recordType != type) {
-        Append(&out, "%s type mismatch (record says %u, %zu bytes)", info->name, recordType,
-               length);
-        return out;
-    }
-    if (length < info->size) {
-        Append(&out, "%s truncated (%zu of %zu bytes)", info->name, length, info->size);
-        return out;
-    }
-    return FormatWhole(type, data, length);
+    return out;
 }
 
 }  // namespace Bpf

@@ -4,13 +4,10 @@ namespace Quor {
 namespace Bpf {
 
 const char* EventTypeName(int32_t type) {
-    static const char* const kNames[QUOR_STAT_SLOTS] = {
-        "quor_task_init",  "kmem_rss_info",    "sched_task_create",
-        "sched_task_exit", "dmabuf_size_info", "cgroup_attach_cpuset_info",
-        "fd_update_info",  "dmabuf_update",    "PollCount",
-    };
-    if (type < 0 || type >= QUOR_STAT_SLOTS) return "UNKNOW";
-    return kNames[type];
+    if (type >= 0 && IsKernelEventType(static_cast<uint32_t>(type)))
+        return kQuorEventTypes[type].name;
+    if (type == QUOR_EVENT_POLL_COUNT) return "PollCount";
+    return "UNKNOW";
 }
 
 }  // namespace Bpf

@@ -17,7 +17,8 @@ std::atomic<QuorBpfDataState*> QuorBpfDataState::instance{nullptr};
 
 namespace {
 
-constexpr int KERNEL_EVENT_TYPES = 8;  // slots 0..7; slot 8 counts polls
+// One slot per kernel type, then the poll counter.
+constexpr int KERNEL_EVENT_TYPES = static_cast<int>(kQuorKernelEventCount);
 
 std::mutex& InstanceLock() {
     static std::mutex lock;
@@ -98,7 +99,7 @@ void QuorBpfDataState::DumpState() {
     for (int type = 0; type < KERNEL_EVENT_TYPES; ++type) {
         (void)fprintf(out, "%s, ", EventTypeName(type));
     }
-    (void)fputs("PollCount, ", out);
+    (void)fprintf(out, "%s, ", EventTypeName(QUOR_EVENT_POLL_COUNT));
     (void)fprintf(out, "%lld, %lld \r\n", static_cast<long long>(first),
                   static_cast<long long>(last));
     for (int64_t i = first; i >= last; --i) {

@@ -1,14 +1,16 @@
 // QuorBpfDataState: per-second counts of the events the service handled.
 //
 // Keeps the last 1800 seconds (30 minutes) of counts: for every second, how
-// many records of each kernel event type 0..7 were handled and how many times
-// the ring buffers were polled (slot 8). Seconds without events get zeroed
-// slots of their own, so a slot's running index equals seconds elapsed since
-// construction. DumpState() writes the window to bpfservice_state.csv, newest
-// second first.
+// many records of each kernel event type (0..7 today; one slot per type of the
+// list in quor/quor_bpf_records.h) were handled and how many times the ring
+// buffers were polled (the last slot, QUOR_EVENT_POLL_COUNT). Seconds without
+// events get zeroed slots of their own, so a slot's running index equals
+// seconds elapsed since construction. DumpState() writes the window to
+// bpfservice_state.csv, newest second first.
 //
 // Usage: QuorBpfDataState::GetInstance()->RecordEvent(type, 1) for every
-// record, RecordEvent(8, 1) for every poll; DumpState() on request.
+// record, RecordEvent(QUOR_EVENT_POLL_COUNT, 1) for every poll; DumpState()
+// on request.
 //
 // Threading: RecordEvent and DumpState may run on any threads at once. A
 // small mutex guards the window; RecordEvent holds it for a few instructions
@@ -45,8 +47,8 @@ public:
     QuorBpfDataState(const QuorBpfDataState&) = delete;
     QuorBpfDataState& operator=(const QuorBpfDataState&) = delete;
 
-    // Adds `count` (wrapping) to slot `type` (0..8) of the current second;
-    // any other type is ignored.
+    // Adds `count` (wrapping) to slot `type` (below QUOR_STAT_SLOTS) of the
+    // current second; any other type is ignored.
     void RecordEvent(int32_t type, int32_t count);
     // Writes QUORTASK_DUMP_TEMPLATE; logs and gives up if it cannot be opened.
     void DumpState();

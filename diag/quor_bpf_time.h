@@ -8,6 +8,8 @@
 // before the threads that read it exist.
 #pragma once
 
+#include <time.h>
+
 #include <cstdint>
 #include <string>
 
@@ -24,6 +26,23 @@ int64_t GetSystemNanosencondsTime();
 int64_t GetSystemMicrosencondsTime();
 int64_t GetSystemMillisecondsTime(bool precise);
 int64_t GetSystemSecondsTime();
+
+// Plain CLOCK_MONOTONIC, without the base: for deadlines and intervals.
+// Inline, so that the client library and the tools need no link to diag.
+inline int64_t MonotonicNs() {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+inline int64_t MonotonicMs() {
+    return MonotonicNs() / 1000000;
+}
+// CLOCK_REALTIME in ns since the epoch: for showing times to a person.
+inline int64_t RealtimeNs() {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
 
 }  // namespace Bpf
 }  // namespace Quor

@@ -14,22 +14,14 @@ void Require(bool condition) {
     if (!condition) __builtin_trap();
 }
 
-constexpr uint32_t kTypes[] = {
-    QUOR_EVENT_TASK_INIT,   QUOR_EVENT_RSS_STAT,        QUOR_EVENT_TASK_CREATE,
-    QUOR_EVENT_TASK_EXIT,   QUOR_EVENT_DMABUF_SIZE,     QUOR_EVENT_CGROUP_ATTACH,
-    QUOR_EVENT_FD_UPDATE,   QUOR_EVENT_DMABUF_UPDATE,   QUOR_SERVICE_TASK_NEW,
-    QUOR_SERVICE_TASK_EXIT, QUOR_SERVICE_THREAD_CHANGE, QUOR_SERVICE_RSS_CHANGE,
-};
-
-template <typename View>
+// Every record struct of the type list: valid exactly for a whole record of
+// its own type, and then a faithful copy.
+template <typename Record>
 void CheckView(const uint8_t* data, size_t size, uint32_t claimed) {
-    const View view(data, size);
-    const bool whole = size >= sizeof(*view) && claimed == View::kType;
+    const QuorRecordView<Record> view(data, size);
+    const bool whole = size >= sizeof(Record) && claimed == QuorRecordView<Record>::kType;
     Require(view.valid() == whole);
-    if (view) {
-        Require(memcmp(&*view, data, sizeof(*view)) == 0);
-        Require(QuorFieldString(view->comm).size() < sizeof(view->comm) + 1);
-    }
+    if (view) Require(memcmp(&*view, data, sizeof(Record)) == 0);
 }
 
 }  // namespace
@@ -38,25 +30,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint32_t claimed = 0;
     if (size >= sizeof(claimed)) memcpy(&claimed, data, sizeof(claimed));
 
-    CheckView<QuorTaskInitView>(data, size, claimed);
-    CheckView<QuorForkView>(data, size, claimed);
-    CheckView<QuorExitView>(data, size, claimed);
-    CheckView<QuorCgroupAttachView>(data, size, claimed);
-    CheckView<QuorFdUpdateView>(data, size, claimed);
-    CheckView<QuorTaskNewView>(data, size, claimed);
-    CheckView<QuorTaskExitView>(data, size, claimed);
-    CheckView<QuorRssChangeView>(data, size, claimed);
+#define QUOR_CHECK_VIEW(enumerator, id, name, record) CheckView<record>(data, size, claimed);
+    QUOR_EVENT_LIST(QUOR_CHECK_VIEW)
+#undef QUOR_CHECK_VIEW
     if (QuorCgroupAttachView cgroup{data, size}) {
         Require(QuorFieldString(cgroup->cgroup).size() <= sizeof(cgroup->cgroup));
     }
-    (void)QuorRssView(data, size);
-    (void)QuorDmabufSizeView(data, size);
-    (void)QuorDmabufUpdateView(data, size);
-    (void)QuorThreadChangeView(data, size);
+    // Decoded text fields stay within their record fields.
+    const QuorDecodedEvent decoded = QuorDecodeEvent(claimed, data, size);
+    Require(decoded.comm.size() <= QUOR_COMM_LEN);
 
     const std::string own = QuorFormatEvent(claimed, data, size);
     Require(!own.empty());
-    for (const uint32_t type : kTypes) {
+    for (const QuorEventTypeInfo& info : kQuorEventTypes) {
+        const uint32_t type = info.type;
         const std::string text = QuorFormatEvent(type, data, size);
         Require(text.compare(0, strlen(QuorEventName(type)), QuorEventName(type)) == 0);
         Require(QuorRecordSize(type) != 0);

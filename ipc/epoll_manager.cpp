@@ -15,20 +15,17 @@
 #include <vector>
 
 #include "diag/quor_bpf_log.h"
+#include "diag/quor_bpf_time.h"
 #include "ipc/socket_utils.h"
 
 namespace {
+
+using Quor::Bpf::MonotonicMs;
 
 constexpr const char* kDefaultName = "BpfUtils";
 // Pause after an epoll_wait error other than EINTR, so that a broken epoll
 // descriptor does not turn the loop into a busy spin.
 constexpr auto kWaitErrorBackoff = std::chrono::milliseconds(100);
-
-int64_t MonotonicMs() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 cpu_set_t CallerAffinity() {
     cpu_set_t cpus;

@@ -12,9 +12,11 @@
 #include "diag/quor_bpf_error_log.h"
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_strings.h"
+#include "diag/quor_bpf_time.h"
 #include "ipc/socket_utils.h"
 
 using Quor::Bpf::ConvertToHexString;
+using Quor::Bpf::MonotonicMs;
 using Quor::Bpf::RecordBpfServiceErrorInfo;
 using Quor::Bpf::StringPrintf;
 
@@ -28,12 +30,6 @@ constexpr int kEagainBeforeLastTry = 10;
 constexpr int kLastTryDelayMs = 1000;
 // Refused connections are reported at most this often.
 constexpr int64_t kRefusalLogIntervalMs = 1000;
-
-int64_t MonotonicMs() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 }  // namespace
 

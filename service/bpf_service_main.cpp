@@ -8,13 +8,12 @@
 #include "diag/quor_bpf_error_log.h"
 #include "diag/quor_bpf_log.h"
 #include "service/quor_bpf_service.h"
+#include "service/quor_bpf_service_settings.h"
 
 namespace Quor {
 namespace Bpf {
 
 namespace {
-
-constexpr const char* kDisableProperty = "persist.sys.stability.bpfframework.disable";
 
 // Set once BpfServiceMain() has created the service; the host's Wait and
 // Stop calls must not create it themselves.
@@ -29,7 +28,7 @@ QuorBpfService* StartedService() {
 
 int BpfServiceMain() {
     // Only the exact value "1" disables; "11" or "true" do not.
-    if (android::base::GetProperty(kDisableProperty, "0") == "1") {
+    if (android::base::GetProperty(QUOR_BPF_DISABLE_PROPERTY, "0") == "1") {
         QLOGI(QUOR_TAG_SERVICE, "[BpfServiceMain] Starting QUOR Bpf Service disabled!");
         return 0;
     }

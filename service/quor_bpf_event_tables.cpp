@@ -1,13 +1,12 @@
-#include "service/quor_bpf_event_tables.h"
-
 #include "service/quor_bpf_service.h"
+#include "service/quor_bpf_service_settings.h"
 
 namespace Quor {
 namespace Bpf {
 
 // Built once at library load by static initialisation and never changed.
 const BpfProgTable QuorBpfService::PROG_EVENT_MAP = {
-    {"QuorBpfDefineset",
+    {QUOR_BPF_OBJECT,
      {
          {BPF_ATTACH_TRACEPOINT,
           {
@@ -25,7 +24,7 @@ const BpfProgTable QuorBpfService::PROG_EVENT_MAP = {
 };
 
 const BpfProgTable QuorBpfService::PROG_GPL_EVENT_MAP = {
-    {"QuorBpfGplDefineset",
+    {QUOR_BPF_GPL_OBJECT,
      {
          {BPF_ATTACH_TRACEPOINT,
           {

@@ -14,7 +14,7 @@
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_time.h"
 #include "service/event_manager.h"
-#include "service/quor_bpf_event_tables.h"
+#include "service/quor_bpf_service_settings.h"
 
 namespace Quor {
 namespace Bpf {
@@ -24,11 +24,8 @@ std::mutex QuorBpfService::servicelock;
 
 namespace {
 
-// The service's threads share CPUs 0-2 and leave the rest to the device.
 bool PinToServiceCpus() {
-    cpu_set_t cpus;
-    CPU_ZERO(&cpus);
-    for (int cpu = 0; cpu <= 2; ++cpu) CPU_SET(cpu, &cpus);
+    const cpu_set_t cpus = ServiceCpus();
     return sched_setaffinity(gettid(), sizeof(cpus), &cpus) == 0;
 }
 
@@ -156,7 +153,7 @@ int QuorBpfService::eventProduceThread() {
         if (server_) server_->start();
 
         // The kernel side is loaded by someone else; wait until it says so.
-        while (android::base::GetProperty(QUOR_BPF_READY, "0") == "0") {
+        while (android::base::GetProperty(QUOR_BPF_READY_PROPERTY, "0") == "0") {
             if (!running_.load()) return 0;
             sleep(1);
         }

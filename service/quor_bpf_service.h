@@ -128,20 +128,16 @@ public:
     int onEventProvideReqCallBack(int fd, char* data, long len);
     void notifyClientEventReady(const std::vector<int32_t>& fds);
 
-    static constexpr const char* QUOR_BPF_DISPATCHER_SOCKET = "/mnt/bpfframework/quorbpfdispatcher";
     // Clients connected at once; one more is refused at accept, with a log.
     static constexpr size_t MAX_CLIENT_CONNECTIONS = 64;
-    // Who may connect besides uid 0 and the service's own uid: lists of uids
-    // and gids ("1000,2000"), read when the service is created. Linux hosts
-    // only; on a device the platform's socket policy decides.
-    static constexpr const char* ALLOW_UIDS_PROPERTY = "persist.sys.quorbpf.allow_uids";
-    static constexpr const char* ALLOW_GIDS_PROPERTY = "persist.sys.quorbpf.allow_gids";
-    // Distinct event types one client may subscribe to; there are twelve.
+    // Distinct event types one client may subscribe to: room for every type.
     static constexpr size_t MAX_SUBSCRIPTIONS_PER_CLIENT = 256;
+    static_assert(MAX_SUBSCRIPTIONS_PER_CLIENT >=
+                      sizeof(kQuorEventTypes) / sizeof(kQuorEventTypes[0]),
+                  "a client can subscribe to every type");
 
     static const BpfProgTable PROG_EVENT_MAP;
     static const BpfProgTable PROG_GPL_EVENT_MAP;
-    static constexpr const char* QUOR_BPF_READY = "sys.quor_bpf_ready";
 
     // Procfs files read by the procfs readers and the dmabuf scan, and the
     // pins of the two per-process dmabuf maps (bpf/).

@@ -13,8 +13,10 @@
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_strings.h"
 #include "ipc/peer_access_policy.h"
+#include "quor/quorbpf_client.h"
 #include "service/event_manager.h"
 #include "service/quor_bpf_service.h"
+#include "service/quor_bpf_service_settings.h"
 
 namespace Quor {
 namespace Bpf {
@@ -33,14 +35,13 @@ constexpr long kRequestBodyRead = 16;
 // they are set before the service starts and do not change while it runs.
 PeerAccessPolicy AllowListPolicy() {
     std::vector<std::string> malformed;
-    const std::string uids = android::base::GetProperty(QuorBpfService::ALLOW_UIDS_PROPERTY, "");
-    const std::string gids = android::base::GetProperty(QuorBpfService::ALLOW_GIDS_PROPERTY, "");
+    const std::string uids = android::base::GetProperty(QUOR_BPF_ALLOW_UIDS_PROPERTY, "");
+    const std::string gids = android::base::GetProperty(QUOR_BPF_ALLOW_GIDS_PROPERTY, "");
     PeerAccessPolicy policy(geteuid(), PeerAccessPolicy::ParseIdList(uids, &malformed),
                             PeerAccessPolicy::ParseIdList(gids, &malformed));
     for (const std::string& entry : malformed) {
         QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] ignored malformed id '%s' in %s / %s",
-              entry.c_str(), QuorBpfService::ALLOW_UIDS_PROPERTY,
-              QuorBpfService::ALLOW_GIDS_PROPERTY);
+              entry.c_str(), QUOR_BPF_ALLOW_UIDS_PROPERTY, QUOR_BPF_ALLOW_GIDS_PROPERTY);
     }
     if (!uids.empty() || !gids.empty()) {
         QLOGI(QUOR_TAG_SERVICE,
@@ -51,13 +52,6 @@ PeerAccessPolicy AllowListPolicy() {
     return policy;
 }
 #endif
-
-cpu_set_t ServiceCpus() {
-    cpu_set_t cpus;
-    CPU_ZERO(&cpus);
-    for (int cpu = 0; cpu <= 2; ++cpu) CPU_SET(cpu, &cpus);
-    return cpus;
-}
 
 }  // namespace
 
@@ -74,9 +68,9 @@ void QuorBpfService::initClientServer() {
     };
     handlers.connectionHandler = [this](int fd) { return onClientLibConnection(fd); };
     handlers.closeHandler = [this](int fd) { return onClientLibClose(fd); };
-    server_ = std::make_unique<UnixIpcManager>(true, kServerBufferSize, QUOR_BPF_DISPATCHER_SOCKET,
-                                               std::move(handlers), kServerThreadName,
-                                               ServiceCpus(), kEpollSizeHint, kEpollMaxEvents);
+    server_ = std::make_unique<UnixIpcManager>(
+        true, kServerBufferSize, QUOR_BPF_CLIENT_DEFAULT_SOCKET, std::move(handlers),
+        kServerThreadName, ServiceCpus(), kEpollSizeHint, kEpollMaxEvents);
     server_->setMaxConnections(MAX_CLIENT_CONNECTIONS);
 #ifndef __ANDROID__
     server_->setAcceptFilter([policy = AllowListPolicy()](int fd, std::string* reason) {

@@ -42,12 +42,6 @@ constexpr size_t kDmabufCleanupMaxPending = 4096;
 // truly lost stays until then, so the list is bounded, oldest out first.
 constexpr size_t kMaxSweptExits = 32768;
 
-int64_t SteadyMs() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 // Copies a record of type T out of the ring buffer; false when it is shorter
 // than T (nothing is read beyond the record).
 template <typename T>
@@ -302,7 +296,7 @@ void QuorBpfService::scheduleDmabufCleanup(int32_t pid) {
     {
         std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
         dmabufCleanupPids_.push_back(pid);
-        const int64_t now = SteadyMs();
+        const int64_t now = MonotonicMs();
         if (now - dmabufCleanupAtMs_ < kDmabufCleanupIntervalMs &&
             dmabufCleanupPids_.size() < kDmabufCleanupMaxPending) {
             return;
@@ -319,10 +313,10 @@ void QuorBpfService::flushDueDmabufCleanup() {
         std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
         // Without a later exit nothing else would flush the last ones.
         if (dmabufCleanupPids_.empty() ||
-            SteadyMs() - dmabufCleanupAtMs_ < kDmabufCleanupIntervalMs) {
+            MonotonicMs() - dmabufCleanupAtMs_ < kDmabufCleanupIntervalMs) {
             return;
         }
-        dmabufCleanupAtMs_ = SteadyMs();
+        dmabufCleanupAtMs_ = MonotonicMs();
         due.swap(dmabufCleanupPids_);
     }
     (void)cleanUpDmabufMaps(due);
@@ -336,7 +330,7 @@ void QuorBpfService::flushDmabufCleanup(int32_t reusedPid) {
             dmabufCleanupPids_.end()) {
             return;
         }
-        dmabufCleanupAtMs_ = SteadyMs();
+        dmabufCleanupAtMs_ = MonotonicMs();
         due.swap(dmabufCleanupPids_);
     }
     (void)cleanUpDmabufMaps(due);

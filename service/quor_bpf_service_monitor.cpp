@@ -16,8 +16,8 @@
 #include "diag/quor_bpf_rate_limiter.h"
 #include "diag/quor_bpf_state.h"
 #include "service/event_manager.h"
-#include "service/quor_bpf_event_tables.h"
 #include "service/quor_bpf_service.h"
+#include "service/quor_bpf_service_settings.h"
 
 namespace Quor {
 namespace Bpf {

@@ -30,27 +30,58 @@
 
 #define QUOR_COMM_LEN 16
 
+/*
+ * The one list of record types: X(enumerator, id, name, record struct).
+ * Everything else that depends on the set of types (the enums below, the
+ * statistics slots, the names, the decoders, the subscribable set) is derived
+ * from these two lists; docs/records.md says what else a new type needs.
+ * Kernel types are numbered from 0 without gaps (they index the statistics);
+ * the names are those the statistics file and the client library print.
+ */
+#define QUOR_KERNEL_EVENT_LIST(X)                                                          \
+    /* a process that existed at start */                                                  \
+    X(QUOR_EVENT_TASK_INIT, 0, "quor_task_init", quor_task_init_record)                    \
+    /* one resident-memory counter changed */                                              \
+    X(QUOR_EVENT_RSS_STAT, 1, "kmem_rss_info", quor_rss_record)                            \
+    /* fork of a process or thread */                                                      \
+    X(QUOR_EVENT_TASK_CREATE, 2, "sched_task_create", quor_fork_record)                    \
+    /* exit of a process or thread */                                                      \
+    X(QUOR_EVENT_TASK_EXIT, 3, "sched_task_exit", quor_exit_record)                        \
+    /* a process's dmabuf total changed */                                                 \
+    X(QUOR_EVENT_DMABUF_SIZE, 4, "dmabuf_size_info", quor_dmabuf_size_record)              \
+    /* a task moved cgroup */                                                              \
+    X(QUOR_EVENT_CGROUP_ATTACH, 5, "cgroup_attach_cpuset_info", quor_cgroup_attach_record) \
+    /* a process installed a descriptor */                                                 \
+    X(QUOR_EVENT_FD_UPDATE, 6, "fd_update_info", quor_fd_update_record)                    \
+    /* a dmabuf was set up or released */                                                  \
+    X(QUOR_EVENT_DMABUF_UPDATE, 7, "dmabuf_update", quor_dmabuf_update_record)
+
+/* Records composed by the service itself. */
+#define QUOR_SERVICE_EVENT_LIST(X)                                                  \
+    X(QUOR_SERVICE_TASK_NEW, 50001, "task_new", quor_task_new_event)                \
+    X(QUOR_SERVICE_TASK_EXIT, 50002, "task_exit", quor_task_exit_event)             \
+    X(QUOR_SERVICE_THREAD_CHANGE, 50003, "thread_change", quor_thread_change_event) \
+    X(QUOR_SERVICE_RSS_CHANGE, 50004, "rss_change", quor_rss_change_event)
+
+#define QUOR_EVENT_LIST(X) QUOR_KERNEL_EVENT_LIST(X) QUOR_SERVICE_EVENT_LIST(X)
+
+#define QUOR_EVENT_ENUMERATOR(enumerator, id, name, record) enumerator = (id),
+#define QUOR_EVENT_COUNT_ONE(enumerator, id, name, record) +1
+
+/* clang-format off */
 /* Kernel record types (first field of every ring-buffer record). */
 enum quor_event_type {
-    QUOR_EVENT_TASK_INIT = 0,     /* quor_task_init: a process that existed at start */
-    QUOR_EVENT_RSS_STAT = 1,      /* kmem_rss_info: one resident-memory counter changed */
-    QUOR_EVENT_TASK_CREATE = 2,   /* sched_task_create: fork of a process or thread */
-    QUOR_EVENT_TASK_EXIT = 3,     /* sched_task_exit: exit of a process or thread */
-    QUOR_EVENT_DMABUF_SIZE = 4,   /* dmabuf_size_info: a process's dmabuf total changed */
-    QUOR_EVENT_CGROUP_ATTACH = 5, /* cgroup_attach_cpuset_info: a task moved cgroup */
-    QUOR_EVENT_FD_UPDATE = 6,     /* fd_update_info: a process installed a descriptor */
-    QUOR_EVENT_DMABUF_UPDATE = 7, /* dmabuf_update: a dmabuf was set up or released */
-    QUOR_EVENT_KERNEL_MAX = 7,
-    QUOR_EVENT_POLL_COUNT = 8, /* statistics slot only, never a record */
+    QUOR_KERNEL_EVENT_LIST(QUOR_EVENT_ENUMERATOR)
+    QUOR_EVENT_KERNEL_COUNT = 0 QUOR_KERNEL_EVENT_LIST(QUOR_EVENT_COUNT_ONE),
+    QUOR_EVENT_KERNEL_MAX = QUOR_EVENT_KERNEL_COUNT - 1,
+    QUOR_EVENT_POLL_COUNT = QUOR_EVENT_KERNEL_COUNT, /* statistics slot only, never a record */
 };
 
 /* Records composed by the service itself. */
 enum quor_service_event {
-    QUOR_SERVICE_TASK_NEW = 50001,
-    QUOR_SERVICE_TASK_EXIT = 50002,
-    QUOR_SERVICE_THREAD_CHANGE = 50003,
-    QUOR_SERVICE_RSS_CHANGE = 50004,
+    QUOR_SERVICE_EVENT_LIST(QUOR_EVENT_ENUMERATOR)
 };
+/* clang-format on */
 
 /* Kinds carried by fork and exit records. */
 enum quor_task_kind {
@@ -222,11 +253,11 @@ enum quor_status_key {
     QUOR_STATUS_KEY_RING_SIZE = 2,
     QUOR_STATUS_KEY_CONS_POS = 3,
     QUOR_STATUS_KEY_PROD_POS = 4,
-    QUOR_STATUS_KEY_COUNT = 5,        /* keys shared with the service */
-    QUOR_STATUS_KEY_REFRESHED_NS = 5, /* kernel side only: keys 1-4 refreshed at */
-    QUOR_STATUS_KEY_WOKEN_NS = 6,     /* kernel side only: reader last woken at */
+    QUOR_STATUS_KEY_COUNT = 5,           /* keys shared with the service */
+    QUOR_STATUS_KEY_REFRESHED_NS = 5,    /* kernel side only: keys 1-4 refreshed at */
+    QUOR_STATUS_KEY_WOKEN_NS = 6,        /* kernel side only: reader last woken at */
     QUOR_STATUS_KEY_FLUSHED_JIFFIES = 7, /* kernel side only: unwoken data last checked at */
-    QUOR_STATUS_KEY_READER = 8,       /* the reader's state, enum quor_reader_state */
+    QUOR_STATUS_KEY_READER = 8,          /* the reader's state, enum quor_reader_state */
     QUOR_STATUS_MAP_ENTRIES = 9,
 };
 
@@ -334,5 +365,62 @@ QUOR_ASSERT_LAYOUT(struct dmabuf_info, 16);
 QUOR_ASSERT_LAYOUT(struct dmabuf_stat, 16);
 QUOR_ASSERT_LAYOUT(struct quor_process_inode_key, 16);
 QUOR_ASSERT_LAYOUT(struct quor_process_mmap_key, 16);
+
+#ifdef __cplusplus
+#include <cstddef>
+#include <cstdint>
+
+namespace Quor {
+namespace Bpf {
+
+struct QuorEventTypeInfo {
+    uint32_t type;
+    const char* name;
+    size_t size;         // a whole record of the type
+    const char* record;  // the struct's name
+};
+
+// Every record type a client can receive, kernel types first.
+#define QUOR_EVENT_INFO(enumerator, id, name, record) \
+    {(id), (name), sizeof(struct record), #record},
+inline constexpr QuorEventTypeInfo kQuorEventTypes[] = {QUOR_EVENT_LIST(QUOR_EVENT_INFO)};
+#undef QUOR_EVENT_INFO
+
+inline constexpr size_t kQuorKernelEventCount = QUOR_EVENT_KERNEL_COUNT;
+// Statistics slots: one per kernel type, then the poll counter.
+inline constexpr size_t kQuorStatSlots = kQuorKernelEventCount + 1;
+
+// The statistics index kernel types: they must be 0, 1, 2, ... in list order.
+constexpr bool QuorKernelTypesAreDense() {
+    for (size_t i = 0; i < kQuorKernelEventCount; ++i) {
+        if (kQuorEventTypes[i].type != i) return false;
+    }
+    return true;
+}
+QUOR_STATIC_ASSERT(QuorKernelTypesAreDense(), "kernel event types must be 0, 1, 2, ... in order");
+
+constexpr bool IsKernelEventType(uint32_t type) {
+    return type < kQuorKernelEventCount;
+}
+
+// The types a client may subscribe to: every type in the list.
+constexpr bool IsSubscribableEventType(uint32_t type) {
+    for (const QuorEventTypeInfo& info : kQuorEventTypes) {
+        if (info.type == type) return true;
+    }
+    return false;
+}
+
+// The entry of `type`, or nullptr.
+constexpr const QuorEventTypeInfo* QuorFindEventType(uint32_t type) {
+    for (const QuorEventTypeInfo& info : kQuorEventTypes) {
+        if (info.type == type) return &info;
+    }
+    return nullptr;
+}
+
+}  // namespace Bpf
+}  // namespace Quor
+#endif /* __cplusplus */
 
 #endif /* QUOR_BPF_RECORDS_H */

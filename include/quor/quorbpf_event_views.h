@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
@@ -32,23 +33,12 @@ namespace Bpf {
 template <typename Record>
 struct QuorRecordTraits;
 
-#define QUOR_BPF_RECORD_TRAITS(record, id)      \
-    template <>                                 \
-    struct QuorRecordTraits<record> {           \
-        static constexpr uint32_t kType = (id); \
-    }
-QUOR_BPF_RECORD_TRAITS(quor_task_init_record, QUOR_EVENT_TASK_INIT);
-QUOR_BPF_RECORD_TRAITS(quor_rss_record, QUOR_EVENT_RSS_STAT);
-QUOR_BPF_RECORD_TRAITS(quor_fork_record, QUOR_EVENT_TASK_CREATE);
-QUOR_BPF_RECORD_TRAITS(quor_exit_record, QUOR_EVENT_TASK_EXIT);
-QUOR_BPF_RECORD_TRAITS(quor_dmabuf_size_record, QUOR_EVENT_DMABUF_SIZE);
-QUOR_BPF_RECORD_TRAITS(quor_cgroup_attach_record, QUOR_EVENT_CGROUP_ATTACH);
-QUOR_BPF_RECORD_TRAITS(quor_fd_update_record, QUOR_EVENT_FD_UPDATE);
-QUOR_BPF_RECORD_TRAITS(quor_dmabuf_update_record, QUOR_EVENT_DMABUF_UPDATE);
-QUOR_BPF_RECORD_TRAITS(quor_task_new_event, QUOR_SERVICE_TASK_NEW);
-QUOR_BPF_RECORD_TRAITS(quor_task_exit_event, QUOR_SERVICE_TASK_EXIT);
-QUOR_BPF_RECORD_TRAITS(quor_thread_change_event, QUOR_SERVICE_THREAD_CHANGE);
-QUOR_BPF_RECORD_TRAITS(quor_rss_change_event, QUOR_SERVICE_RSS_CHANGE);
+#define QUOR_BPF_RECORD_TRAITS(enumerator, id, name, record) \
+    template <>                                              \
+    struct QuorRecordTraits<record> {                        \
+        static constexpr uint32_t kType = (id);              \
+    };
+QUOR_EVENT_LIST(QUOR_BPF_RECORD_TRAITS)
 #undef QUOR_BPF_RECORD_TRAITS
 
 template <typename Record>
@@ -102,14 +92,49 @@ inline std::string QuorCommString(const char (&comm)[QUOR_COMM_LEN]) {
     return QuorFieldString(comm);
 }
 
+// One field of a decoded record.
+struct QuorEventField {
+    enum class Kind { kInt, kUint, kSize, kText };  // kSize: bytes, signed
+    const char* name = nullptr;   // the record's member name; nullptr: for text only
+    const char* label = nullptr;  // short label in a line of text; nullptr: not shown there
+    Kind kind = Kind::kInt;
+    int64_t number = 0;           // kInt, kSize
+    uint64_t unsignedNumber = 0;  // kUint
+    std::string text;             // kText
+};
+
+// A received record taken apart: what every record has (name, time, pid,
+// comm) and its other fields in record order. Enums are shown by name
+// ("thread", "anon", "release"; "unknown(9)" for a value without one).
+struct QuorDecodedEvent {
+    uint32_t type = 0;
+    const char* name = nullptr;  // nullptr for an unknown type
+    std::string error;           // non-empty: not a whole record of `type`
+    size_t length = 0;
+    bool hasTimestamp = false;  // kernel records; service records carry no time
+    uint64_t timestampNs = 0;
+    int32_t pid = 0;
+    int32_t ppid = -1;  // -1 when the record has no parent field
+    bool hasComm = false;
+    std::string comm;
+    std::vector<QuorEventField> fields;  // every field but type, time, pid and comm
+};
+
+// Checks the length and the record's own type field before reading anything:
+// a short or foreign record yields `error` ("unknown type", "truncated",
+// "type mismatch: record says 3") and no fields.
+QUOR_BPF_CLIENT_EXPORT QuorDecodedEvent QuorDecodeEvent(uint32_t type, const void* data,
+                                                        size_t length);
+
 // "sched_task_create", "task_new", ...; nullptr for a type without a record.
 QUOR_BPF_CLIENT_EXPORT const char* QuorEventName(uint32_t type);
 // The type whose name is `name`, or -1.
 QUOR_BPF_CLIENT_EXPORT int64_t QuorEventTypeByName(const std::string& name);
 // Size of a whole record of `type`; 0 for a type without a record.
 QUOR_BPF_CLIENT_EXPORT size_t QuorRecordSize(uint32_t type);
-// One line of text: the name and every field ("sched_task_create ts=... pid=..."),
-// or what is wrong with the bytes (truncated, type mismatch, unknown type).
+// One line of text: the name and every field under its member name
+// ("sched_task_create ts=... pid=... comm=... ppid=..."), or what is wrong
+// with the bytes ("sched_task_create truncated (47 bytes)").
 QUOR_BPF_CLIENT_EXPORT std::string QuorFormatEvent(uint32_t type, const void* data, size_t length);
 
 }  // namespace Bpf

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "quor/quorbpf_client.h"
-#include "service/quor_bpf_event_tables.h"
+#include "service/quor_bpf_service_settings.h"
 #include "tests/support/live_service.h"
 #include "tests/support/record_injector.h"
 #include "tools/loader/quor_bpf_loader.h"

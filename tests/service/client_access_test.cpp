@@ -72,9 +72,9 @@ protected:
         android::base::SetProperty("sys.quor_bpf_ready", "0");
         // The allow-lists are read when the service starts. Malformed entries
         // are ignored (and logged).
-        android::base::SetProperty(QuorBpfService::ALLOW_UIDS_PROPERTY,
+        android::base::SetProperty(QUOR_BPF_ALLOW_UIDS_PROPERTY,
                                    "1000, 65534,nobody,-1,65534x,4294967295");
-        android::base::SetProperty(QuorBpfService::ALLOW_GIDS_PROPERTY, "4242,4343");
+        android::base::SetProperty(QUOR_BPF_ALLOW_GIDS_PROPERTY, "4242,4343");
         ASSERT_EQ(BpfServiceMain(), 1);
         ASSERT_TRUE(WaitFor([] { return RawIpcClient(kSocket).connected(); }));
     }

@@ -28,8 +28,8 @@
 #include "diag/quor_bpf_task_manager.h"
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
-#include "service/quor_bpf_event_tables.h"
 #include "service/quor_bpf_service.h"
+#include "service/quor_bpf_service_settings.h"
 #include "tests/support/live_service.h"
 #include "tests/support/record_injector.h"
 

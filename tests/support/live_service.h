@@ -12,6 +12,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -30,7 +31,7 @@
 #include "diag/quor_bpf_error_log.h"
 #include "quor/bpf_service_main.h"
 #include "quor/quor_bpf_records.h"
-#include "service/quor_bpf_event_tables.h"
+#include "service/quor_bpf_service_settings.h"
 #include "tools/loader/quor_bpf_loader.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -47,12 +48,12 @@ namespace quortest {
 using Clock = std::chrono::steady_clock;
 
 // Every type a client can subscribe to.
-constexpr int32_t kAllTypes[] = {
-    QUOR_EVENT_TASK_INIT,   QUOR_EVENT_RSS_STAT,        QUOR_EVENT_TASK_CREATE,
-    QUOR_EVENT_TASK_EXIT,   QUOR_EVENT_DMABUF_SIZE,     QUOR_EVENT_CGROUP_ATTACH,
-    QUOR_EVENT_FD_UPDATE,   QUOR_EVENT_DMABUF_UPDATE,   QUOR_SERVICE_TASK_NEW,
-    QUOR_SERVICE_TASK_EXIT, QUOR_SERVICE_THREAD_CHANGE, QUOR_SERVICE_RSS_CHANGE,
-};
+inline constexpr auto kAllTypes = [] {
+    std::array<int32_t, std::size(Quor::Bpf::kQuorEventTypes)> types = {};
+    for (size_t i = 0; i < types.size(); ++i)
+        types[i] = static_cast<int32_t>(Quor::Bpf::kQuorEventTypes[i].type);
+    return types;
+}();
 
 // Polls `condition` every `pollMs` until it holds or `limit` passes.
 inline bool PollUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit,

@@ -105,6 +105,13 @@ TEST_F(FormatTest, ServiceEventsShowChangesAndKeepOldValuesInJson) {
     EXPECT_NE(json.find("\"old_rss_anon\":104857600"), std::string::npos) << json;
     EXPECT_NE(json.find("\"old_rss_shmem\":4096"), std::string::npos) << json;
     EXPECT_EQ(json.find("ts_ns"), std::string::npos) << "service events carry no time";
+    // A new process's third id is, for a forked one, its own task id.
+    quor_task_new_event created = {};
+    created.id = QUOR_SERVICE_TASK_NEW;
+    created.pid = created.uid = 43;
+    created.ppid = 42;
+    EXPECT_NE(FormatEventText(Decode(created), context_).find(" ppid=42 tid=43"),
+              std::string::npos);
     // Sizes: KiB up to the last KiB below one MiB, then MiB, either sign.
     EXPECT_EQ(FormatSize(1536), "1.5 KiB");
     EXPECT_EQ(FormatSize(1023 * 1024), "1023 KiB");
@@ -148,7 +155,7 @@ TEST_F(FormatTest, ShortForeignAndUnknownRecordsBecomeErrorLines) {
     quor_exit_record exit = {};
     exit.header.type = QUOR_EVENT_TASK_EXIT;
     EXPECT_EQ(DecodeEvent(QUOR_EVENT_TASK_CREATE, &exit, sizeof(exit)).error,
-              "type mismatch (record says 3)");
+              "type mismatch: record says 3");
     EXPECT_EQ(DecodeEvent(9, &exit, sizeof(exit)).error, "unknown type");
     EXPECT_EQ(DecodeEvent(QUOR_EVENT_TASK_EXIT, nullptr, 0).error, "truncated");
     EXPECT_EQ(FormatEventJson(DecodeEvent(9, &exit, 3), context_),
@@ -209,7 +216,7 @@ TEST(CtlOptionsTest, TypesByNameNumberAndCommaList) {
 TEST(CtlOptionsTest, MistakesAreUsageErrorsThatSayWhat) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"watch", "sched_fork"}, "unknown event type 'sched_fork'"},
-        {{"watch", "8"}, "unknown event type '8'"},
+        {{"watch", std::to_string(kQuorKernelEventCount)}, "unknown event type"},
         {{"watch", "50005"}, "unknown event type '50005'"},
         {{"watch", "99999999999"}, "unknown event type"},
         {{"watch", "--pid", "x"}, "--pid needs process ids"},

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "quor/quorbpf_client.h"
 #include "quor/quorbpf_event_views.h"
 #include "tools/quorbpfctl/ctl_exit_codes.h"
 
@@ -12,15 +13,18 @@ namespace Ctl {
 
 namespace {
 
-const char* const kCommonHelp =
-    "common options:\n"
-    "  --daemon-pid PID   the daemon to ask (default: the pid file, else the\n"
-    "                     process named quorbpfd)\n"
-    "  --pid-file PATH    the daemon's pid file (default /run/quorbpfd.pid)\n"
-    "  --dir DIR          where the daemon writes its dumps\n"
-    "                     (default /data/quorlog/stability/quorbpfframework)\n"
-    "  --socket NAME      the service's abstract socket\n"
-    "                     (default /mnt/bpfframework/quorbpfdispatcher)\n"
+const std::string kCommonHelp =
+    std::string(
+        "common options:\n"
+        "  --daemon-pid PID   the daemon to ask (default: the pid file, else the\n"
+        "                     process named quorbpfd)\n"
+        "  --pid-file PATH    the daemon's pid file (default /run/quorbpfd.pid)\n"
+        "  --dir DIR          where the daemon writes its dumps\n"
+        "                     (default /data/quorlog/stability/quorbpfframework)\n"
+        "  --socket NAME      the service's abstract socket\n"
+        "                     (default ") +
+    QUOR_BPF_CLIENT_DEFAULT_SOCKET +
+    ")\n"
     "  --timeout SECONDS  how long to wait for the service or a dump (default 5)\n"
     "  -v, --verbose      show the client library's own log on stderr\n"
     "  -h, --help         this text\n";
@@ -75,15 +79,166 @@ CtlCommand CommandByName(const std::string& name) {
     return CtlCommand::kNone;
 }
 
+// One argument being parsed: its name, its value from "--name=VALUE" or the
+// next argument, and the error to report.
+class ArgumentCursor {
+public:
+    ArgumentCursor(const std::vector<std::string>& args, std::string* error)
+        : args_(args), error_(error) {}
+
+    // Moves to the next argument; false at the end.
+    bool Next() {
+        if (++index_ >= args_.size()) return false;
+        name_ = args_[index_];
+        value_.clear();
+        hasValue_ = false;
+        const size_t eq = name_.find('=');
+        if (name_.rfind("--", 0) == 0 && eq != std::string::npos) {
+            value_ = name_.substr(eq + 1);
+            name_ = name_.substr(0, eq);
+            hasValue_ = true;
+        }
+        return true;
+    }
+    const std::string& name() const { return name_; }
+    const std::string& raw() const { return args_[index_]; }
+    const std::string& value() const { return value_; }
+
+    // Fetches the option's value from "=VALUE" or the next argument.
+    bool TakeValue() {
+        if (hasValue_) return true;
+        if (index_ + 1 >= args_.size()) return Fail("option " + name_ + " needs a value");
+        value_ = args_[++index_];
+        return true;
+    }
+    bool Flag(bool* target) {
+        if (hasValue_) return Fail("option " + name_ + " takes no value");
+        *target = true;
+        return true;
+    }
+    // The value as a whole number in [min, max]; else `what` and the value.
+    bool Number(int64_t min, int64_t max, const std::string& what, int64_t* number) {
+        if (!TakeValue()) return false;
+        if (ParseInt(value_, min, max, number)) return true;
+        return Fail(what + ", got '" + value_ + "'");
+    }
+    bool Text(std::string* target) {
+        if (!TakeValue()) return false;
+        *target = value_;
+        return true;
+    }
+    bool Fail(const std::string& message) {
+        *error_ = message;
+        return false;
+    }
+
+private:
+    const std::vector<std::string>& args_;
+    std::string* error_;
+    size_t index_ = 0;
+    std::string name_;
+    std::string value_;
+    bool hasValue_ = false;
+};
+
+// What an option parser made of the current argument.
+enum class OptionResult { kNotMine, kDone, kFailed };
+
+OptionResult Result(bool ok) {
+    return ok ? OptionResult::kDone : OptionResult::kFailed;
+}
+
+// Options every command takes.
+OptionResult ParseCommonOption(ArgumentCursor* arg, CtlOptions* options) {
+    const std::string& name = arg->name();
+    int64_t number = 0;
+    if (name == "-v" || name == "--verbose") return Result(arg->Flag(&options->verbose));
+    if (name == "--pid-file") return Result(arg->Text(&options->pidFile));
+    if (name == "--dir") return Result(arg->Text(&options->dumpDir));
+    if (name == "--socket") return Result(arg->Text(&options->socketName));
+    if (name == "--daemon-pid") {
+        if (!arg->Number(1, INT32_MAX, "--daemon-pid needs a process id", &number))
+            return OptionResult::kFailed;
+        options->daemonPid = static_cast<int32_t>(number);
+        return OptionResult::kDone;
+    }
+    if (name == "--timeout") {
+        if (!arg->Number(1, 3600, "--timeout needs seconds from 1 to 3600", &number))
+            return OptionResult::kFailed;
+        options->timeoutMs = static_cast<int>(number) * 1000;
+        return OptionResult::kDone;
+    }
+    return OptionResult::kNotMine;
+}
+
+OptionResult ParseWatchOption(ArgumentCursor* arg, CtlOptions* options, std::string* error) {
+    const std::string& name = arg->name();
+    int64_t number = 0;
+    if (name == "--json") return Result(arg->Flag(&options->json));
+    if (name == "--comm") return Result(arg->Text(&options->comm));
+    if (name == "--pid") {
+        if (!arg->TakeValue()) return OptionResult::kFailed;
+        for (const std::string& part : SplitCommas(arg->value())) {
+            if (!ParseInt(part, 0, INT32_MAX, &number))
+                return Result(arg->Fail("--pid needs process ids, got '" + part + "'"));
+            options->pids.push_back(static_cast<int32_t>(number));
+        }
+        return OptionResult::kDone;
+    }
+    if (name == "--count") {
+        if (!arg->Number(1, INT64_MAX, "--count needs a positive number", &number))
+            return OptionResult::kFailed;
+        options->count = static_cast<uint64_t>(number);
+        return OptionResult::kDone;
+    }
+    if (name.rfind("-", 0) == 0) return OptionResult::kNotMine;
+    // Anything else names event types.
+    for (const std::string& part : SplitCommas(name)) {
+        uint32_t type = 0;
+        if (!ParseEventType(part, &type, error)) return OptionResult::kFailed;
+        options->types.push_back(type);
+    }
+    return OptionResult::kDone;
+}
+
+OptionResult ParseTasksOption(ArgumentCursor* arg, CtlOptions* options) {
+    if (arg->name() == "--normal") return Result(arg->Flag(&options->normal));
+    if (arg->name() == "--no-kernel") return Result(arg->Flag(&options->noKernel));
+    return OptionResult::kNotMine;
+}
+
+OptionResult ParseStatsOption(ArgumentCursor* arg, CtlOptions* options) {
+    if (arg->name() == "--plot") return Result(arg->Text(&options->plotPath));
+    if (arg->name() == "--linear") return Result(arg->Flag(&options->linear));
+    return OptionResult::kNotMine;
+}
+
+OptionResult ParseCommandOption(CtlCommand command, ArgumentCursor* arg, CtlOptions* options,
+                                std::string* error) {
+    const OptionResult common = ParseCommonOption(arg, options);
+    if (common != OptionResult::kNotMine) return common;
+    switch (command) {
+        case CtlCommand::kWatch:
+            return ParseWatchOption(arg, options, error);
+        case CtlCommand::kTasks:
+            return ParseTasksOption(arg, options);
+        case CtlCommand::kStats:
+            return ParseStatsOption(arg, options);
+        case CtlCommand::kTop:
+        case CtlCommand::kNone:
+            break;
+    }
+    return OptionResult::kNotMine;
+}
+
 }  // namespace
 
 const std::vector<uint32_t>& AllEventTypes() {
-    static const std::vector<uint32_t> kTypes = {
-        QUOR_EVENT_TASK_INIT,   QUOR_EVENT_RSS_STAT,        QUOR_EVENT_TASK_CREATE,
-        QUOR_EVENT_TASK_EXIT,   QUOR_EVENT_DMABUF_SIZE,     QUOR_EVENT_CGROUP_ATTACH,
-        QUOR_EVENT_FD_UPDATE,   QUOR_EVENT_DMABUF_UPDATE,   QUOR_SERVICE_TASK_NEW,
-        QUOR_SERVICE_TASK_EXIT, QUOR_SERVICE_THREAD_CHANGE, QUOR_SERVICE_RSS_CHANGE,
-    };
+    static const std::vector<uint32_t> kTypes = [] {
+        std::vector<uint32_t> types;
+        for (const QuorEventTypeInfo& info : kQuorEventTypes) types.push_back(info.type);
+        return types;
+    }();
     return kTypes;
 }
 
@@ -91,7 +246,7 @@ bool ParseEventType(const std::string& text, uint32_t* type, std::string* error)
     int64_t number = 0;
     if (!text.empty() && text[0] >= '0' && text[0] <= '9') {
         if (ParseInt(text, 0, UINT32_MAX, &number) &&
-            QuorEventName(static_cast<uint32_t>(number)) != nullptr) {
+            IsSubscribableEventType(static_cast<uint32_t>(number))) {
             *type = static_cast<uint32_t>(number);
             return true;
         }
@@ -108,121 +263,37 @@ bool ParseEventType(const std::string& text, uint32_t* type, std::string* error)
 
 int ParseCtlArguments(const std::vector<std::string>& args, CtlOptions* options,
                       std::string* error) {
-    size_t i = 0;
-    if (i < args.size() && (args[i] == "-h" || args[i] == "--help" || args[i] == "help")) {
+    if (!args.empty() && (args[0] == "-h" || args[0] == "--help" || args[0] == "help")) {
         options->help = true;
-        if (i + 1 < args.size()) options->command = CommandByName(args[i + 1]);
+        if (args.size() > 1) options->command = CommandByName(args[1]);
         return kExitOk;
     }
-    if (i == args.size()) {
+    if (args.empty()) {
         *error = "a command is needed";
         return kExitUsage;
     }
-    options->command = CommandByName(args[i]);
+    options->command = CommandByName(args[0]);
     if (options->command == CtlCommand::kNone) {
-        *error = "unknown command '" + args[i] + "'";
+        *error = "unknown command '" + args[0] + "'";
         return kExitUsage;
     }
-    const CtlCommand command = options->command;
-    for (++i; i < args.size(); ++i) {
-        std::string name = args[i];
-        std::string value;
-        bool hasValue = false;
-        const size_t eq = name.find('=');
-        if (name.rfind("--", 0) == 0 && eq != std::string::npos) {
-            value = name.substr(eq + 1);
-            name = name.substr(0, eq);
-            hasValue = true;
-        }
-        // Fetches the option's value from "=VALUE" or the next argument.
-        const auto takeValue = [&]() {
-            if (hasValue) return true;
-            if (i + 1 >= args.size()) {
-                *error = "option " + name + " needs a value";
-                return false;
-            }
-            value = args[++i];
-            return true;
-        };
-        const auto flag = [&](bool* target) {
-            if (hasValue) {
-                *error = "option " + name + " takes no value";
-                return false;
-            }
-            *target = true;
-            return true;
-        };
-        int64_t number = 0;
-        if (name == "-h" || name == "--help") {
+    ArgumentCursor arg(args, error);
+    while (arg.Next()) {
+        if (arg.name() == "-h" || arg.name() == "--help") {
             options->help = true;
             return kExitOk;
-        } else if (name == "-v" || name == "--verbose") {
-            if (!flag(&options->verbose)) return kExitUsage;
-        } else if (name == "--daemon-pid") {
-            if (!takeValue()) return kExitUsage;
-            if (!ParseInt(value, 1, INT32_MAX, &number)) {
-                *error = "--daemon-pid needs a process id, got '" + value + "'";
+        }
+        switch (ParseCommandOption(options->command, &arg, options, error)) {
+            case OptionResult::kDone:
+                break;
+            case OptionResult::kFailed:
                 return kExitUsage;
-            }
-            options->daemonPid = static_cast<int32_t>(number);
-        } else if (name == "--pid-file") {
-            if (!takeValue()) return kExitUsage;
-            options->pidFile = value;
-        } else if (name == "--dir") {
-            if (!takeValue()) return kExitUsage;
-            options->dumpDir = value;
-        } else if (name == "--socket") {
-            if (!takeValue()) return kExitUsage;
-            options->socketName = value;
-        } else if (name == "--timeout") {
-            if (!takeValue()) return kExitUsage;
-            if (!ParseInt(value, 1, 3600, &number)) {
-                *error = "--timeout needs seconds from 1 to 3600, got '" + value + "'";
+            case OptionResult::kNotMine:
+                *error = "unknown option '" + arg.raw() + "' for " + args[0];
                 return kExitUsage;
-            }
-            options->timeoutMs = static_cast<int>(number) * 1000;
-        } else if (command == CtlCommand::kWatch && name == "--json") {
-            if (!flag(&options->json)) return kExitUsage;
-        } else if (command == CtlCommand::kWatch && name == "--pid") {
-            if (!takeValue()) return kExitUsage;
-            for (const std::string& part : SplitCommas(value)) {
-                if (!ParseInt(part, 0, INT32_MAX, &number)) {
-                    *error = "--pid needs process ids, got '" + part + "'";
-                    return kExitUsage;
-                }
-                options->pids.push_back(static_cast<int32_t>(number));
-            }
-        } else if (command == CtlCommand::kWatch && name == "--comm") {
-            if (!takeValue()) return kExitUsage;
-            options->comm = value;
-        } else if (command == CtlCommand::kWatch && name == "--count") {
-            if (!takeValue()) return kExitUsage;
-            if (!ParseInt(value, 1, INT64_MAX, &number)) {
-                *error = "--count needs a positive number, got '" + value + "'";
-                return kExitUsage;
-            }
-            options->count = static_cast<uint64_t>(number);
-        } else if (command == CtlCommand::kTasks && name == "--normal") {
-            if (!flag(&options->normal)) return kExitUsage;
-        } else if (command == CtlCommand::kTasks && name == "--no-kernel") {
-            if (!flag(&options->noKernel)) return kExitUsage;
-        } else if (command == CtlCommand::kStats && name == "--plot") {
-            if (!takeValue()) return kExitUsage;
-            options->plotPath = value;
-        } else if (command == CtlCommand::kStats && name == "--linear") {
-            if (!flag(&options->linear)) return kExitUsage;
-        } else if (command == CtlCommand::kWatch && name.rfind("-", 0) != 0) {
-            for (const std::string& part : SplitCommas(name)) {
-                uint32_t type = 0;
-                if (!ParseEventType(part, &type, error)) return kExitUsage;
-                options->types.push_back(type);
-            }
-        } else {
-            *error = "unknown option '" + args[i] + "' for " + args[0];
-            return kExitUsage;
         }
     }
-    if (command == CtlCommand::kStats && options->linear && options->plotPath.empty()) {
+    if (options->command == CtlCommand::kStats && options->linear && options->plotPath.empty()) {
         *error = "--linear applies to --plot";
         return kExitUsage;
     }

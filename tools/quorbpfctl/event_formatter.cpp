@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "quor/quorbpf_event_views.h"
+#include "diag/quor_bpf_time.h"
 #include "tools/quorbpfctl/json_line.h"
 
 namespace Quor {
@@ -17,215 +17,10 @@ namespace {
 
 using Kind = EventField::Kind;
 
-int64_t ClockNs(clockid_t clock) {
-    timespec ts = {};
-    clock_gettime(clock, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-EventField Int(const char* jsonKey, const char* textKey, int64_t value) {
-    EventField field;
-    field.jsonKey = jsonKey;
-    field.textKey = textKey;
-    field.kind = Kind::kInt;
-    field.number = value;
-    return field;
-}
-
-EventField Uint(const char* jsonKey, const char* textKey, uint64_t value) {
-    EventField field;
-    field.jsonKey = jsonKey;
-    field.textKey = textKey;
-    field.kind = Kind::kUint;
-    field.unsignedNumber = value;
-    return field;
-}
-
-EventField Size(const char* jsonKey, const char* textKey, int64_t bytes) {
-    EventField field;
-    field.jsonKey = jsonKey;
-    field.textKey = textKey;
-    field.kind = Kind::kSize;
-    field.number = bytes;
-    return field;
-}
-
-EventField Text(const char* jsonKey, const char* textKey, std::string value) {
-    EventField field;
-    field.jsonKey = jsonKey;
-    field.textKey = textKey;
-    field.kind = Kind::kText;
-    field.text = std::move(value);
-    return field;
-}
-
-std::string EnumName(const char* name, uint64_t value) {
-    if (name != nullptr) return name;
-    return "unknown(" + std::to_string(value) + ")";
-}
-
-std::string TaskKind(uint32_t kind) {
-    return EnumName(kind == QUOR_TASK_KIND_PROCESS  ? "process"
-                    : kind == QUOR_TASK_KIND_THREAD ? "thread"
-                                                    : nullptr,
-                    kind);
-}
-
-std::string RssMember(int32_t member) {
-    static const char* const kNames[] = {"file", "anon", "swap", "shmem"};
-    if (member >= 0 && member < 4) return kNames[member];
-    return "unknown(" + std::to_string(member) + ")";
-}
-
-std::string DmabufAction(uint32_t action) {
-    return EnumName(action == QUOR_DMABUF_SETUP     ? "setup"
-                    : action == QUOR_DMABUF_RELEASE ? "release"
-                                                    : nullptr,
-                    action);
-}
-
-void SetHeader(DecodedEvent* event, const quor_record_header& header) {
-    event->hasTimestamp = true;
-    event->timestampNs = header.timestamp_ns;
-}
-
-void SetComm(DecodedEvent* event, const char (&comm)[QUOR_COMM_LEN]) {
-    event->hasComm = true;
-    event->comm = QuorCommString(comm);
-}
-
-// Fills pid, comm and fields of a record already known to be whole.
-void DecodeWhole(const void* data, size_t length, DecodedEvent* e) {
-    auto& f = e->fields;
-    switch (e->type) {
-        case QUOR_EVENT_TASK_INIT: {
-            const QuorTaskInitView r(data, length);
-            SetHeader(e, r->header);
-            e->pid = r->pid;
-            e->ppid = r->ppid;
-            SetComm(e, r->comm);
-            f = {Int("ppid", "ppid", r->ppid),
-                 Int("uid", "uid", r->uid),
-                 Int("thread_count", "threads", r->thread_count),
-                 Size("rss_file", "file", r->rss_file),
-                 Size("rss_anon", "anon", r->rss_anon),
-                 Size("rss_shmem", "shmem", r->rss_shmem),
-                 Size("swap", "swap", r->swap),
-                 Int("start_time_s", "start", r->start_time_s)};
-            break;
-        }
-        case QUOR_EVENT_RSS_STAT: {
-            const QuorRssView r(data, length);
-            SetHeader(e, r->header);
-            e->pid = r->pid;
-            static const char* const kMembers[] = {"file", "anon", "swap", "shmem"};
-            const bool known = r->member >= 0 && r->member < 4;
-            f = {Text("member", known ? nullptr : "member", RssMember(r->member)),
-                 Size("size", known ? kMembers[r->member] : "size", r->size)};
-            break;
-        }
-        case QUOR_EVENT_TASK_CREATE: {
-            const QuorForkView r(data, length);
-            SetHeader(e, r->header);
-            e->pid = r->pid;
-            e->ppid = r->ppid;
-            SetComm(e, r->comm);
-            f = {Int("ppid", "ppid", r->ppid), Int("tid", "tid", r->tid),
-                 Text("kind", "kind", TaskKind(r->kind))};
-            break;
-        }
-        case QUOR_EVENT_TASK_EXIT: {
-            const QuorExitView r(data, length);
-            SetHeader(e, r->header);
-            e->pid = r->pid;
-            SetComm(e, r->comm);
-            f = {Text("kind", "kind", TaskKind(r->kind))};
-            break;
-        }
-        case QUOR_EVENT_DMABUF_SIZE: {
-            const QuorDmabufSizeView r(data, length);
-            SetHeader(e, r->header);
-            e->pid = r->pid;
-            f = {Uint("total_size", nullptr, r->total_size),
-                 Size(nullptr, "dmabuf_total", static_cast<int64_t>(r->total_size))};
-            break;
-        }
-        case QUOR_EVENT_CGROUP_ATTACH: {
-            const QuorCgroupAttachView r(data, length);
-            SetHeader(e, r->header);
-            e->pid = r->pid;
-            SetComm(e, r->comm);
-            f = {Int("tid", "tid", r->tid), Text("cgroup", "cgroup", QuorFieldString(r->cgroup))};
-            break;
-        }
-        case QUOR_EVENT_FD_UPDATE: {
-            const QuorFdUpdateView r(data, length);
-            SetHeader(e, r->header);
-            e->pid = r->pid;
-            SetComm(e, r->comm);
-            f = {Int("fd", "fd", r->fd), Uint("open_fds", "open_fds", r->open_fds)};
-            break;
-        }
-        case QUOR_EVENT_DMABUF_UPDATE: {
-            const QuorDmabufUpdateView r(data, length);
-            SetHeader(e, r->header);
-            e->pid = r->pid;
-            f = {Text("action", "action", DmabufAction(r->action)),
-                 Uint("inode", "inode", r->inode), Uint("size", nullptr, r->size),
-                 Size(nullptr, "size", static_cast<int64_t>(r->size))};
-            break;
-        }
-        case QUOR_SERVICE_TASK_NEW: {
-            const QuorTaskNewView r(data, length);
-            e->pid = r->pid;
-            e->ppid = r->ppid;
-            SetComm(e, r->comm);
-            f = {Int("ppid", "ppid", r->ppid), Int("uid", "uid", r->uid)};
-            break;
-        }
-        case QUOR_SERVICE_TASK_EXIT: {
-            const QuorTaskExitView r(data, length);
-            e->pid = r->pid;
-            SetComm(e, r->comm);
-            break;
-        }
-        case QUOR_SERVICE_THREAD_CHANGE: {
-            const QuorThreadChangeView r(data, length);
-            e->pid = r->pid;
-            e->ppid = r->ppid;
-            f = {Int("ppid", "ppid", r->ppid), Int("uid", "uid", r->uid),
-                 Int("old_thread_count", "old_threads", r->old_thread_count),
-                 Int("thread_count", "threads", r->thread_count)};
-            break;
-        }
-        case QUOR_SERVICE_RSS_CHANGE: {
-            const QuorRssChangeView r(data, length);
-            e->pid = r->pid;
-            e->ppid = r->ppid;
-            SetComm(e, r->comm);
-            // The text line shows each size with its change; the old values
-            // are JSON-only fields.
-            f = {Int("ppid", "ppid", r->ppid),
-                 Int("uid", "uid", r->uid),
-                 Size("rss_file", "file", r->rss_file),
-                 Size("rss_anon", "anon", r->rss_anon),
-                 Size("swap", "swap", r->swap),
-                 Size("rss_shmem", "shmem", r->rss_shmem),
-                 Size("old_rss_file", nullptr, r->old_rss_file),
-                 Size("old_rss_anon", nullptr, r->old_rss_anon),
-                 Size("old_swap", nullptr, r->old_swap),
-                 Size("old_rss_shmem", nullptr, r->old_rss_shmem)};
-            break;
-        }
-        default:
-            break;
-    }
-}
-
 // The value of JSON field `key` among `fields` (rss_change pairs).
 int64_t FieldNumber(const std::vector<EventField>& fields, const char* key) {
     for (const EventField& field : fields) {
-        if (field.jsonKey != nullptr && std::string(field.jsonKey) == key) return field.number;
+        if (field.name != nullptr && std::string(field.name) == key) return field.number;
     }
     return 0;
 }
@@ -273,36 +68,9 @@ std::string Trimmed(double value) {
 
 EventContext EventContext::Now() {
     EventContext context;
-    context.realtimeNs = ClockNs(CLOCK_REALTIME);
-    context.monotonicNs = ClockNs(CLOCK_MONOTONIC);
+    context.realtimeNs = RealtimeNs();
+    context.monotonicNs = MonotonicNs();
     return context;
-}
-
-DecodedEvent DecodeEvent(uint32_t type, const void* data, size_t length) {
-    DecodedEvent event;
-    event.type = type;
-    event.length = length;
-    event.name = QuorEventName(type);
-    if (event.name == nullptr) {
-        event.error = "unknown type";
-        return event;
-    }
-    uint32_t recordType = 0;
-    if (data == nullptr || length < sizeof(recordType)) {
-        event.error = "truncated";
-        return event;
-    }
-    memcpy(&recordType, data, sizeof(recordType));
-    if (recordType != type) {
-        event.error = "type mismatch (record says " + std::to_string(recordType) + ")";
-        return event;
-    }
-    if (length < QuorRecordSize(type)) {
-        event.error = "truncated";
-        return event;
-    }
-    DecodeWhole(data, length, &event);
-    return event;
 }
 
 std::string FormatSize(int64_t bytes) {
@@ -383,9 +151,9 @@ std::string FormatEventText(const DecodedEvent& event, const EventContext& conte
         out += RssChangeText(event.fields);
     } else {
         for (const EventField& field : event.fields) {
-            if (field.textKey == nullptr) continue;
+            if (field.label == nullptr) continue;
             out += ' ';
-            out += field.textKey;
+            out += field.label;
             out += '=';
             switch (field.kind) {
                 case Kind::kInt:
@@ -420,17 +188,17 @@ std::string FormatEventJson(const DecodedEvent& event, const EventContext& conte
     line.Add("pid", event.pid);
     if (event.hasComm) line.Add("comm", event.comm);
     for (const EventField& field : event.fields) {
-        if (field.jsonKey == nullptr) continue;
+        if (field.name == nullptr) continue;
         switch (field.kind) {
             case Kind::kInt:
             case Kind::kSize:
-                line.Add(field.jsonKey, field.number);
+                line.Add(field.name, field.number);
                 break;
             case Kind::kUint:
-                line.Add(field.jsonKey, field.unsignedNumber);
+                line.Add(field.name, field.unsignedNumber);
                 break;
             case Kind::kText:
-                line.Add(field.jsonKey, field.text);
+                line.Add(field.name, field.text);
                 break;
         }
     }

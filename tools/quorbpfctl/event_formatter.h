@@ -1,9 +1,9 @@
 // Turns a record received from the service into one line of text for a
 // person or one JSON object for a script (`quorbpfctl watch`).
 //
-// Both outputs come from one decoding step (DecodeEvent), which checks the
-// length and the record's own type field before reading anything, so that a
-// short or foreign record becomes an error line instead of garbage.
+// Both outputs come from the client library's decoder (QuorDecodeEvent), which
+// checks the length and the record's own type field before reading anything,
+// so that a short or foreign record becomes an error line instead of garbage.
 //
 // Text: local time, type name, pid, comm, then the record's other fields;
 // sizes in KiB or MiB, bytes a terminal would interpret escaped as \xNN:
@@ -28,6 +28,8 @@
 #include <string>
 #include <vector>
 
+#include "quor/quorbpf_event_views.h"
+
 namespace Quor {
 namespace Bpf {
 namespace Ctl {
@@ -42,31 +44,13 @@ struct EventContext {
     static EventContext Now();
 };
 
-struct EventField {
-    enum class Kind { kInt, kUint, kSize, kText };
-    const char* jsonKey = nullptr;  // nullptr: not in the JSON object
-    const char* textKey = nullptr;  // nullptr: not shown in the text line
-    Kind kind = Kind::kInt;
-    int64_t number = 0;  // kInt, kSize
-    uint64_t unsignedNumber = 0;
-    std::string text;
-};
-
-struct DecodedEvent {
-    uint32_t type = 0;
-    const char* name = nullptr;  // nullptr for an unknown type
-    std::string error;           // non-empty: not a whole record of `type`
-    size_t length = 0;
-    bool hasTimestamp = false;
-    uint64_t timestampNs = 0;
-    int32_t pid = 0;
-    int32_t ppid = -1;  // -1 when the record has no parent field
-    bool hasComm = false;
-    std::string comm;
-    std::vector<EventField> fields;  // every field but type, time, pid and comm
-};
-
-DecodedEvent DecodeEvent(uint32_t type, const void* data, size_t length);
+// The client library's decoder is the only one; these names keep the
+// commands short.
+using EventField = QuorEventField;
+using DecodedEvent = QuorDecodedEvent;
+inline DecodedEvent DecodeEvent(uint32_t type, const void* data, size_t length) {
+    return QuorDecodeEvent(type, data, length);
+}
 
 std::string FormatEventText(const DecodedEvent& event, const EventContext& context);
 std::string FormatEventJson(const DecodedEvent& event, const EventContext& context);

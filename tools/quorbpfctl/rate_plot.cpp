@@ -20,8 +20,10 @@ constexpr double kBottom = 60;
 constexpr double kPlotWidth = kWidth - kLeft - kRight;
 constexpr double kPlotHeight = kHeight - kTop - kBottom;
 
-const char* const kColours[kStateTypes] = {"#1f77b4", "#d62728", "#2ca02c", "#ff7f0e",
-                                           "#9467bd", "#8c564b", "#e377c2", "#17becf"};
+const char* const kColours[] = {"#1f77b4", "#d62728", "#2ca02c", "#ff7f0e",
+                                "#9467bd", "#8c564b", "#e377c2", "#17becf"};
+static_assert(sizeof(kColours) / sizeof(kColours[0]) == kStateTypes,
+              "one line colour per kernel event type");
 
 std::string Number(double value) {
     char text[32];

@@ -33,7 +33,7 @@ std::vector<std::string> Fields(const std::string& line) {
 
 bool ParseHeader(const std::string& line, StateTable* table) {
     const std::vector<std::string> fields = Fields(line);
-    // "EventCount", 9 names, head, tail.
+    // "EventCount", a name per column, head, tail.
     if (fields.size() != 1 + kStateColumns + 2 || fields[0] != "EventCount") return false;
     for (size_t k = 0; k < kStateColumns; ++k) table->names[k] = fields[1 + k];
     return ParseInt64(fields[1 + kStateColumns], &table->head) &&

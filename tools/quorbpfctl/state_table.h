@@ -1,10 +1,10 @@
 // StateTable: the daemon's event statistics file (bpfservice_state.csv) read
 // back, and the rates a person wants from it.
 //
-// The file has a header naming the eight event types and "PollCount" and
+// The file has a header naming the kernel event types and "PollCount" and
 // giving the running indices of the newest and oldest second kept (head,
-// tail), then one row per second, newest first: the sum of the eight event
-// counts, the eight counts, the poll count. The newest row is the second in
+// tail), then one row per second, newest first: the sum of the event counts,
+// one count per kernel type, the poll count. The newest row is the second in
 // progress, so rates leave it out whenever an older second exists.
 //
 //   StateTable table;
@@ -20,12 +20,15 @@
 #include <string>
 #include <vector>
 
+#include "quor/quor_bpf_records.h"
+
 namespace Quor {
 namespace Bpf {
 namespace Ctl {
 
-constexpr size_t kStateTypes = 8;  // event types 0 to 7; column 8 counts polls
-constexpr size_t kStateColumns = kStateTypes + 1;
+// One column per kernel event type, then the poll count.
+constexpr size_t kStateTypes = kQuorKernelEventCount;
+constexpr size_t kStateColumns = kQuorStatSlots;
 
 struct StateRates {
     size_t seconds = 0;                                // seconds the rates cover

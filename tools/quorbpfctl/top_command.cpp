@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "diag/quor_bpf_time.h"
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
 #include "tools/quorbpfctl/comm_cache.h"
@@ -32,9 +33,7 @@ constexpr int kRefreshMs = 1000;
 constexpr int kReconnectIntervalMs = 1000;
 
 int64_t EpochMs() {
-    timespec ts = {};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    return RealtimeNs() / 1000000;
 }
 
 // The current name from procfs, "" when the process is gone.

@@ -30,20 +30,17 @@
 #include <utility>
 #include <vector>
 
+#include "bpf/quor_bpf_compat.h"
 #include "diag/quor_bpf_log.h"
 #include "quor/bpf_service_main.h"
+#include "service/quor_bpf_service_settings.h"
 #include "tools/loader/quor_bpf_loader.h"
 
 namespace {
 
 constexpr const char* kTag = "quorbpfd";
 constexpr const char* kLogDir = "/data/quorlog/stability/quorbpfframework/";
-constexpr const char* kReadyProperty = "sys.quor_bpf_ready";
 constexpr const char* kDefaultPidFile = "/run/quorbpfd.pid";
-
-// Who may connect besides uid 0 and the daemon's own uid (--allow-uid/gid).
-constexpr const char* kAllowUidsProperty = "persist.sys.quorbpf.allow_uids";
-constexpr const char* kAllowGidsProperty = "persist.sys.quorbpf.allow_gids";
 
 void Usage(FILE* out) {
     fprintf(out,
@@ -138,7 +135,8 @@ bool LoadProgrammes() {
             return true;
         }
     }
-    QLOGE(kTag, "[quorbpfd] no BPF programme pinned; not setting %s", kReadyProperty);
+    QLOGE(kTag, "[quorbpfd] no BPF programme pinned; not setting %s",
+          Quor::Bpf::QUOR_BPF_READY_PROPERTY);
     return false;
 }
 
@@ -173,41 +171,44 @@ void RemovePidFile(const std::string& path) {
     if (ours) (void)unlink(path.c_str());
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    // Signals 50 to 54 ask for dumps; until the service installs its handlers
-    // their default action would end the daemon, so ignore them meanwhile.
-    for (int signo = 50; signo <= 54; ++signo) (void)signal(signo, SIG_IGN);
-
+struct DaemonOptions {
     std::map<std::string, std::string> properties;
     bool load = true;
     bool unpinOnExit = false;
     std::string pidFile = kDefaultPidFile;
+};
+
+// "--name VALUE" or "--name=VALUE" at argv[*i]; moves *i past the value.
+bool TakeValue(int argc, char** argv, int* i, const char* name, std::string* value) {
+    const std::string arg = argv[*i];
+    const std::string prefix = std::string(name) + "=";
+    if (arg == name && *i + 1 < argc) {
+        *value = argv[++*i];
+        return true;
+    }
+    if (arg.rfind(prefix, 0) == 0) {
+        *value = arg.substr(prefix.size());
+        return true;
+    }
+    return false;
+}
+
+// -1 to go on, else the exit code (help shown, or a bad argument reported).
+int ParseDaemonArguments(int argc, char** argv, DaemonOptions* options) {
     std::vector<std::pair<std::string, std::string>> allowed;  // (property, id)
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
+        std::string value;
         if (arg == "-h" || arg == "--help") {
             Usage(stdout);
             return 0;
-        }
-        if (arg == "--no-load") {
-            load = false;
-            continue;
-        }
-        if (arg == "--unpin-on-exit") {
-            unpinOnExit = true;
-            continue;
-        }
-        if (arg == "--pid-file" && i + 1 < argc) {
-            pidFile = argv[++i];
-            continue;
-        }
-        if (arg.rfind("--pid-file=", 0) == 0) {
-            pidFile = arg.substr(strlen("--pid-file="));
-            continue;
-        }
-        if ((arg == "--allow-uid" || arg == "--allow-gid") && i + 1 < argc) {
+        } else if (arg == "--no-load") {
+            options->load = false;
+        } else if (arg == "--unpin-on-exit") {
+            options->unpinOnExit = true;
+        } else if (TakeValue(argc, argv, &i, "--pid-file", &value)) {
+            options->pidFile = value;
+        } else if ((arg == "--allow-uid" || arg == "--allow-gid") && i + 1 < argc) {
             const bool group = arg == "--allow-gid";
             const std::string id = ResolveId(argv[++i], group);
             if (id.empty()) {
@@ -215,41 +216,47 @@ int main(int argc, char** argv) {
                         group ? "group" : "user", argv[i]);
                 return 2;
             }
-            allowed.emplace_back(group ? kAllowGidsProperty : kAllowUidsProperty, id);
-            continue;
-        }
-        std::string assignment;
-        if (arg == "--property" && i + 1 < argc) {
-            assignment = argv[++i];
-        } else if (arg.rfind("--property=", 0) == 0) {
-            assignment = arg.substr(strlen("--property="));
+            allowed.emplace_back(group ? Quor::Bpf::QUOR_BPF_ALLOW_GIDS_PROPERTY
+                                       : Quor::Bpf::QUOR_BPF_ALLOW_UIDS_PROPERTY,
+                                 id);
+        } else if (TakeValue(argc, argv, &i, "--property", &value)) {
+            const size_t eq = value.find('=');
+            if (eq == std::string::npos || eq == 0) {
+                fprintf(stderr, "quorbpfd: --property needs KEY=VALUE, got '%s'\n", value.c_str());
+                return 2;
+            }
+            options->properties[value.substr(0, eq)] = value.substr(eq + 1);
         } else {
             fprintf(stderr, "quorbpfd: unknown argument '%s'\n\n", arg.c_str());
             Usage(stderr);
             return 2;
         }
-        const size_t eq = assignment.find('=');
-        if (eq == std::string::npos || eq == 0) {
-            fprintf(stderr, "quorbpfd: --property needs KEY=VALUE, got '%s'\n", assignment.c_str());
-            return 2;
-        }
-        properties[assignment.substr(0, eq)] = assignment.substr(eq + 1);
     }
     // The flags add to what --property may have listed.
-    for (const auto& [key, id] : allowed) AppendToList(&properties, key, id);
-    if (properties.count("ro.kernel.version") == 0) {
-        properties["ro.kernel.version"] = KernelMajorMinor();
+    for (const auto& [key, id] : allowed) AppendToList(&options->properties, key, id);
+    return -1;
+}
+
+// What the platform does on a device: properties, programmes, log directory.
+void PrepareHost(DaemonOptions* options) {
+    auto& properties = options->properties;
+    if (properties.count(Quor::Bpf::QUOR_KERNEL_VERSION_PROPERTY) == 0) {
+        properties[Quor::Bpf::QUOR_KERNEL_VERSION_PROPERTY] = KernelMajorMinor();
     }
-    const bool loaded = load && LoadProgrammes();
-    if (loaded && properties.count(kReadyProperty) == 0) {
-        properties[kReadyProperty] = "1";
+    const bool loaded = options->load && LoadProgrammes();
+    if (loaded && properties.count(Quor::Bpf::QUOR_BPF_READY_PROPERTY) == 0) {
+        properties[Quor::Bpf::QUOR_BPF_READY_PROPERTY] = "1";
     }
     for (const auto& [key, value] : properties) android::base::SetProperty(key, value);
 
     if (!MakeDirs(kLogDir)) {
         QLOGW(kTag, "[quorbpfd] cannot create %s: %s", kLogDir, strerror(errno));
     }
+}
 
+// Starts the service and blocks until SIGINT or SIGTERM; never returns once
+// the service ran.
+int RunService(const DaemonOptions& options) {
     // Block the stop signals before the service creates its threads, so that
     // only sigwait() below sees them; the dump signals stay deliverable.
     sigset_t stopSignals;
@@ -262,6 +269,7 @@ int main(int argc, char** argv) {
 
     std::thread supervisor([] { Quor::Bpf::WaitBpfService(); });
     supervisor.detach();
+    const std::string& pidFile = options.pidFile;
     if (!pidFile.empty() && !WritePidFile(pidFile)) {
         QLOGW(kTag, "[quorbpfd] cannot write the pid file %s: %s", pidFile.c_str(),
               strerror(errno));
@@ -272,10 +280,24 @@ int main(int argc, char** argv) {
     }
     QLOGI(kTag, "[quorbpfd] %s received, stopping", strsignal(signo));
     Quor::Bpf::StopBpfService();
-    if (unpinOnExit && load) UnpinProgrammes();
+    if (options.unpinOnExit && options.load) UnpinProgrammes();
     if (!pidFile.empty()) RemovePidFile(pidFile);
     // The monitors block in their ring-buffer poll until the next record;
     // end the process now instead of waiting for it.
     fflush(nullptr);
     _exit(0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Signals 50 to 54 ask for dumps; until the service installs its handlers
+    // their default action would end the daemon, so ignore them meanwhile.
+    for (int signo = 50; signo <= 54; ++signo) (void)signal(signo, SIG_IGN);
+
+    DaemonOptions options;
+    const int exitCode = ParseDaemonArguments(argc, argv, &options);
+    if (exitCode >= 0) return exitCode;
+    PrepareHost(&options);
+    return RunService(options);
 }
