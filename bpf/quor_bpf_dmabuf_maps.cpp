@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -221,10 +222,15 @@ int QuorBpfService::initFdBpfProg() {
         if (!status.Open(StringPrintf(TASK_STATUS_TEMPLATE, pidName.c_str()))) return;
         std::string line;
         std::string name;
+        std::string state;
         while (status.Next(&line)) {
             if (ProcLineValue(line, TASK_COMM_PREFIX, &name)) CopyProcName(name, value.comm);
+            (void)ProcLineValue(line, "State:\t", &state);
         }
         status.Close();
+        // A zombie has been through the kernel's exit programme, perhaps
+        // before it ran at all: an entry written now would never go.
+        if (!state.empty() && (state[0] == 'Z' || state[0] == 'X')) return;
 
         const int64_t count = CountDescriptors(StringPrintf(TASK_FD_TEMPLATE, pidName.c_str()));
         if (count < 0) return;
@@ -241,7 +247,18 @@ int QuorBpfService::initFdBpfProg() {
         QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] read %s failed! %s", PROC_FS_PATH,
               strerror(errno));
     }
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    fdScanEndNs_.store(static_cast<uint64_t>(now.tv_sec) * 1000000000ULL + now.tv_nsec);
     return 0;
+}
+
+void QuorBpfService::forgetFdEntryOfScanExit(int32_t pid, uint64_t exitNs) {
+    // Later exits find their entry in the kernel, which removes it.
+    if (exitNs > fdScanEndNs_.load()) return;
+    unique_fd map(
+        OpenPinnedMap(OPEN_FD_CALLER_MAP_PATH, sizeof(int32_t), sizeof(quor_open_fd_value)));
+    if (map.get() >= 0) (void)bpf_map_delete_elem(map.get(), &pid);
 }
 
 int QuorBpfService::initDmabufBpfProg() {

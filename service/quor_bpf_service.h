@@ -91,6 +91,10 @@ public:
     // Dmabuf and open-descriptor kernel maps (bpf/quor_bpf_dmabuf_maps.cpp).
     int initBpfMap();
     int initFdBpfProg();
+    // A process that ended while initFdBpfProg() ran may have had its entry
+    // written after the kernel's exit programme looked: its exit record
+    // (timestamp `exitNs`, programmes' clock) removes it here.
+    void forgetFdEntryOfScanExit(int32_t pid, uint64_t exitNs);
     int initDmabufBpfProg();
     int cleanUpDmabufMap(int pid);
     // As cleanUpDmabufMap for every pid of `pids`, in one walk of each map.
@@ -202,6 +206,9 @@ private:
     // and under EventManager::quorRawEventManagerLock (the producers read it
     // under that lock while fanning out).
     std::map<int, IpcPackageManager> clients_;
+
+    // When initFdBpfProg() last finished writing (CLOCK_MONOTONIC ns); 0 before.
+    std::atomic<uint64_t> fdScanEndNs_{0};
 
     android::base::unique_fd processInodeMapFd_;
     android::base::unique_fd processMmapInfos_;
