@@ -19,7 +19,7 @@ build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
 # make test (what CI runs): the suite, the BPF tests inside Debian's 6.1
-# amd64 kernel (test-vm), the arm64 build with its tests under qemu, the
+# kernels, amd64 and arm64 (test-vm), the arm64 build with its tests under qemu, the
 # stress and fault tests, the suite under AddressSanitizer +
 # UndefinedBehaviorSanitizer and the threaded tests under ThreadSanitizer (any
 # report fails), and a short run of every fuzzer. Each stage is also a target
@@ -125,7 +125,7 @@ clean-arm64:
 # `make test-kernels` runs every column; `make test` runs TEST_VM_COLUMNS.
 KERNELS_DIR ?= $(BUILD)/test-kernels
 KERNEL_COLUMNS ?= 6.1-amd64,6.12-amd64,6.1-arm64,6.12-arm64
-TEST_VM_COLUMNS ?= 6.1-amd64
+TEST_VM_COLUMNS ?= 6.1-amd64,6.1-arm64
 KERNEL_SERIES = $(sort $(foreach c,$(subst $(comma), ,$(1)),$(firstword $(subst -, ,$(c)))))
 comma := ,
 
@@ -148,7 +148,7 @@ test-vm: vm-deps build $(if $(findstring arm64,$(TEST_VM_COLUMNS)),arm64)
 # then also builds the arm64 programme objects for arm64_objects_test.
 # `make test` sets it.
 ARM64 ?= 0
-ifneq ($(filter test test-all test-arm64 arm64 test-kernels,$(MAKECMDGOALS)),)
+ifneq ($(filter test test-all test-arm64 arm64 test-kernels test-vm,$(MAKECMDGOALS)),)
 ARM64 := 1
 endif
 ifeq ($(ARM64),1)

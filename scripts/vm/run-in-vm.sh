@@ -21,8 +21,9 @@ while IFS='|' read -r name dir limit command; do
   (cd "$dir" && timeout "$limit" sh -c "$command") >"$log" 2>&1 </dev/null
   code=$?
   seconds=$(($(date +%s) - start))
-  ran=$(grep -c '^\[       OK \]' "$log")
-  skipped=$(grep -c '^\[  SKIPPED \]' "$log")
+  # One line per case ends with its time; the summary lines do not.
+  ran=$(grep -c '^\[       OK \] .* ([0-9]* ms)$' "$log")
+  skipped=$(grep -c '^\[  SKIPPED \] .* ([0-9]* ms)$' "$log")
   # The line after GoogleTest's "Skipped" marker carries the reason.
   why=$(grep -A1 ': Skipped$' "$log" | grep -v ': Skipped$' | grep -v '^--$' | head -n 1)
   if [ "$code" -eq 77 ]; then
