@@ -3,7 +3,7 @@
 #
 # Fails when a BPF object uses an instruction or a helper that Linux 5.10
 # lacks, so that an object that would be refused on such a device fails the
-# build instead:
+# build instead (and is deleted):
 #   - atomics other than a plain add (5.10 has only BPF_XADD: no fetch
 #     variants, no OR/AND/XOR, no exchange, no compare-and-exchange);
 #   - helper calls beyond bpf_redirect_peer (id 155), the last helper 5.10
@@ -62,6 +62,8 @@ for obj in "$@"; do
       }
     }
     END { exit bad }'; then
+    # Removed, so that the next build does not take it as up to date.
+    rm -f "$obj"
     status=1
   fi
 done
