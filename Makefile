@@ -18,12 +18,13 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
-# make test (what CI runs): the suite, the arm64 build with its tests under
-# qemu, the stress and fault tests, the suite under AddressSanitizer +
+# make test (what CI runs): the suite, the BPF tests inside Debian's 6.1
+# kernels, amd64 and arm64 (test-vm), the arm64 build with its tests under qemu, the
+# stress and fault tests, the suite under AddressSanitizer +
 # UndefinedBehaviorSanitizer and the threaded tests under ThreadSanitizer (any
 # report fails), and a short run of every fuzzer. Each stage is also a target
 # of its own.
-test: unit test-arm64 stress test-asan test-tsan fuzz-smoke
+test: unit test-vm test-arm64 stress test-asan test-tsan fuzz-smoke
 
 # Kept for habit: the same as `make test`.
 test-all: test
@@ -118,11 +119,36 @@ test-arm64: arm64
 clean-arm64:
 	@rm -rf $(BUILD_ARM64)
 
+# Real kernels: Debian's kernel packages booted under qemu (TCG), the host's
+# root shared read-only, the BPF-labelled tests (but the stress ones) run
+# inside; one table kernel x architecture x test (scripts/test-kernels.py).
+# `make test-kernels` runs every column; `make test` runs TEST_VM_COLUMNS.
+KERNELS_DIR ?= $(BUILD)/test-kernels
+KERNEL_COLUMNS ?= 6.1-amd64,6.12-amd64,6.1-arm64,6.12-arm64
+TEST_VM_COLUMNS ?= 6.1-amd64,6.1-arm64
+KERNEL_SERIES = $(sort $(foreach c,$(subst $(comma), ,$(1)),$(firstword $(subst -, ,$(c)))))
+comma := ,
+
+.PHONY: vm-deps test-kernels test-vm
+
+vm-deps:
+	@scripts/install-vm-deps.sh
+
+test-kernels: vm-deps build arm64
+	@scripts/fetch-test-kernels.sh $(KERNELS_DIR) $(call KERNEL_SERIES,$(KERNEL_COLUMNS))
+	@scripts/test-kernels.py --kernels $(KERNELS_DIR) --build $(BUILD) \
+		--build-arm64 $(BUILD_ARM64) --columns $(KERNEL_COLUMNS)
+
+test-vm: vm-deps build $(if $(findstring arm64,$(TEST_VM_COLUMNS)),arm64)
+	@scripts/fetch-test-kernels.sh $(KERNELS_DIR) $(call KERNEL_SERIES,$(TEST_VM_COLUMNS))
+	@scripts/test-kernels.py --kernels $(KERNELS_DIR) --build $(BUILD) \
+		--build-arm64 $(BUILD_ARM64) --columns $(TEST_VM_COLUMNS)
+
 # With ARM64=1 the arm64 packages go in before the native configure, which
 # then also builds the arm64 programme objects for arm64_objects_test.
 # `make test` sets it.
 ARM64 ?= 0
-ifneq ($(filter test test-all test-arm64 arm64,$(MAKECMDGOALS)),)
+ifneq ($(filter test test-all test-arm64 arm64 test-kernels test-vm,$(MAKECMDGOALS)),)
 ARM64 := 1
 endif
 ifeq ($(ARM64),1)

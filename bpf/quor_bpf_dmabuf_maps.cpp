@@ -28,6 +28,7 @@
 #include "bpf/quor_bpf_procfs_paths.h"
 #include "diag/quor_bpf_log.h"
 #include "diag/quor_bpf_strings.h"
+#include "diag/quor_bpf_time.h"
 
 namespace Quor {
 namespace Bpf {
@@ -270,7 +271,7 @@ int InitBpfMap(QuorBpfDmabufMaps* maps) {
     return 0;
 }
 
-int InitFdBpfProg() {
+int InitFdBpfProg(QuorBpfDmabufMaps* maps) {
     // Logged at error priority so that it shows in logs filtered to errors.
     QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] update open_fd_caller_map !");
     unique_fd map(
@@ -292,10 +293,15 @@ int InitFdBpfProg() {
         if (!status.Open(StringPrintf(TASK_STATUS_TEMPLATE, pidName.c_str()))) return;
         std::string line;
         std::string name;
+        std::string state;
         while (status.Next(&line)) {
             if (ProcLineValue(line, TASK_COMM_PREFIX, &name)) CopyProcName(name, value.comm);
+            (void)ProcLineValue(line, "State:\t", &state);
         }
         status.Close();
+        // A zombie has been through the kernel's exit programme, perhaps
+        // before it ran at all: an entry written now would never go.
+        if (!state.empty() && (state[0] == 'Z' || state[0] == 'X')) return;
 
         const int64_t count = CountDescriptors(StringPrintf(TASK_FD_TEMPLATE, pidName.c_str()));
         if (count < 0) return;
@@ -312,7 +318,16 @@ int InitFdBpfProg() {
         QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] read %s failed! %s", PROC_FS_PATH,
               strerror(errno));
     }
+    maps->fdScanEndNs.store(static_cast<uint64_t>(MonotonicNs()));
     return 0;
+}
+
+void ForgetFdEntryOfScanExit(const QuorBpfDmabufMaps& maps, int32_t pid, uint64_t exitNs) {
+    // Later exits find their entry in the kernel, which removes it.
+    if (exitNs > maps.fdScanEndNs.load()) return;
+    unique_fd map(
+        OpenPinnedMap(OPEN_FD_CALLER_MAP_PATH, sizeof(int32_t), sizeof(quor_open_fd_value)));
+    if (map.get() >= 0) (void)bpf_map_delete_elem(map.get(), &pid);
 }
 
 int InitDmabufBpfProg(QuorBpfDmabufMaps* maps) {

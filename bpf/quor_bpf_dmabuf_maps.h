@@ -14,6 +14,7 @@
 
 #include <android-base/unique_fd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <vector>
@@ -40,12 +41,20 @@ struct QuorBpfDmabufMaps {
     std::map<int32_t, dmabuf_stat> dmabufStatByPid;
     std::map<int32_t, std::map<uint64_t, uint64_t>> processInodes;
     std::map<int32_t, std::map<uint64_t, uint64_t>> processMmaps;
+
+    // When InitFdBpfProg() last finished writing (CLOCK_MONOTONIC ns, the
+    // programmes' clock); 0 before.
+    std::atomic<uint64_t> fdScanEndNs{0};
 };
 
 // 0, or -1 when one of the two per-process maps cannot be opened.
 int InitBpfMap(QuorBpfDmabufMaps* maps);
 // 0 after the walk, -1 when the map cannot be opened.
-int InitFdBpfProg();
+int InitFdBpfProg(QuorBpfDmabufMaps* maps);
+// A process that ended while InitFdBpfProg() ran may have had its entry
+// written after the kernel's exit programme looked: its exit record
+// (timestamp `exitNs`, programmes' clock) removes it here.
+void ForgetFdEntryOfScanExit(const QuorBpfDmabufMaps& maps, int32_t pid, uint64_t exitNs);
 // 0 after seeding, -1 when one of its five maps cannot be opened.
 int InitDmabufBpfProg(QuorBpfDmabufMaps* maps);
 // Removes what the maps hold of the processes in `pids`: their per-process

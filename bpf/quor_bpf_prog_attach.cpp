@@ -8,8 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <system_error>
 #include <vector>
 
@@ -44,12 +47,37 @@ bool KernelHasKprobes() {
            PathExists("/sys/kernel/debug/tracing/kprobe_events");
 }
 
-// Names the missing hook when an attach failed because the kernel lacks it.
+// Whether the kernel has a function of that name (its symbol table lists
+// every function; an unreadable table counts as "has it": nothing to report).
+bool KernelHasFunction(const std::string& name) {
+    FILE* f = fopen("/proc/kallsyms", "re");
+    if (f == nullptr) return true;
+    char line[512];
+    bool found = false;
+    while (!found && fgets(line, sizeof(line), f) != nullptr) {
+        char symbol[256];
+        if (sscanf(line, "%*s %*s %255s", symbol) == 1) found = (name == symbol);
+    }
+    fclose(f);
+    return found;
+}
+
+// Names the missing hook when an attach failed because the kernel lacks it:
+// kprobes altogether, or the function (a kernel built without the feature
+// that has it), said once per function: the service attaches at every start.
 void ExplainKprobeFailure(const std::string& functionName) {
     if (!KernelHasKprobes()) {
         QLOGW(QUOR_TAG_UTILS, "[AttachKProbeProgram] kernel lacks kprobes: %s cannot be probed",
               functionName.c_str());
+        return;
     }
+    static std::mutex mutex;
+    static std::set<std::string> reported;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (reported.count(functionName) != 0 || KernelHasFunction(functionName)) return;
+    reported.insert(functionName);
+    QLOGW(QUOR_TAG_UTILS, "[AttachKProbeProgram] kernel lacks function %s: it cannot be probed",
+          functionName.c_str());
 }
 
 void ExplainTracepointFailure(const std::string& subSystem, const std::string& eventName) {

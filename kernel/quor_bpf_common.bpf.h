@@ -12,9 +12,12 @@
  *   bit 2 (CORE_ON) clear      the programmes do nothing at all;
  *   bit 2 set                  map bookkeeping runs, fork and exit records flow;
  *   bits 2 and 4 set           every other record flows too;
- *   a failed reservation       sets bit 1 (atomically, the service clears it)
- *                              and copies the ring buffer's own figures into
- *                              keys 1 to 4.
+ *   a failed reservation       sets bit 1 (the service clears it) and copies
+ *                              the ring buffer's own figures into keys 1 to 4.
+ *
+ * No atomic other than add is used anywhere: older kernels (5.10) reject the
+ * atomic OR and compare-and-exchange, and the build checks every object for
+ * them (scripts/check-bpf-object.sh).
  */
 #ifndef QUOR_BPF_COMMON_BPF_H
 #define QUOR_BPF_COMMON_BPF_H
@@ -59,12 +62,17 @@ static __always_inline void quor_status_refresh(void)
     quor_status_set(QUOR_STATUS_KEY_PROD_POS, bpf_ringbuf_query(&ringbuf_map, BPF_RB_PROD_POS));
 }
 
-/* A record could not be reserved: the service learns it from bit 1. */
+/*
+ * A record could not be reserved: the service learns it from bit 1. A plain
+ * read-modify-write: a service write racing it can lose the bit only when the
+ * service is clearing it (it reads the figures next anyway) or flipping a gate
+ * bit at that moment, and the next failed reservation sets it again.
+ */
 static __always_inline void quor_report_overflow(void)
 {
     __u32 key = QUOR_STATUS_KEY_FLAGS;
     __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
-    if (flags) __sync_fetch_and_or(flags, (__u64)QUOR_STATUS_OVERFLOW);
+    if (flags) *flags = *flags | (__u64)QUOR_STATUS_OVERFLOW;
     quor_status_refresh();
 }
 
@@ -128,15 +136,19 @@ static __always_inline void quor_nudge_reader(void)
     if (nudge) bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
 }
 
-/* After a commit: wakes a reader that announced its sleep, once. */
+/*
+ * After a commit: wakes a reader that announced its sleep. A plain store: two
+ * CPUs that both saw it sleeping both nudge it (a spare wake-up costs the
+ * reader one empty look), and a reader that woke meanwhile and said it polls
+ * may read "woken" instead, which also means "no wake-up needed"; it announces
+ * its next sleep afresh.
+ */
 static __always_inline void quor_after_submit(void)
 {
     __u32 key = QUOR_STATUS_KEY_READER;
     __u64 *reader = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!reader || *reader != QUOR_READER_SLEEPING) return;
-    if (__sync_val_compare_and_swap(reader, QUOR_READER_SLEEPING, QUOR_READER_WOKEN) !=
-        QUOR_READER_SLEEPING)
-        return;
+    *reader = QUOR_READER_WOKEN;
     quor_nudge_reader();
 }
 

@@ -171,16 +171,22 @@ int cgroup_cgroup_attach_task(struct trace_event_raw_cgroup_migrate *ctx)
 }
 
 /*
- * dma_buf_stats_setup(dmabuf, file): a buffer was exported by the current
- * process, which is charged with it until the buffer is released.
+ * A buffer was exported by the current process, which is charged with it
+ * until the buffer is released. The function took the dmabuf alone at first
+ * (called once dmabuf->file was set); later kernels pass the file as a
+ * second argument and call it before setting dmabuf->file. So the file comes
+ * from the dmabuf, and from the second argument only where the dmabuf has
+ * none yet: on a one-argument kernel that register holds anything.
  */
 SEC("kprobe/dma_buf_stats_setup")
-int BPF_KPROBE(dma_buf_stats_setup, struct dma_buf *dmabuf, struct file *file)
+int BPF_KPROBE(dma_buf_stats_setup, struct dma_buf *dmabuf, struct file *arg_file)
 {
     if (!quor_active()) return 0;
 
     __s32 tgid = quor_current_tgid();
     __u64 size = BPF_CORE_READ(dmabuf, size);
+    struct file *file = BPF_CORE_READ(dmabuf, file);
+    if (!file) file = arg_file;
     __u64 inode = BPF_CORE_READ(file, f_inode, i_ino);
     if (inode == 0) return 0;
 

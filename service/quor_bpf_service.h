@@ -108,6 +108,10 @@ public:
 
     int initBpfMap();
     int initFdBpfProg();
+    // A process that ended while initFdBpfProg() ran may have had its entry
+    // written after the kernel's exit programme looked: its exit record
+    // (timestamp `exitNs`, programmes' clock) removes it here.
+    void forgetFdEntryOfScanExit(int32_t pid, uint64_t exitNs);
     int initDmabufBpfProg();
     // Removes an ended process's entries: its per-process dmabuf entries,
     // its totals, its descriptor count and the buffers last seen held by it.

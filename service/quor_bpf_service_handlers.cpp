@@ -180,6 +180,7 @@ int QuorBpfService::handleSched_SchedProcessExit(char* data, long len) {
         CopyComm(event.comm, rec.comm);
         SendEvent(event);
         scheduleDmabufCleanup(rec.pid);
+        forgetFdEntryOfScanExit(rec.pid, rec.header.timestamp_ns);
     } else if (rec.kind == QUOR_TASK_KIND_THREAD) {
         quor_thread_change_event event;
         if (ApplyThreadChange(rec.pid, rec.header.timestamp_ns, -1, &event)) SendEvent(event);

@@ -31,7 +31,11 @@ int QuorBpfService::initBpfMap() {
 }
 
 int QuorBpfService::initFdBpfProg() {
-    return InitFdBpfProg();
+    return InitFdBpfProg(&dmabufMaps_);
+}
+
+void QuorBpfService::forgetFdEntryOfScanExit(int32_t pid, uint64_t exitNs) {
+    ForgetFdEntryOfScanExit(dmabufMaps_, pid, exitNs);
 }
 
 int QuorBpfService::initDmabufBpfProg() {

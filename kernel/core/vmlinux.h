@@ -68,6 +68,7 @@ struct file {
 
 struct dma_buf {
     __kernel_size_t size;
+    struct file *file;
 };
 
 /* Tracepoint records (the kernel's trace_event_raw_<event> types). */

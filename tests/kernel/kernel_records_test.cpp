@@ -1,5 +1,7 @@
 // The programme sets' records, read from their ring buffers while a child
-// forks a thread, touches memory and exits; attached by the service's walk.
+// forks a thread, touches memory and exits, opens descriptors, and while a
+// real dmabuf is seeded and released; attached by the service's walk.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -14,6 +16,7 @@
 #include "bpf/quor_bpf_prog_attach.h"
 #include "service/quor_bpf_service.h"
 #include "tests/kernel/kernel_test_env.h"
+#include "tests/support/vgem_dmabuf.h"
 
 using Quor::Bpf::QuorBpfLoader;
 using Quor::Bpf::QuorBpfLoadReport;
@@ -264,6 +267,98 @@ TEST_F(KernelRecordsTest, FullRingBufferSetsTheOverflowBit) {
     EXPECT_EQ(StatusGet(status, QUOR_STATUS_KEY_CONS_POS), 0u);
     EXPECT_GT(StatusGet(status, QUOR_STATUS_KEY_PROD_POS), 16384u - 256);
     close(status);
+}
+
+// Why a kprobe test cannot run here, or "".
+std::string KprobeMissing(const char* function) {
+    if (!KernelHasKprobes()) return "the kernel lacks kprobes";
+    if (!KernelHasFunction(function)) return std::string("the kernel lacks ") + function;
+    return "";
+}
+
+// A child opening descriptors up to 130 is reported when its highest
+// descriptor enters a new block of 64, with its pid and name, and not before.
+TEST_F(KernelRecordsTest, FdInstallReportsEachNewBlockOfDescriptors) {
+    const std::string missing = KprobeMissing("fd_install");
+    if (!missing.empty()) GTEST_SKIP() << missing;
+    RingReader reader(kDir + "map_QuorBpfDefineset_ringbuf_map");
+    ASSERT_TRUE(reader.ok());
+    reader.Drain();
+    reader.records.clear();
+    ASSERT_TRUE(StatusSet(status_, QUOR_STATUS_KEY_FLAGS, kAllOn));
+    child_ = fork();
+    if (child_ == 0) {
+        prctl(PR_SET_NAME, kChildComm, 0, 0, 0);
+        for (int fd = 0; fd >= 0 && fd < 130;) fd = open("/dev/null", O_RDONLY);
+        _exit(0);
+    }
+    (void)waitpid(child_, nullptr, 0);
+    reader.keep = [this](const std::string& r) {
+        return RecordPid(r) == child_ && As<quor_record_header>(r).type == QUOR_EVENT_FD_UPDATE;
+    };
+    (void)reader.PollUntil([&] { return reader.records.size() >= 2; }, 5000ms);
+    (void)reader.PollUntil([] { return false; }, 200ms);  // and nothing more
+    StatusSet(status_, QUOR_STATUS_KEY_FLAGS, 0);
+    std::vector<int> fds;
+    for (const auto& r : reader.records) {
+        ASSERT_EQ(r.size(), sizeof(quor_fd_update_record));
+        const auto update = As<quor_fd_update_record>(r);
+        fds.push_back(update.fd);
+        EXPECT_EQ(CommOf(update.comm), kChildComm);
+        EXPECT_GE(update.open_fds, 1u);
+    }
+    EXPECT_EQ(fds, (std::vector<int>{64, 128}));
+}
+
+// A dmabuf exported before seeding is seeded with its inode, size and holder;
+// closing it gives one release record and the holder's new total.
+TEST_F(KernelRecordsTest, RealDmabufIsSeededAndItsReleaseReported) {
+    const std::string missing = KprobeMissing("dma_buf_file_release");
+    if (!missing.empty()) GTEST_SKIP() << missing;
+    const int vgem = OpenVgem();
+    if (vgem < 0) GTEST_SKIP() << "no vgem device (the kernel lacks the vgem module)";
+    const VgemDmabuf buffer = ExportVgemBuffer(vgem, 256, 64);
+    close(vgem);
+    ASSERT_GE(buffer.fd, 0) << strerror(errno);
+    ASSERT_GT(buffer.size, 0u);
+
+    ASSERT_EQ(QuorBpfService::GetInstance()->initDmabufBpfProg(), 0);
+    const int allocate =
+        bpf_obj_get((kDir + "map_QuorBpfGplDefineset_dmabuf_allocate_map").c_str());
+    const int sizes = bpf_obj_get((kDir + "map_QuorBpfGplDefineset_dmabuf_size_map").c_str());
+    ASSERT_GE(allocate, 0);
+    ASSERT_GE(sizes, 0);
+    dmabuf_info info = {};
+    ASSERT_EQ(bpf_map_lookup_elem(allocate, &buffer.inode, &info), 0) << "inode " << buffer.inode;
+    EXPECT_EQ(info.pid, getpid());
+    EXPECT_EQ(info.size, buffer.size);
+    const int32_t self = getpid();
+    dmabuf_stat seeded = {};
+    ASSERT_EQ(bpf_map_lookup_elem(sizes, &self, &seeded), 0);
+    EXPECT_GE(seeded.total_size, buffer.size);
+
+    RingReader reader(kDir + "map_QuorBpfGplDefineset_ringbuf_map");
+    ASSERT_TRUE(reader.ok());
+    reader.Drain();
+    reader.records.clear();
+    reader.keep = [self](const std::string& r) { return RecordPid(r) == self; };
+    ASSERT_TRUE(StatusSet(gplStatus_, QUOR_STATUS_KEY_FLAGS, kAllOn));
+    close(buffer.fd);
+    (void)reader.PollUntil([&] { return reader.records.size() >= 2; }, 5000ms);
+    (void)reader.PollUntil([] { return false; }, 200ms);
+    StatusSet(gplStatus_, QUOR_STATUS_KEY_FLAGS, 0);
+    ASSERT_EQ(reader.records.size(), 2u);
+    const auto release = As<quor_dmabuf_update_record>(reader.records[0]);
+    EXPECT_EQ(release.header.type, static_cast<uint32_t>(QUOR_EVENT_DMABUF_UPDATE));
+    EXPECT_EQ(release.action, static_cast<uint32_t>(QUOR_DMABUF_RELEASE));
+    EXPECT_EQ(release.inode, buffer.inode);
+    EXPECT_EQ(release.size, buffer.size);
+    const auto total = As<quor_dmabuf_size_record>(reader.records[1]);
+    EXPECT_EQ(total.header.type, static_cast<uint32_t>(QUOR_EVENT_DMABUF_SIZE));
+    EXPECT_EQ(total.total_size, seeded.total_size - buffer.size);
+    EXPECT_NE(bpf_map_lookup_elem(allocate, &buffer.inode, &info), 0) << "the buffer is forgotten";
+    close(allocate);
+    close(sizes);
 }
 
 }  // namespace

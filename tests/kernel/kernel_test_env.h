@@ -31,6 +31,20 @@ inline bool KernelHasKprobes() {
            PathExists("/sys/kernel/tracing/kprobe_events");
 }
 
+// Whether the kernel has a function of that name to probe.
+inline bool KernelHasFunction(const std::string& name) {
+    FILE* f = fopen("/proc/kallsyms", "re");
+    if (f == nullptr) return false;
+    char line[512];
+    char symbol[256];
+    bool found = false;
+    while (!found && fgets(line, sizeof(line), f) != nullptr) {
+        found = sscanf(line, "%*s %*s %255s", symbol) == 1 && name == symbol;
+    }
+    fclose(f);
+    return found;
+}
+
 inline bool TracepointExists(const std::string& subsystem, const std::string& event) {
     return PathExists("/sys/kernel/tracing/events/" + subsystem + "/" + event);
 }

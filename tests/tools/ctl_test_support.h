@@ -83,7 +83,9 @@ public:
     std::string PidFile() const { return dir_ + "/quorbpfd.pid"; }
     std::string Log() const { return ReadFile(dir_ + "/quorbpfd.log"); }
 
-    // True once `watch --count 1` sees an event: the socket and subscriptions work.
+    // True once `watch --count 1` sees an event: the socket and subscriptions
+    // work. The probe makes its own events (a short-lived process every
+    // 100 ms while watch runs): an idle machine has none to offer.
     bool Start() {
         pid_ = fork();
         if (pid_ == 0) {
@@ -92,7 +94,10 @@ public:
             execl(QUORBPFD_PATH, "quorbpfd", "--pid-file", PidFile().c_str(), nullptr);
             _exit(127);
         }
-        const std::string watch = std::string(QUORBPFCTL_PATH) + " watch --count 1 --timeout 1";
+        const std::string watch = "{ " + std::string(QUORBPFCTL_PATH) +
+                                  " watch --count 1 --timeout 2 & w=$!; i=0;"
+                                  " while kill -0 $w 2>/dev/null && [ $i -lt 25 ]; do"
+                                  " sleep 0.1; i=$((i+1)); done; wait $w; }";
         return WaitFor([&] { return Shell(watch).code == 0; }, 60000);
     }
 
