@@ -72,6 +72,8 @@ CtlCommand CommandByName(const std::string& name) {
     if (name == "tasks") return CtlCommand::kTasks;
     if (name == "stats") return CtlCommand::kStats;
     if (name == "top") return CtlCommand::kTop;
+    if (name == "record") return CtlCommand::kRecord;
+    if (name == "exporter") return CtlCommand::kExporter;
     return CtlCommand::kNone;
 }
 
@@ -211,6 +213,42 @@ int ParseCtlArguments(const std::vector<std::string>& args, CtlOptions* options,
             options->plotPath = value;
         } else if (command == CtlCommand::kStats && name == "--linear") {
             if (!flag(&options->linear)) return kExitUsage;
+        } else if (command == CtlCommand::kRecord && name == "--duration") {
+            if (!takeValue()) return kExitUsage;
+            if (!ParseInt(value, 1, 86400, &number)) {
+                *error = "--duration needs seconds from 1 to 86400, got '" + value + "'";
+                return kExitUsage;
+            }
+            options->durationS = static_cast<int>(number);
+        } else if (command == CtlCommand::kRecord && (name == "-o" || name == "--output")) {
+            if (!takeValue()) return kExitUsage;
+            options->outputPath = value;
+        } else if (command == CtlCommand::kRecord && name.rfind("-", 0) != 0) {
+            for (const std::string& part : SplitCommas(name)) {
+                uint32_t type = 0;
+                if (!ParseEventType(part, &type, error)) return kExitUsage;
+                options->types.push_back(type);
+            }
+        } else if (command == CtlCommand::kExporter && name == "--listen") {
+            if (!takeValue()) return kExitUsage;
+            options->listen = value;
+        } else if (command == CtlCommand::kExporter && name == "--top") {
+            if (!takeValue()) return kExitUsage;
+            if (!ParseInt(value, 0, 10000, &number)) {
+                *error = "--top needs a number from 0 to 10000, got '" + value + "'";
+                return kExitUsage;
+            }
+            options->topN = static_cast<int>(number);
+        } else if (command == CtlCommand::kExporter && name == "--textfile") {
+            if (!takeValue()) return kExitUsage;
+            options->textfileDir = value;
+        } else if (command == CtlCommand::kExporter && name == "--interval") {
+            if (!takeValue()) return kExitUsage;
+            if (!ParseInt(value, 1, 3600, &number)) {
+                *error = "--interval needs seconds from 1 to 3600, got '" + value + "'";
+                return kExitUsage;
+            }
+            options->intervalS = static_cast<int>(number);
         } else if (command == CtlCommand::kWatch && name.rfind("-", 0) != 0) {
             for (const std::string& part : SplitCommas(name)) {
                 uint32_t type = 0;
@@ -243,6 +281,9 @@ std::string UsageText(CtlCommand command) {
                 "  tasks             the daemon's task table, largest memory first\n"
                 "  stats             events per second per type; --plot draws an SVG\n"
                 "  top               live view of the largest processes by resident memory\n"
+                "  record [TYPE...]  write the events as a trace for Perfetto's UI or\n"
+                "                    chrome://tracing\n"
+                "  exporter          serve process and event metrics to Prometheus\n"
                 "\n"
                 "quorbpfctl COMMAND --help shows a command's options and examples.\n\n";
             break;
@@ -316,6 +357,50 @@ std::string UsageText(CtlCommand command) {
                 "examples:\n"
                 "  quorbpfctl top\n"
                 "  quorbpfctl top --daemon-pid 1234\n\n";
+            break;
+        case CtlCommand::kRecord:
+            text =
+                "usage: quorbpfctl record [TYPE...] [--duration S] [-o FILE]\n"
+                "\n"
+                "Records the given event types (all when none is given) into a trace in\n"
+                "the JSON trace-event format, which Perfetto's UI (ui.perfetto.dev) and\n"
+                "chrome://tracing open. One track per process, named from its comm and\n"
+                "listed beside its parent, with a slice from its start to its exit and\n"
+                "counters for threads, memory (anon, file, swap, shmem) and dmabuf bytes;\n"
+                "cgroup moves, descriptor-count crossings and dmabuf buffers are instant\n"
+                "events. The processes already running come from the daemon's task table.\n"
+                "Progress goes to stderr; Ctrl-C or the end of --duration closes the file.\n"
+                "\n"
+                "  TYPE               as for watch: a number or a name, comma-separated\n"
+                "  --duration S       stop after S seconds (default: at Ctrl-C)\n"
+                "  -o, --output FILE  the trace file (default quorbpf-trace.json)\n"
+                "\n"
+                "examples:\n"
+                "  quorbpfctl record --duration 60 -o /tmp/boot.json\n"
+                "  quorbpfctl record sched_task_create,sched_task_exit,kmem_rss_info\n\n";
+            break;
+        case CtlCommand::kExporter:
+            text =
+                "usage: quorbpfctl exporter [--listen ADDR:PORT] [--top N]\n"
+                "                           [--textfile DIR [--interval S]]\n"
+                "\n"
+                "Serves /metrics over HTTP in the Prometheus text format: events by type,\n"
+                "processes started and ended, live processes, threads and memory of the\n"
+                "N largest processes, dmabuf totals, and the exporter's own dropped\n"
+                "records and reconnects. Runs until Ctrl-C.\n"
+                "\n"
+                "  --listen ADDR:PORT where to serve (default 127.0.0.1:9469, loopback\n"
+                "                     only); [::1]:PORT for IPv6, 0.0.0.0:PORT for all\n"
+                "  --top N            label only the N largest processes by resident\n"
+                "                     memory (default 20), so that series stay bounded\n"
+                "  --textfile DIR     instead of serving, write DIR/quorbpf.prom every\n"
+                "                     --interval seconds (default 15), atomically, for\n"
+                "                     node_exporter's textfile collector\n"
+                "\n"
+                "examples:\n"
+                "  quorbpfctl exporter\n"
+                "  curl -s http://127.0.0.1:9469/metrics | grep quorbpf_events_total\n"
+                "  quorbpfctl exporter --textfile /var/lib/node_exporter/textfile\n\n";
             break;
     }
     return text + kCommonHelp + "\n" + kExitHelp;

@@ -1,0 +1,166 @@
+#include "tools/quorbpfctl/record_command.h"
+
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "quor/quorbpf_client.h"
+#include "quor/quorbpf_event_views.h"
+#include "tools/quorbpfctl/comm_cache.h"
+#include "tools/quorbpfctl/ctl_exit_codes.h"
+#include "tools/quorbpfctl/task_snapshot.h"
+#include "tools/quorbpfctl/trace_model.h"
+#include "tools/quorbpfctl/trace_writer.h"
+
+namespace Quor {
+namespace Bpf {
+namespace Ctl {
+
+namespace {
+
+constexpr int kReconnectIntervalMs = 1000;
+constexpr size_t kFileBuffer = 1 << 20;
+
+int64_t MonotonicNs() {
+    timespec ts = {};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+std::vector<TraceProcess> FromTaskTable(const TaskDump& dump) {
+    std::vector<TraceProcess> processes;
+    for (const TaskRow& row : dump.rows) {
+        TraceProcess p;
+        p.pid = row.pid;
+        p.ppid = row.ppid;
+        p.comm = row.comm;
+        p.threads = row.threads;
+        p.anon = row.anonKb * 1024;
+        p.file = row.fileKb * 1024;
+        p.swap = row.swapKb * 1024;
+        p.shmem = row.shmemKb * 1024;
+        processes.push_back(p);
+    }
+    return processes;
+}
+
+}  // namespace
+
+int RunRecordCommand(const CtlOptions& options, FILE* err) {
+    const std::string path = options.outputPath.empty() ? kDefaultTraceFile : options.outputPath;
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGHUP);
+    // Before the client's thread exists, so that only this thread takes them.
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    FILE* file = fopen(path.c_str(), "we");
+    if (file == nullptr) {
+        fprintf(err, "quorbpfctl: cannot write %s: %s\n", path.c_str(), strerror(errno));
+        return errno == EACCES || errno == EPERM ? kExitPermission : kExitFailure;
+    }
+    setvbuf(file, nullptr, _IOFBF, kFileBuffer);
+
+    std::mutex mutex;  // the writer and the model: client thread and this one
+    TraceWriter writer(file);
+    CommCache comms;
+    TraceModel model(&writer, [&comms](int32_t pid) { return comms.Lookup(pid); });
+    std::atomic<uint64_t> losses{0};
+
+    QuorBpfClient::Options clientOptions;
+    if (!options.socketName.empty()) clientOptions.socketName = options.socketName;
+    clientOptions.reconnectIntervalMs = kReconnectIntervalMs;
+    QuorBpfClient client(
+        [&](uint32_t type, const uint8_t* data, size_t length) {
+            const int64_t now = MonotonicNs();
+            std::lock_guard<std::mutex> lock(mutex);
+            model.OnRecord(type, data, length, now);
+        },
+        clientOptions);
+    std::atomic<bool> connectedOnce{false};
+    std::atomic<bool> stopping{false};
+    client.setConnectionCallback([&](bool connected) {
+        if (stopping.load()) return;
+        if (!connectedOnce.load()) {
+            if (connected) connectedOnce.store(true);
+            return;
+        }
+        if (!connected) losses.fetch_add(1);
+        fprintf(err, "\nquorbpfctl: %s\n",
+                connected ? "reconnected to the service; events in between are missing"
+                          : "lost the connection to the service; reconnecting");
+    });
+    const std::vector<uint32_t>& types = options.types.empty() ? AllEventTypes() : options.types;
+    for (const uint32_t type : types) (void)client.subscribe(static_cast<int32_t>(type));
+    if (!client.connect(options.timeoutMs)) {
+        fprintf(err, "quorbpfctl: the service is not running: nothing answered on its socket\n");
+        fclose(file);
+        (void)unlink(path.c_str());
+        return kExitNotRunning;
+    }
+
+    TaskDump dump;
+    if (FetchTaskSnapshot(options, &dump, err) == kExitOk) {
+        std::lock_guard<std::mutex> lock(mutex);
+        model.Seed(FromTaskTable(dump), MonotonicNs());
+    } else {
+        fprintf(err, "quorbpfctl: recording without the processes already running\n");
+    }
+
+    const bool terminal = isatty(fileno(err)) != 0;
+    const int64_t start = MonotonicNs();
+    const int64_t end = options.durationS > 0 ? start + options.durationS * 1000000000LL : 0;
+    int64_t nextReport = start;
+    bool failed = false;
+    const auto report = [&](const char* ending) {
+        std::lock_guard<std::mutex> lock(mutex);
+        fprintf(err, "%squorbpfctl record: %.0f s, %llu events, %.1f MiB, %llu dropped%s",
+                terminal ? "\r" : "", (MonotonicNs() - start) / 1e9,
+                static_cast<unsigned long long>(model.records()), writer.bytes() / 1048576.0,
+                static_cast<unsigned long long>(model.undecodable()), ending);
+        fflush(err);
+        failed = writer.failed();
+    };
+    const timespec tick = {0, 100 * 1000 * 1000};
+    while (!failed) {
+        const int64_t now = MonotonicNs();
+        if (end != 0 && now >= end) break;
+        if (now >= nextReport) {
+            // Without a terminal a line every 10 s is enough for a log.
+            report(terminal ? "" : "\n");
+            nextReport = now + (terminal ? 1000000000LL : 10000000000LL);
+        }
+        if (sigtimedwait(&stop, nullptr, &tick) > 0) break;
+    }
+    stopping.store(true);
+    client.disconnect();
+    report("\n");
+    bool ok = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        model.Finish(MonotonicNs());
+        ok = writer.Close();
+    }
+    ok = fclose(file) == 0 && ok;
+    if (!ok) {
+        fprintf(err, "quorbpfctl: writing %s failed: %s\n", path.c_str(), strerror(errno));
+        return kExitFailure;
+    }
+    fprintf(err, "quorbpfctl: trace written to %s (%llu trace events, %llu connection losses)\n",
+            path.c_str(), static_cast<unsigned long long>(writer.events()),
+            static_cast<unsigned long long>(losses.load()));
+    return kExitOk;
+}
+
+}  // namespace Ctl
+}  // namespace Bpf
+}  // namespace Quor
