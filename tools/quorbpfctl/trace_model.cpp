@@ -38,8 +38,9 @@ TraceModel::Process* TraceModel::Start(int64_t ts, int32_t pid, int32_t ppid,
                                        int32_t threads) {
     Process& process = processes_[pid];
     process.ppid = ppid;
-    process.threads = std::max(threads, 1);
     process.comm = comm;
+    process.threads = std::max(threads, 1);
+    process.beginTs = ts;
     process.sortIndex = SortIndexFor(pid, ppid);
     writer_->ProcessName(ts, pid, comm.empty() ? "pid " + std::to_string(pid) : comm);
     writer_->ProcessSortIndex(ts, pid, process.sortIndex);
@@ -48,8 +49,7 @@ TraceModel::Process* TraceModel::Start(int64_t ts, int32_t pid, int32_t ppid,
         writer_->ProcessLabels(ts, pid,
                                "parent: " + parent->second.comm + " " + std::to_string(ppid));
     }
-    writer_->Begin(ts, pid, comm,
-                   TraceArgs().Add("pid", pid).Add("ppid", ppid).Add("origin", origin));
+    writer_->Begin(ts, pid, comm, TraceArgs().Add("ppid", ppid).Add("origin", origin));
     writer_->Counter(ts, pid, "threads", TraceArgs().Add("value", process.threads));
     return &process;
 }
@@ -64,6 +64,8 @@ TraceModel::Process* TraceModel::Find(int64_t ts, int32_t pid, const std::string
 void TraceModel::End(int64_t ts, int32_t pid) {
     const auto it = processes_.find(pid);
     if (it == processes_.end()) return;
+    FlushMemory(pid, &it->second);
+    ts = std::max(ts, it->second.beginTs);
     writer_->Counter(ts, pid, "threads", TraceArgs().Add("value", 0));
     writer_->End(ts, pid, TraceArgs());
     processes_.erase(it);
@@ -74,25 +76,44 @@ void TraceModel::End(int64_t ts, int32_t pid) {
 void TraceModel::Rename(int64_t ts, int32_t pid, Process* process, const std::string& comm) {
     if (comm.empty() || comm == process->comm) return;
     process->comm = comm;
-    writer_->ProcessName(ts, pid, comm);
+    writer_->ProcessName(std::max(ts, process->beginTs), pid, comm);
 }
 
 void TraceModel::SetThreads(int64_t ts, int32_t pid, Process* process, int32_t threads) {
     threads = std::max(threads, 1);
     if (threads == process->threads) return;
     process->threads = threads;
-    writer_->Counter(ts, pid, "threads", TraceArgs().Add("value", threads));
+    writer_->Counter(std::max(ts, process->beginTs), pid, "threads",
+                     TraceArgs().Add("value", threads));
 }
 
-void TraceModel::SetMemory(int64_t ts, int32_t pid, Process* process, const int64_t (&memory)[4]) {
-    if (std::equal(memory, memory + 4, process->memory)) return;
-    std::copy(memory, memory + 4, process->memory);
+void TraceModel::WriteMemory(int64_t ts, int32_t pid, const int64_t (&memory)[4]) {
     writer_->Counter(ts, pid, "memory",
                      TraceArgs()
                          .Add("anon", memory[QUOR_RSS_ANON])
                          .Add("file", memory[QUOR_RSS_FILE])
                          .Add("swap", memory[QUOR_RSS_SWAP])
                          .Add("shmem", memory[QUOR_RSS_SHMEM]));
+}
+
+void TraceModel::FlushMemory(int32_t pid, Process* process) {
+    if (process->pendingTs < 0) return;
+    WriteMemory(process->pendingTs, pid, process->pending);
+    process->pendingTs = -1;
+}
+
+void TraceModel::SetMemory(int64_t ts, int32_t pid, Process* process, const int64_t (&memory)[4]) {
+    if (std::equal(memory, memory + 4, process->memory)) return;
+    std::copy(memory, memory + 4, process->memory);
+    ts = std::max(ts, process->beginTs);
+    if (process->windowTs != INT64_MIN && ts - process->windowTs < kMemoryWindowNs) {
+        std::copy(memory, memory + 4, process->pending);
+        process->pendingTs = ts;
+        return;
+    }
+    FlushMemory(pid, process);
+    WriteMemory(ts, pid, memory);
+    process->windowTs = ts;
 }
 
 void TraceModel::Seed(const std::vector<TraceProcess>& processes, int64_t nowNs) {
@@ -178,6 +199,9 @@ void TraceModel::OnRecord(uint32_t type, const uint8_t* data, size_t length, int
                     Process* process = Find(ts, r->pid, "");
                     if (process != nullptr) SetThreads(ts, r->pid, process, process->threads + 1);
                 } else if (r->pid > 0) {
+                    const auto live = processes_.find(r->pid);
+                    // Seeded after it forked (the record waited for the seed).
+                    if (live != processes_.end() && live->second.beginTs >= ts) return;
                     // A pid met again: its exit was lost, or it was recycled.
                     End(ts, r->pid);
                     ended_.erase(r->pid);
@@ -207,7 +231,8 @@ void TraceModel::OnRecord(uint32_t type, const uint8_t* data, size_t length, int
                 const int64_t total = static_cast<int64_t>(r->total_size);
                 if (process != nullptr && total != process->dmabuf) {
                     process->dmabuf = total;
-                    writer_->Counter(ts, r->pid, "dmabuf", TraceArgs().Add("bytes", total));
+                    writer_->Counter(std::max(ts, process->beginTs), r->pid, "dmabuf",
+                                     TraceArgs().Add("bytes", total));
                 }
                 return;
             }
@@ -215,9 +240,9 @@ void TraceModel::OnRecord(uint32_t type, const uint8_t* data, size_t length, int
         case QUOR_EVENT_CGROUP_ATTACH:
             if (QuorCgroupAttachView r{data, length}) {
                 const int64_t ts = KernelTime(r->header.timestamp_ns, receivedNs);
-                if (Find(ts, r->pid, QuorCommString(r->comm)) != nullptr) {
+                if (const Process* p = Find(ts, r->pid, QuorCommString(r->comm))) {
                     writer_->Instant(
-                        ts, r->pid, "cgroup",
+                        std::max(ts, p->beginTs), r->pid, "cgroup",
                         TraceArgs().Add("tid", r->tid).Add("cgroup", QuorFieldString(r->cgroup)));
                 }
                 return;
@@ -226,8 +251,8 @@ void TraceModel::OnRecord(uint32_t type, const uint8_t* data, size_t length, int
         case QUOR_EVENT_FD_UPDATE:
             if (QuorFdUpdateView r{data, length}) {
                 const int64_t ts = KernelTime(r->header.timestamp_ns, receivedNs);
-                if (Find(ts, r->pid, "") != nullptr) {
-                    writer_->Instant(ts, r->pid, "descriptors",
+                if (const Process* p = Find(ts, r->pid, "")) {
+                    writer_->Instant(std::max(ts, p->beginTs), r->pid, "descriptors",
                                      TraceArgs()
                                          .Add("fd", r->fd)
                                          .Add("open_fds", static_cast<int64_t>(r->open_fds)));
@@ -238,9 +263,9 @@ void TraceModel::OnRecord(uint32_t type, const uint8_t* data, size_t length, int
         case QUOR_EVENT_DMABUF_UPDATE:
             if (QuorDmabufUpdateView r{data, length}) {
                 const int64_t ts = KernelTime(r->header.timestamp_ns, receivedNs);
-                if (Find(ts, r->pid, "") != nullptr) {
+                if (const Process* p = Find(ts, r->pid, "")) {
                     writer_->Instant(
-                        ts, r->pid,
+                        std::max(ts, p->beginTs), r->pid,
                         r->action == QUOR_DMABUF_RELEASE ? "dmabuf release" : "dmabuf setup",
                         TraceArgs()
                             .Add("inode", static_cast<int64_t>(r->inode))
@@ -294,7 +319,11 @@ void TraceModel::Finish(int64_t nowNs) {
     std::vector<int32_t> pids;
     for (const auto& entry : processes_) pids.push_back(entry.first);
     std::sort(pids.begin(), pids.end());
-    for (const int32_t pid : pids) writer_->End(nowNs, pid, TraceArgs().Add("running", 1));
+    for (const int32_t pid : pids) {
+        Process& process = processes_[pid];
+        FlushMemory(pid, &process);
+        writer_->End(std::max(nowNs, process.beginTs), pid, TraceArgs().Add("running", 1));
+    }
     processes_.clear();
 }
 

@@ -25,6 +25,7 @@
 // Not thread-safe: one owner (the caller serialises).
 #pragma once
 
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -51,6 +52,11 @@ class TraceModel {
 public:
     // Bounds the exited-pid memory that keeps late records from reviving a process.
     static constexpr size_t kMaxEnded = 65536;
+    // A busy process changes its memory counters thousands of times a
+    // second. Per process and window the trace keeps the first and the last
+    // value (each at its own time), which bounds the file and still shows
+    // the curve at a resolution the viewers draw.
+    static constexpr int64_t kMemoryWindowNs = 20 * 1000 * 1000;
 
     // `commOf` names a process met in a record without a name ("" if unknown).
     TraceModel(TraceWriter* writer, std::function<std::string(int32_t pid)> commOf);
@@ -73,6 +79,10 @@ private:
         int64_t memory[4] = {0, 0, 0, 0};  // indexed by enum quor_rss_member
         int64_t dmabuf = 0;
         int32_t sortIndex = 0;
+        int64_t beginTs = 0;           // nothing of it is drawn before its slice begins
+        int64_t windowTs = INT64_MIN;  // when the last memory window opened
+        int64_t pendingTs = -1;        // the window's latest value, not yet written
+        int64_t pending[4] = {0, 0, 0, 0};
     };
 
     Process* Start(int64_t ts, int32_t pid, int32_t ppid, const std::string& comm,
@@ -83,6 +93,8 @@ private:
     void Rename(int64_t ts, int32_t pid, Process* process, const std::string& comm);
     void SetThreads(int64_t ts, int32_t pid, Process* process, int32_t threads);
     void SetMemory(int64_t ts, int32_t pid, Process* process, const int64_t (&memory)[4]);
+    void WriteMemory(int64_t ts, int32_t pid, const int64_t (&memory)[4]);
+    void FlushMemory(int32_t pid, Process* process);
     int32_t SortIndexFor(int32_t pid, int32_t ppid);
     int64_t KernelTime(uint64_t timestampNs, int64_t receivedNs);
 
