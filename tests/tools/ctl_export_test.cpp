@@ -98,9 +98,10 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
     };
     Feed(Fork(2000, 100, 200, "sh", QUOR_TASK_KIND_PROCESS), feed);
     Feed(Fork(2500, 0, 200, "sh", QUOR_TASK_KIND_THREAD), feed);
+    // One memory window: only its last value is written, at its own time.
     Feed(Rss(3000, 200, QUOR_RSS_ANON, 1 << 20), feed);
-    Feed(Rss(3100, 200, QUOR_RSS_ANON, 3 << 19), feed);  // same window: only the last
-    Feed(Rss(3200, 200, QUOR_RSS_ANON, 7 << 18), feed);  // is kept, at its own time
+    Feed(Rss(3100, 200, QUOR_RSS_ANON, 3 << 19), feed);
+    Feed(Rss(3200, 200, QUOR_RSS_ANON, 7 << 18), feed);
     Feed(Exit(4000, 200, "worker", QUOR_TASK_KIND_PROCESS), feed);
     Feed(Rss(4500, 200, QUOR_RSS_ANON, 2 << 20), feed);  // late: ignored
     Feed(Rss(5000, 300, QUOR_RSS_FILE, 8192), feed);     // unknown: starts its track
@@ -116,21 +117,19 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
     EXPECT_EQ(text.substr(text.size() - 4), "\n]}\n");
     EXPECT_EQ(model.undecodable(), 1u);
     EXPECT_EQ(Lines(text, "\"pid\":200,"),
-              "{\"ph\":\"M\",\"ts\":2.000,\"pid\":200,\"tid\":200,\"name\":\"process_name\","
+              "{\"ph\":\"M\",\"ts\":2.000,\"pid\":200,\"name\":\"process_name\","
               "\"args\":{\"name\":\"sh\"}},\n"
-              "{\"ph\":\"M\",\"ts\":2.000,\"pid\":200,\"tid\":200,\"name\":\"process_sort_index\","
+              "{\"ph\":\"M\",\"ts\":2.000,\"pid\":200,\"name\":\"process_sort_index\","
               "\"args\":{\"sort_index\":1}},\n"
-              "{\"ph\":\"M\",\"ts\":2.000,\"pid\":200,\"tid\":200,\"name\":\"process_labels\","
+              "{\"ph\":\"M\",\"ts\":2.000,\"pid\":200,\"name\":\"process_labels\","
               "\"args\":{\"labels\":\"parent: sh 100\"}},\n"
               "{\"ph\":\"B\",\"ts\":2.000,\"pid\":200,\"tid\":200,\"name\":\"sh\","
-              "\"args\":{\"ppid\":100,\"origin\":\"fork\"}},\n"
+              "\"args\":{\"ppid\":100}},\n"
               "{\"ph\":\"C\",\"ts\":2.000,\"pid\":200,\"tid\":200,\"name\":\"threads\","
               "\"args\":{\"value\":1}},\n"
               "{\"ph\":\"C\",\"ts\":2.500,\"pid\":200,\"tid\":200,\"name\":\"threads\","
               "\"args\":{\"value\":2}},\n"
-              "{\"ph\":\"C\",\"ts\":3.000,\"pid\":200,\"tid\":200,\"name\":\"memory\","
-              "\"args\":{\"anon\":1048576,\"file\":0,\"swap\":0,\"shmem\":0}},\n"
-              "{\"ph\":\"M\",\"ts\":4.000,\"pid\":200,\"tid\":200,\"name\":\"process_name\","
+              "{\"ph\":\"M\",\"ts\":4.000,\"pid\":200,\"name\":\"process_name\","
               "\"args\":{\"name\":\"worker\"}},\n"
               "{\"ph\":\"C\",\"ts\":3.200,\"pid\":200,\"tid\":200,\"name\":\"memory\","
               "\"args\":{\"anon\":1835008,\"file\":0,\"swap\":0,\"shmem\":0}},\n"
@@ -138,14 +137,14 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
               "\"args\":{\"value\":0}},\n"
               "{\"ph\":\"E\",\"ts\":4.000,\"pid\":200,\"tid\":200},\n");
     // The seeded child shares its parent's group; both slices close at the end.
-    EXPECT_NE(text.find("\"pid\":50,\"tid\":50,\"name\":\"process_sort_index\","
+    EXPECT_NE(text.find("\"pid\":50,\"name\":\"process_sort_index\","
                         "\"args\":{\"sort_index\":1}"),
               std::string::npos);
-    EXPECT_NE(text.find("\"pid\":50,\"tid\":50,\"name\":\"process_labels\","
+    EXPECT_NE(text.find("\"pid\":50,\"name\":\"process_labels\","
                         "\"args\":{\"labels\":\"parent: sh 100\"}"),
               std::string::npos);
     EXPECT_NE(text.find("{\"ph\":\"E\",\"ts\":7.000,\"pid\":100,"), std::string::npos);
-    EXPECT_NE(text.find("\"pid\":300,\"tid\":300,\"name\":\"process_name\","
+    EXPECT_NE(text.find("\"pid\":300,\"name\":\"process_name\","
                         "\"args\":{\"name\":\"fromproc\"}"),
               std::string::npos);
     EXPECT_NE(text.find("{\"ph\":\"E\",\"ts\":7.000,\"pid\":300,"), std::string::npos);

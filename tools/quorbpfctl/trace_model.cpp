@@ -49,8 +49,14 @@ TraceModel::Process* TraceModel::Start(int64_t ts, int32_t pid, int32_t ppid,
         writer_->ProcessLabels(ts, pid,
                                "parent: " + parent->second.comm + " " + std::to_string(ppid));
     }
-    writer_->Begin(ts, pid, comm, TraceArgs().Add("ppid", ppid).Add("origin", origin));
-    writer_->Counter(ts, pid, "threads", TraceArgs().Add("value", process.threads));
+    TraceArgs args;
+    args.Add("ppid", ppid);
+    if (origin != nullptr) args.Add("origin", origin);
+    writer_->Begin(ts, pid, comm, args);
+    if (process.threads > 1) {
+        writer_->Counter(ts, pid, "threads", TraceArgs().Add("value", process.threads));
+        process.threadTrack = true;
+    }
     return &process;
 }
 
@@ -66,7 +72,7 @@ void TraceModel::End(int64_t ts, int32_t pid) {
     if (it == processes_.end()) return;
     FlushMemory(pid, &it->second);
     ts = std::max(ts, it->second.beginTs);
-    writer_->Counter(ts, pid, "threads", TraceArgs().Add("value", 0));
+    if (it->second.threadTrack) writer_->Counter(ts, pid, "threads", TraceArgs().Add("value", 0));
     writer_->End(ts, pid, TraceArgs());
     processes_.erase(it);
     if (ended_.size() >= kMaxEnded) ended_.clear();
@@ -82,6 +88,13 @@ void TraceModel::Rename(int64_t ts, int32_t pid, Process* process, const std::st
 void TraceModel::SetThreads(int64_t ts, int32_t pid, Process* process, int32_t threads) {
     threads = std::max(threads, 1);
     if (threads == process->threads) return;
+    // A single-threaded process (most of a fork storm) has no threads track;
+    // the track of one that starts threads begins with its slice.
+    if (!process->threadTrack) {
+        writer_->Counter(process->beginTs, pid, "threads",
+                         TraceArgs().Add("value", process->threads));
+        process->threadTrack = true;
+    }
     process->threads = threads;
     writer_->Counter(std::max(ts, process->beginTs), pid, "threads",
                      TraceArgs().Add("value", threads));
@@ -106,14 +119,12 @@ void TraceModel::SetMemory(int64_t ts, int32_t pid, Process* process, const int6
     if (std::equal(memory, memory + 4, process->memory)) return;
     std::copy(memory, memory + 4, process->memory);
     ts = std::max(ts, process->beginTs);
-    if (process->windowTs != INT64_MIN && ts - process->windowTs < kMemoryWindowNs) {
-        std::copy(memory, memory + 4, process->pending);
-        process->pendingTs = ts;
-        return;
+    if (process->windowTs == INT64_MIN || ts - process->windowTs >= kMemoryWindowNs) {
+        FlushMemory(pid, process);
+        process->windowTs = ts;
     }
-    FlushMemory(pid, process);
-    WriteMemory(ts, pid, memory);
-    process->windowTs = ts;
+    std::copy(memory, memory + 4, process->pending);
+    process->pendingTs = ts;
 }
 
 void TraceModel::Seed(const std::vector<TraceProcess>& processes, int64_t nowNs) {
@@ -147,6 +158,7 @@ void TraceModel::Seed(const std::vector<TraceProcess>& processes, int64_t nowNs)
         memory[QUOR_RSS_SWAP] = p->swap;
         memory[QUOR_RSS_SHMEM] = p->shmem;
         SetMemory(nowNs, p->pid, started, memory);
+        FlushMemory(p->pid, started);
     }
 }
 
@@ -205,7 +217,7 @@ void TraceModel::OnRecord(uint32_t type, const uint8_t* data, size_t length, int
                     // A pid met again: its exit was lost, or it was recycled.
                     End(ts, r->pid);
                     ended_.erase(r->pid);
-                    Start(ts, r->pid, r->ppid, QuorCommString(r->comm), "fork");
+                    Start(ts, r->pid, r->ppid, QuorCommString(r->comm), nullptr);
                 }
                 return;
             }

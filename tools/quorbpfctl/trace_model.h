@@ -3,7 +3,8 @@
 // Each process gets its own track: named from its comm (named again when a
 // record brings a new one), listed beside its parent (processes of one tree
 // share a sort index, and a child is labelled with its parent), with one
-// slice from its start to its exit, a "threads" counter, a "memory" counter
+// slice from its start to its exit, a "threads" counter (for a process that
+// has more than one thread at some point), a "memory" counter
 // (anon, file, swap, shmem, bytes), a "dmabuf" counter (bytes held) and
 // instant events for cgroup moves, descriptor-count crossings and dmabuf
 // buffers set up or released.
@@ -53,9 +54,9 @@ public:
     // Bounds the exited-pid memory that keeps late records from reviving a process.
     static constexpr size_t kMaxEnded = 65536;
     // A busy process changes its memory counters thousands of times a
-    // second. Per process and window the trace keeps the first and the last
-    // value (each at its own time), which bounds the file and still shows
-    // the curve at a resolution the viewers draw.
+    // second. Per process and window the trace keeps the last value (at its
+    // own time), which bounds the file and still shows the curve at a
+    // resolution the viewers draw.
     static constexpr int64_t kMemoryWindowNs = 20 * 1000 * 1000;
 
     // `commOf` names a process met in a record without a name ("" if unknown).
@@ -81,10 +82,12 @@ private:
         int32_t sortIndex = 0;
         int64_t beginTs = 0;           // nothing of it is drawn before its slice begins
         int64_t windowTs = INT64_MIN;  // when the last memory window opened
+        bool threadTrack = false;      // a threads counter was written
         int64_t pendingTs = -1;        // the window's latest value, not yet written
         int64_t pending[4] = {0, 0, 0, 0};
     };
 
+    // `origin`: how it was found; nullptr for a fork.
     Process* Start(int64_t ts, int32_t pid, int32_t ppid, const std::string& comm,
                    const char* origin, int32_t threads = 1);
     // The process, started here when it is new; nullptr when it has exited.

@@ -59,8 +59,9 @@ void TraceWriter::Write(const char* phase, int64_t tsNs, int32_t pid, const std:
     std::string line = events_ == 0 ? "" : ",\n";
     line += "{\"ph\":\"";
     line += phase;
-    line += "\",\"ts\":" + Micros(tsNs) + ",\"pid\":" + std::to_string(pid) +
-            ",\"tid\":" + std::to_string(pid);
+    line += "\",\"ts\":" + Micros(tsNs) + ",\"pid\":" + std::to_string(pid);
+    // Metadata belongs to the process; everything else to its main thread.
+    if (phase[0] != 'M') line += ",\"tid\":" + std::to_string(pid);
     if (!name.empty()) line += ",\"name\":" + JsonQuote(name);
     if (phase[0] == 'i') line += ",\"s\":\"t\"";
     if (!args.empty()) line += ",\"args\":{" + args + "}";

@@ -11,7 +11,8 @@
 //
 // Times are CLOCK_MONOTONIC nanoseconds; the format's unit is the
 // microsecond, written with three decimals so that no ordering is lost.
-// Every event sits on the process's main-thread track (tid = pid). Text is
+// Every event but the metadata sits on the process's main-thread track
+// (tid = pid). Text is
 // escaped so that any byte sequence (a hostile process name) stays valid
 // JSON. Not thread-safe: one owner.
 #pragma once
