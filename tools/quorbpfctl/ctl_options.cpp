@@ -220,6 +220,13 @@ int ParseCtlArguments(const std::vector<std::string>& args, CtlOptions* options,
                 return kExitUsage;
             }
             options->durationS = static_cast<int>(number);
+        } else if (command == CtlCommand::kRecord && name == "--max-size") {
+            if (!takeValue()) return kExitUsage;
+            if (!ParseInt(value, 1, 1 << 20, &number)) {
+                *error = "--max-size needs MiB from 1 to 1048576, got '" + value + "'";
+                return kExitUsage;
+            }
+            options->maxSizeMiB = static_cast<uint64_t>(number);
         } else if (command == CtlCommand::kRecord && (name == "-o" || name == "--output")) {
             if (!takeValue()) return kExitUsage;
             options->outputPath = value;
@@ -360,7 +367,7 @@ std::string UsageText(CtlCommand command) {
             break;
         case CtlCommand::kRecord:
             text =
-                "usage: quorbpfctl record [TYPE...] [--duration S] [-o FILE]\n"
+                "usage: quorbpfctl record [TYPE...] [--duration S] [-o FILE] [--max-size MIB]\n"
                 "\n"
                 "Records the given event types (all when none is given) into a trace in\n"
                 "the JSON trace-event format, which Perfetto's UI (ui.perfetto.dev) and\n"
@@ -374,6 +381,9 @@ std::string UsageText(CtlCommand command) {
                 "  TYPE               as for watch: a number or a name, comma-separated\n"
                 "  --duration S       stop after S seconds (default: at Ctrl-C)\n"
                 "  -o, --output FILE  the trace file (default quorbpf-trace.json)\n"
+                "  --max-size MIB     stop when the file reaches this size (default 256,\n"
+                "                     which browsers still open; a minute of a fork storm\n"
+                "                     at 3000 forks/s is about 110)\n"
                 "\n"
                 "examples:\n"
                 "  quorbpfctl record --duration 60 -o /tmp/boot.json\n"

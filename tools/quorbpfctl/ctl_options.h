@@ -54,6 +54,7 @@ struct CtlOptions {
     // record (and `types` above)
     int durationS = 0;  // 0: until Ctrl-C
     std::string outputPath;
+    uint64_t maxSizeMiB = 256;  // the recording stops there
 
     // exporter
     std::string listen = "127.0.0.1:9469";

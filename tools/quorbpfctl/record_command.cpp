@@ -147,7 +147,9 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
     const int64_t start = MonotonicNs();
     const int64_t end = options.durationS > 0 ? start + options.durationS * 1000000000LL : 0;
     int64_t nextReport = start;
+    const uint64_t maxBytes = options.maxSizeMiB << 20;
     bool failed = false;
+    bool full = false;
     const auto report = [&](const char* ending) {
         std::lock_guard<std::mutex> lock(mutex);
         fprintf(err, "%squorbpfctl record: %.0f s, %llu events, %.1f MiB, %llu dropped%s",
@@ -155,10 +157,9 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
                 static_cast<unsigned long long>(model.records()), writer.bytes() / 1048576.0,
                 static_cast<unsigned long long>(model.undecodable() + earlyDropped), ending);
         fflush(err);
-        failed = writer.failed();
     };
     const timespec tick = {0, 100 * 1000 * 1000};
-    while (!failed) {
+    while (!failed && !full) {
         const int64_t now = MonotonicNs();
         if (end != 0 && now >= end) break;
         if (now >= nextReport) {
@@ -167,10 +168,17 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
             nextReport = now + (terminal ? 1000000000LL : 10000000000LL);
         }
         if (sigtimedwait(&stop, nullptr, &tick) > 0) break;
+        std::lock_guard<std::mutex> lock(mutex);
+        failed = writer.failed();
+        full = writer.bytes() >= maxBytes;
     }
     stopping.store(true);
     client.disconnect();
     report("\n");
+    if (full) {
+        fprintf(err, "quorbpfctl: stopped at --max-size %llu MiB\n",
+                static_cast<unsigned long long>(options.maxSizeMiB));
+    }
     bool ok = false;
     {
         std::lock_guard<std::mutex> lock(mutex);
