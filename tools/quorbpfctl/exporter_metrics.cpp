@@ -1,28 +1,16 @@
 #include "tools/quorbpfctl/exporter_metrics.h"
 
 #include <algorithm>
-#include <fstream>
 #include <vector>
 
 #include "quor/quorbpf_event_views.h"
+#include "tools/quorbpfctl/comm_cache.h"
 #include "tools/quorbpfctl/ctl_options.h"
 #include "tools/quorbpfctl/prometheus_text.h"
 
 namespace Quor {
 namespace Bpf {
 namespace Ctl {
-
-namespace {
-
-// The name now: a process renamed by exec or prctl tells no one.
-std::string CurrentComm(int32_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
-    std::string comm;
-    if (in) std::getline(in, comm);
-    return comm;
-}
-
-}  // namespace
 
 ExporterMetrics::ExporterMetrics(std::function<std::string(int32_t)> commOf)
     : commOf_(std::move(commOf)) {
@@ -169,6 +157,7 @@ std::string ExporterMetrics::Render(size_t top) {
                       [](const auto& a, const auto& b) {
                           return a.first != b.first ? a.first > b.first : a.second < b.second;
                       });
+    // An exec or prctl renames a process and tells no one.
     for (size_t i = 0; i < shown; ++i) {
         const std::string comm = CurrentComm(bySize[i].second);
         if (!comm.empty()) processes_[bySize[i].second].comm = comm;

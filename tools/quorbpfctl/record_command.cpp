@@ -80,8 +80,7 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
 
     std::mutex mutex;  // the writer and the model: client thread and this one
     TraceWriter writer(file);
-    CommCache comms;
-    TraceModel model(&writer, [&comms](int32_t pid) { return comms.Lookup(pid); });
+    TraceModel model(&writer, [](int32_t pid) { return CurrentComm(pid); });
     std::atomic<uint64_t> losses{0};
     // Until the seed is written, records wait here, so that the trace opens
     // with what was running and the records since follow it.

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
@@ -35,14 +34,6 @@ int64_t EpochMs() {
     timespec ts = {};
     clock_gettime(CLOCK_REALTIME, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-// The current name from procfs, "" when the process is gone.
-std::string CurrentComm(int32_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
-    std::string comm;
-    if (in) std::getline(in, comm);
-    return comm;
 }
 
 void WriteAll(const std::string& text) {

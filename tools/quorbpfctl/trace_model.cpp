@@ -41,6 +41,7 @@ TraceModel::Process* TraceModel::Start(int64_t ts, int32_t pid, int32_t ppid,
     process.comm = comm;
     process.threads = std::max(threads, 1);
     process.beginTs = ts;
+    process.commCheckedTs = ts;
     process.sortIndex = SortIndexFor(pid, ppid);
     writer_->ProcessName(ts, pid, comm.empty() ? "pid " + std::to_string(pid) : comm);
     writer_->ProcessSortIndex(ts, pid, process.sortIndex);
@@ -122,6 +123,11 @@ void TraceModel::SetMemory(int64_t ts, int32_t pid, Process* process, const int6
     if (process->windowTs == INT64_MIN || ts - process->windowTs >= kMemoryWindowNs) {
         FlushMemory(pid, process);
         process->windowTs = ts;
+        if (ts - process->beginTs >= kCommMinAgeNs &&
+            ts - process->commCheckedTs >= kCommRecheckNs) {
+            process->commCheckedTs = ts;
+            Rename(ts, pid, process, commOf_(pid));
+        }
     }
     std::copy(memory, memory + 4, process->pending);
     process->pendingTs = ts;

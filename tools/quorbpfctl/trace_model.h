@@ -59,7 +59,14 @@ public:
     // resolution the viewers draw.
     static constexpr int64_t kMemoryWindowNs = 20 * 1000 * 1000;
 
-    // `commOf` names a process met in a record without a name ("" if unknown).
+    // An exec renames a process without a record that says so: a process
+    // whose memory moves is asked its name again at most this often, once it
+    // has lived kCommMinAgeNs (so a fork storm's children are never asked).
+    static constexpr int64_t kCommRecheckNs = 1000 * 1000 * 1000;
+    static constexpr int64_t kCommMinAgeNs = 100 * 1000 * 1000;
+
+    // `commOf` names a process now ("" if unknown): one met in a record
+    // without a name, and one asked again.
     TraceModel(TraceWriter* writer, std::function<std::string(int32_t pid)> commOf);
 
     // Processes running when the recording began; those already met are skipped.
@@ -83,6 +90,7 @@ private:
         int64_t beginTs = 0;           // nothing of it is drawn before its slice begins
         int64_t windowTs = INT64_MIN;  // when the last memory window opened
         bool threadTrack = false;      // a threads counter was written
+        int64_t commCheckedTs = 0;     // when its name was last asked
         int64_t pendingTs = -1;        // the window's latest value, not yet written
         int64_t pending[4] = {0, 0, 0, 0};
     };
