@@ -27,7 +27,8 @@ const char* const kCommonHelp =
 
 const char* const kExitHelp =
     "exit codes:\n"
-    "  0  done (watch and top: stopped by Ctrl-C, q or --count)\n"
+    "  0  done (watch, top, record, exporter: stopped by Ctrl-C, q, --count or\n"
+    "     --duration)\n"
     "  1  other failure\n"
     "  2  bad arguments or unknown event type\n"
     "  3  service not running (no daemon, socket not answering)\n"
