@@ -209,6 +209,9 @@ TEST(ExporterMetricsTest, CountsEachLifeOnceAndBoundsThePerProcessSeries) {
               Lines(text, "quorbpf_process_threads{pid=\"4194421\"").size() +
                   Lines(text, "quorbpf_process_threads{pid=\"4194404\"").size());
     EXPECT_EQ(Lines(metrics.Render(0), "pid=").size(), 0u);
+    metrics.Prune([](int32_t pid) { return pid != kBase; });
+    EXPECT_NE(metrics.Render(0).find("quorbpf_processes 5\n"), std::string::npos);
+    EXPECT_NE(metrics.Render(0).find("quorbpf_processes_ended_total 1\n"), std::string::npos);
 }
 
 TEST(ExporterPlumbingTest, ListenAddressesAndTheAtomicTextfile) {

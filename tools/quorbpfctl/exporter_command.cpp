@@ -23,6 +23,10 @@ namespace {
 
 constexpr int kReconnectIntervalMs = 1000;
 
+bool Alive(int32_t pid) {
+    return kill(pid, 0) == 0 || errno != ESRCH;
+}
+
 }  // namespace
 
 bool WriteFileAtomically(const std::string& dir, const std::string& name, const std::string& text,
@@ -93,10 +97,13 @@ int RunExporterCommand(const CtlOptions& options, FILE* err) {
     }
 
     const size_t top = static_cast<size_t>(options.topN);
+    const auto render = [&metrics, top] {
+        metrics.Prune(Alive);
+        return metrics.Render(top);
+    };
     MetricsHttpServer server;
     if (options.textfileDir.empty()) {
-        if (!server.Start(
-                options.listen, [&metrics, top] { return metrics.Render(top); }, &error)) {
+        if (!server.Start(options.listen, render, &error)) {
             fprintf(err, "quorbpfctl: %s\n", error.c_str());
             client.disconnect();
             return kExitFailure;
@@ -111,8 +118,7 @@ int RunExporterCommand(const CtlOptions& options, FILE* err) {
     timespec wait = {options.textfileDir.empty() ? 3600 : options.intervalS, 0};
     for (;;) {
         if (!options.textfileDir.empty()) {
-            if (!WriteFileAtomically(options.textfileDir, kTextfileName, metrics.Render(top),
-                                     &error)) {
+            if (!WriteFileAtomically(options.textfileDir, kTextfileName, render(), &error)) {
                 fprintf(err, "quorbpfctl: %s\n", error.c_str());
                 rc = kExitFailure;
                 break;

@@ -38,6 +38,13 @@ void ExporterMetrics::OnConnection(bool connected) {
     connected_ = connected;
 }
 
+void ExporterMetrics::Prune(const std::function<bool(int32_t)>& alive) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = processes_.begin(); it != processes_.end();) {
+        it = alive(it->first) ? std::next(it) : processes_.erase(it);
+    }
+}
+
 ExporterMetrics::Process* ExporterMetrics::Find(int32_t pid) {
     if (pid <= 0 || ended_.count(pid) != 0) return nullptr;
     const auto it = processes_.find(pid);

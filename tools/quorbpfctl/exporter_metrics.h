@@ -43,6 +43,10 @@ public:
     void OnRecord(uint32_t type, const uint8_t* data, size_t length);
     // Every lost connection that comes back is a reconnect.
     void OnConnection(bool connected);
+    // Forgets the processes for which `alive` says no: an exit record lost to
+    // a full ring buffer must not keep a process in the metrics for good.
+    // Not counted as ended.
+    void Prune(const std::function<bool(int32_t pid)>& alive);
     // The metrics text; per-process series for the `top` largest by resident
     // memory, named as procfs names them now.
     std::string Render(size_t top);
