@@ -41,7 +41,7 @@ TraceModel::Process* TraceModel::Start(int64_t ts, int32_t pid, int32_t ppid,
     process.comm = comm;
     process.threads = std::max(threads, 1);
     process.beginTs = ts;
-    process.commCheckedTs = ts;
+    process.commCheckedTs = ts - kCommRecheckNs;  // asked first once it is old enough
     process.sortIndex = SortIndexFor(pid, ppid);
     writer_->ProcessName(ts, pid, comm.empty() ? "pid " + std::to_string(pid) : comm);
     writer_->ProcessSortIndex(ts, pid, process.sortIndex);
