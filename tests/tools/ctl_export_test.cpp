@@ -185,6 +185,9 @@ TEST(ExporterMetricsTest, CountsEachLifeOnceAndBoundsThePerProcessSeries) {
     Feed(Rss(5, kBase + 21, QUOR_RSS_ANON, 1 << 29), feed);  // unknown: known from here on
     const uint8_t junk[3] = {1, 2, 3};
     metrics.OnRecord(QUOR_EVENT_FD_UPDATE, junk, sizeof(junk));
+    const quor_rss_record mislabelled = Rss(6, kBase + 21, QUOR_RSS_FILE, 1);
+    metrics.OnRecord(QUOR_EVENT_TASK_CREATE, reinterpret_cast<const uint8_t*>(&mislabelled),
+                     sizeof(mislabelled));
     metrics.OnConnection(false);
     metrics.OnConnection(true);
 
@@ -199,7 +202,7 @@ TEST(ExporterMetricsTest, CountsEachLifeOnceAndBoundsThePerProcessSeries) {
              "\"anon\"} "
              "536870912\n",
              "quorbpf_process_threads{pid=\"4194404\",comm=\"seed4\"} 3\n",
-             "quorbpf_exporter_dropped_records_total 1\n",
+             "quorbpf_exporter_dropped_records_total 2\n",
              "quorbpf_exporter_reconnects_total 1\n",
              "# TYPE quorbpf_processes_started_total counter\n",
          }) {

@@ -1,6 +1,7 @@
 #include "tools/quorbpfctl/exporter_metrics.h"
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 #include "quor/quorbpf_event_views.h"
@@ -71,6 +72,13 @@ void ExporterMetrics::Ended(int32_t pid) {
 
 void ExporterMetrics::OnRecord(uint32_t type, const uint8_t* data, size_t length) {
     std::lock_guard<std::mutex> lock(mutex_);
+    // The views check the record's own type; it must also be the one it came as.
+    uint32_t ownType = 0;
+    if (data != nullptr && length >= sizeof(ownType)) memcpy(&ownType, data, sizeof(ownType));
+    if (ownType != type) {
+        ++dropped_;
+        return;
+    }
     bool decoded = true;
     if (QuorTaskInitView r{data, length}) {
         if (r->pid > 0 && processes_.count(r->pid) == 0) {
