@@ -384,7 +384,7 @@ std::string UsageText(CtlCommand command) {
                 "  -o, --output FILE  the trace file (default quorbpf-trace.json)\n"
                 "  --max-size MIB     stop when the file reaches this size (default 256,\n"
                 "                     which browsers still open; a minute of a fork storm\n"
-                "                     at 3000 forks/s is about 110)\n"
+                "                     at 3600 forks/s is about 120)\n"
                 "\n"
                 "examples:\n"
                 "  quorbpfctl record --duration 60 -o /tmp/boot.json\n"
