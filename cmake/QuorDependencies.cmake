@@ -2,6 +2,7 @@
 #   android::base, android::log, android::cutils  (android-lib*-dev)
 #   quor::libbpf                                  (libbpf-dev)
 #   quor::bcc_bpf                                 (libbpfcc-dev, BCC's libbpf layer)
+#   quor::microhttpd                              (libmicrohttpd-dev, quorbpfctl exporter)
 # A missing library stops the configure step with the package to install.
 
 set(QUOR_ANDROID_LIBDIR /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)
@@ -25,5 +26,6 @@ endforeach()
 
 quor_import_library(quor::libbpf bpf "" libbpf-dev)
 quor_import_library(quor::bcc_bpf bcc_bpf "" libbpfcc-dev)
+quor_import_library(quor::microhttpd microhttpd "" libmicrohttpd-dev)
 
 find_package(Threads REQUIRED)

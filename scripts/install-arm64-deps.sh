@@ -32,7 +32,7 @@ LIBS="
   libc6:arm64 linux-libc-dev:arm64
   android-libbase-dev:arm64 android-liblog-dev:arm64 android-libcutils-dev:arm64
   libbpf-dev:arm64 libelf-dev:arm64 zlib1g-dev:arm64
-  libgtest-dev:arm64
+  libgtest-dev:arm64 libmicrohttpd-dev:arm64
 "
 
 SUDO=""

@@ -11,7 +11,8 @@ PACKAGES="
   libbpf-dev libbpfcc-dev libelf-dev zlib1g-dev linux-libc-dev
   android-libbase-dev android-liblog-dev android-libcutils-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  util-linux iproute2 procps tmux clang-format python3
+  libmicrohttpd-dev
+  util-linux iproute2 procps tmux clang-format python3 python3-prometheus-client
 "
 
 missing=""
@@ -30,7 +31,9 @@ if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 
 echo "install-deps: installing:$missing"
 export DEBIAN_FRONTEND=noninteractive
-if ! $SUDO apt-get install -y --no-install-recommends $missing; then
-  $SUDO apt-get update
-  $SUDO apt-get install -y --no-install-recommends $missing
+# Other builds on the machine may hold dpkg's lock: wait for it.
+APT="apt-get -o DPkg::Lock::Timeout=600"
+if ! $SUDO $APT install -y --no-install-recommends $missing; then
+  $SUDO $APT update
+  $SUDO $APT install -y --no-install-recommends $missing
 fi

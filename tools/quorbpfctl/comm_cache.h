@@ -17,6 +17,9 @@ namespace Quor {
 namespace Bpf {
 namespace Ctl {
 
+// The name <procRoot>/<pid>/comm gives now; "" when the process is gone.
+std::string CurrentComm(int32_t pid, const std::string& procRoot = "/proc");
+
 class CommCache {
 public:
     static constexpr size_t kMaxEntries = 65536;

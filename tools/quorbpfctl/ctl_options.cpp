@@ -31,7 +31,8 @@ const std::string kCommonHelp =
 
 const char* const kExitHelp =
     "exit codes:\n"
-    "  0  done (watch and top: stopped by Ctrl-C, q or --count)\n"
+    "  0  done (watch, top, record, exporter: stopped by Ctrl-C, q, --count or\n"
+    "     --duration)\n"
     "  1  other failure\n"
     "  2  bad arguments or unknown event type\n"
     "  3  service not running (no daemon, socket not answering)\n"
@@ -76,6 +77,8 @@ CtlCommand CommandByName(const std::string& name) {
     if (name == "tasks") return CtlCommand::kTasks;
     if (name == "stats") return CtlCommand::kStats;
     if (name == "top") return CtlCommand::kTop;
+    if (name == "record") return CtlCommand::kRecord;
+    if (name == "exporter") return CtlCommand::kExporter;
     return CtlCommand::kNone;
 }
 
@@ -171,6 +174,17 @@ OptionResult ParseCommonOption(ArgumentCursor* arg, CtlOptions* options) {
     return OptionResult::kNotMine;
 }
 
+// An argument that is not an option names event types, comma-separated.
+OptionResult ParseTypeArgument(ArgumentCursor* arg, CtlOptions* options, std::string* error) {
+    if (arg->name().rfind("-", 0) == 0) return OptionResult::kNotMine;
+    for (const std::string& part : SplitCommas(arg->name())) {
+        uint32_t type = 0;
+        if (!ParseEventType(part, &type, error)) return OptionResult::kFailed;
+        options->types.push_back(type);
+    }
+    return OptionResult::kDone;
+}
+
 OptionResult ParseWatchOption(ArgumentCursor* arg, CtlOptions* options, std::string* error) {
     const std::string& name = arg->name();
     int64_t number = 0;
@@ -191,14 +205,46 @@ OptionResult ParseWatchOption(ArgumentCursor* arg, CtlOptions* options, std::str
         options->count = static_cast<uint64_t>(number);
         return OptionResult::kDone;
     }
-    if (name.rfind("-", 0) == 0) return OptionResult::kNotMine;
-    // Anything else names event types.
-    for (const std::string& part : SplitCommas(name)) {
-        uint32_t type = 0;
-        if (!ParseEventType(part, &type, error)) return OptionResult::kFailed;
-        options->types.push_back(type);
+    return ParseTypeArgument(arg, options, error);
+}
+
+OptionResult ParseRecordOption(ArgumentCursor* arg, CtlOptions* options, std::string* error) {
+    const std::string& name = arg->name();
+    int64_t number = 0;
+    if (name == "-o" || name == "--output") return Result(arg->Text(&options->outputPath));
+    if (name == "--duration") {
+        if (!arg->Number(1, 86400, "--duration needs seconds from 1 to 86400", &number))
+            return OptionResult::kFailed;
+        options->durationS = static_cast<int>(number);
+        return OptionResult::kDone;
     }
-    return OptionResult::kDone;
+    if (name == "--max-size") {
+        if (!arg->Number(1, 1 << 20, "--max-size needs MiB from 1 to 1048576", &number))
+            return OptionResult::kFailed;
+        options->maxSizeMiB = static_cast<uint64_t>(number);
+        return OptionResult::kDone;
+    }
+    return ParseTypeArgument(arg, options, error);
+}
+
+OptionResult ParseExporterOption(ArgumentCursor* arg, CtlOptions* options) {
+    const std::string& name = arg->name();
+    int64_t number = 0;
+    if (name == "--listen") return Result(arg->Text(&options->listen));
+    if (name == "--textfile") return Result(arg->Text(&options->textfileDir));
+    if (name == "--top") {
+        if (!arg->Number(0, 10000, "--top needs a number from 0 to 10000", &number))
+            return OptionResult::kFailed;
+        options->topN = static_cast<int>(number);
+        return OptionResult::kDone;
+    }
+    if (name == "--interval") {
+        if (!arg->Number(1, 3600, "--interval needs seconds from 1 to 3600", &number))
+            return OptionResult::kFailed;
+        options->intervalS = static_cast<int>(number);
+        return OptionResult::kDone;
+    }
+    return OptionResult::kNotMine;
 }
 
 OptionResult ParseTasksOption(ArgumentCursor* arg, CtlOptions* options) {
@@ -224,6 +270,10 @@ OptionResult ParseCommandOption(CtlCommand command, ArgumentCursor* arg, CtlOpti
             return ParseTasksOption(arg, options);
         case CtlCommand::kStats:
             return ParseStatsOption(arg, options);
+        case CtlCommand::kRecord:
+            return ParseRecordOption(arg, options, error);
+        case CtlCommand::kExporter:
+            return ParseExporterOption(arg, options);
         case CtlCommand::kTop:
         case CtlCommand::kNone:
             break;
@@ -314,6 +364,9 @@ std::string UsageText(CtlCommand command) {
                 "  tasks             the daemon's task table, largest memory first\n"
                 "  stats             events per second per type; --plot draws an SVG\n"
                 "  top               live view of the largest processes by resident memory\n"
+                "  record [TYPE...]  write the events as a trace for Perfetto's UI or\n"
+                "                    chrome://tracing\n"
+                "  exporter          serve process and event metrics to Prometheus\n"
                 "\n"
                 "quorbpfctl COMMAND --help shows a command's options and examples.\n\n";
             break;
@@ -387,6 +440,53 @@ std::string UsageText(CtlCommand command) {
                 "examples:\n"
                 "  quorbpfctl top\n"
                 "  quorbpfctl top --daemon-pid 1234\n\n";
+            break;
+        case CtlCommand::kRecord:
+            text =
+                "usage: quorbpfctl record [TYPE...] [--duration S] [-o FILE] [--max-size MIB]\n"
+                "\n"
+                "Records the given event types (all when none is given) into a trace in\n"
+                "the JSON trace-event format, which Perfetto's UI (ui.perfetto.dev) and\n"
+                "chrome://tracing open. One track per process, named from its comm and\n"
+                "listed beside its parent, with a slice from its start to its exit and\n"
+                "counters for threads, memory (anon, file, swap, shmem) and dmabuf bytes;\n"
+                "cgroup moves, descriptor-count crossings and dmabuf buffers are instant\n"
+                "events. The processes already running come from the daemon's task table.\n"
+                "Progress goes to stderr; Ctrl-C or the end of --duration closes the file.\n"
+                "\n"
+                "  TYPE               as for watch: a number or a name, comma-separated\n"
+                "  --duration S       stop after S seconds (default: at Ctrl-C)\n"
+                "  -o, --output FILE  the trace file (default quorbpf-trace.json)\n"
+                "  --max-size MIB     stop when the file reaches this size (default 256,\n"
+                "                     which browsers still open; a minute of a fork storm\n"
+                "                     at 3600 forks/s is about 120)\n"
+                "\n"
+                "examples:\n"
+                "  quorbpfctl record --duration 60 -o /tmp/boot.json\n"
+                "  quorbpfctl record sched_task_create,sched_task_exit,kmem_rss_info\n\n";
+            break;
+        case CtlCommand::kExporter:
+            text =
+                "usage: quorbpfctl exporter [--listen ADDR:PORT] [--top N]\n"
+                "                           [--textfile DIR [--interval S]]\n"
+                "\n"
+                "Serves /metrics over HTTP in the Prometheus text format: events by type,\n"
+                "processes started and ended, live processes, threads and memory of the\n"
+                "N largest processes, dmabuf totals, and the exporter's own dropped\n"
+                "records and reconnects. Runs until Ctrl-C.\n"
+                "\n"
+                "  --listen ADDR:PORT where to serve (default 127.0.0.1:9469, loopback\n"
+                "                     only); [::1]:PORT for IPv6, 0.0.0.0:PORT for all\n"
+                "  --top N            label only the N largest processes by resident\n"
+                "                     memory (default 20), so that series stay bounded\n"
+                "  --textfile DIR     instead of serving, write DIR/quorbpf.prom every\n"
+                "                     --interval seconds (default 15), atomically, for\n"
+                "                     node_exporter's textfile collector\n"
+                "\n"
+                "examples:\n"
+                "  quorbpfctl exporter\n"
+                "  curl -s http://127.0.0.1:9469/metrics | grep quorbpf_events_total\n"
+                "  quorbpfctl exporter --textfile /var/lib/node_exporter/textfile\n\n";
             break;
     }
     return text + kCommonHelp + "\n" + kExitHelp;

@@ -22,7 +22,7 @@ constexpr const char* kDefaultPidFile = "/run/quorbpfd.pid";
 constexpr const char* kDefaultDumpDir = "/data/quorlog/stability/quorbpfframework";
 constexpr const char* kDaemonName = "quorbpfd";
 
-enum class CtlCommand { kNone, kWatch, kTasks, kStats, kTop };
+enum class CtlCommand { kNone, kWatch, kTasks, kStats, kTop, kRecord, kExporter };
 
 struct CtlOptions {
     CtlCommand command = CtlCommand::kNone;
@@ -50,6 +50,17 @@ struct CtlOptions {
     // stats
     std::string plotPath;
     bool linear = false;
+
+    // record (and `types` above)
+    int durationS = 0;  // 0: until Ctrl-C
+    std::string outputPath;
+    uint64_t maxSizeMiB = 256;  // the recording stops there
+
+    // exporter
+    std::string listen = "127.0.0.1:9469";
+    int topN = 20;
+    std::string textfileDir;  // set: write files instead of serving
+    int intervalS = 15;       // between textfile writes
 };
 
 // kExitOk, or kExitUsage with `error` set.

@@ -8,6 +8,8 @@
 
 #include "tools/quorbpfctl/ctl_exit_codes.h"
 #include "tools/quorbpfctl/ctl_options.h"
+#include "tools/quorbpfctl/exporter_command.h"
+#include "tools/quorbpfctl/record_command.h"
 #include "tools/quorbpfctl/stats_command.h"
 #include "tools/quorbpfctl/tasks_command.h"
 #include "tools/quorbpfctl/top_command.h"
@@ -48,6 +50,10 @@ int main(int argc, char** argv) {
             return RunStatsCommand(options, stdout, stderr);
         case CtlCommand::kTop:
             return RunTopCommand(options);
+        case CtlCommand::kRecord:
+            return RunRecordCommand(options, stderr);
+        case CtlCommand::kExporter:
+            return RunExporterCommand(options, stderr);
         case CtlCommand::kNone:
             break;
     }

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 
 #include "diag/quor_bpf_time.h"
 #include "quor/quor_bpf_records.h"
@@ -34,14 +33,6 @@ constexpr int kReconnectIntervalMs = 1000;
 
 int64_t EpochMs() {
     return RealtimeNs() / 1000000;
-}
-
-// The current name from procfs, "" when the process is gone.
-std::string CurrentComm(int32_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
-    std::string comm;
-    if (in) std::getline(in, comm);
-    return comm;
 }
 
 void WriteAll(const std::string& text) {
