@@ -78,7 +78,6 @@ public:
     // Calls fd's write callback once more after delayMs even if the socket
     // does not become writable (the entry's deadline is replaced).
     bool scheduleWriteRetry(int fd, int delayMs);
-
     bool isRunning() const { return running_.load(); }
     const std::string& name() const { return name_; }
 

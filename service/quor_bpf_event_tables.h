@@ -25,6 +25,14 @@ constexpr const char* RINGBUF_MAP_PATHS[2] = {
 // "1" turns on the main monitor's low-latency reading (see the monitor).
 constexpr const char* QUOR_BPF_LOW_LATENCY_PROPERTY = "persist.sys.quorbpf.low_latency";
 
+// Whether the service produces records of `type`, so that a client may
+// subscribe to it: the kernel record types and the service's own events. A
+// subscription to anything else could never deliver a record.
+constexpr bool IsSubscribableEventType(uint32_t type) {
+    return type <= QUOR_EVENT_KERNEL_MAX ||
+           (type >= QUOR_SERVICE_TASK_NEW && type <= QUOR_SERVICE_RSS_CHANGE);
+}
+
 constexpr const char* RINGBUF_STATUS_PATHS[2] = {
     "/sys/fs/bpf/quor/map_QuorBpfDefineset_ringbuf_status",
     "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_ringbuf_status",

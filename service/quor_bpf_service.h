@@ -113,8 +113,6 @@ public:
     // only; on a device the platform's socket policy decides.
     static constexpr const char* ALLOW_UIDS_PROPERTY = "persist.sys.quorbpf.allow_uids";
     static constexpr const char* ALLOW_GIDS_PROPERTY = "persist.sys.quorbpf.allow_gids";
-    // Distinct event types one client may subscribe to; there are twelve.
-    static constexpr size_t MAX_SUBSCRIPTIONS_PER_CLIENT = 256;
 
     static const BpfProgTable PROG_EVENT_MAP;
     static const BpfProgTable PROG_GPL_EVENT_MAP;

@@ -133,6 +133,60 @@ TEST_F(ServiceClientsTest, SubscribeReceiveUnsubscribeAndUnknownCommand) {
     EXPECT_EQ(got.snapshot().back(), composed);
 }
 
+TEST_F(ServiceClientsTest, OnlyProducedTypesAreSubscribedAndEmptyListsGo) {
+    RawIpcClient raw(kSocket);
+    ASSERT_TRUE(raw.connected());
+    // Pipelined: a batch of subscriptions to types the service never
+    // produces, each followed by its unsubscription; -1 then 0 for each.
+    auto bogus = [&](int32_t first, int32_t count) {
+        constexpr int32_t kBatch = 256;
+        std::string requests;
+        std::string answers;
+        for (int32_t at = 0; at < count; at += kBatch) {
+            requests.clear();
+            const int32_t n = std::min(kBatch, count - at);
+            for (int32_t i = 0; i < n; ++i) {
+                requests += Request(i, 51, first + at + i);
+                requests += Request(i, 52, first + at + i);
+            }
+            if (!raw.send(requests) || !raw.readExact(80 * n, &answers)) return false;
+            for (int32_t i = 0; i < n; ++i) {
+                if (GetU32(answers, 80 * i + 20) != 0xffffffffu || GetU32(answers, 80 * i + 60))
+                    return false;
+            }
+        }
+        return true;
+    };
+    EventManager* events = EventManager::GetInstance();
+    ASSERT_TRUE(WaitFor([&] { return events->CountIndexEntries() == 0; }));
+    ASSERT_TRUE(bogus(-30000, 20000));  // warms the allocator
+    const size_t before = ResidentBytes();
+    const auto started = std::chrono::steady_clock::now();
+    const int32_t kHigh = static_cast<int32_t>(Scaled(500000)) - (50001 - 8) - 1000;
+    ASSERT_TRUE(bogus(8, 50001 - 8));
+    ASSERT_TRUE(bogus(50005, kHigh));
+    ASSERT_TRUE(bogus(-1000, 1000));
+    const size_t after = ResidentBytes();
+    printf("%d bogus requests in %lld ms; resident %zu KB before, %zu KB after\n",
+           2 * (50001 - 8 + kHigh + 1000),
+           static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      std::chrono::steady_clock::now() - started)
+                                      .count()),
+           before / 1024, after / 1024);
+    EXPECT_LT(after, before + (1 << 20));
+    EXPECT_EQ(events->CountIndexEntries(), 0u);
+
+    // Every produced type is accepted; unsubscribing and closing leave no
+    // empty list behind.
+    for (const int32_t type : kAllTypes) ASSERT_EQ(RawAsk(&raw, 1, 51, type), 0) << type;
+    EXPECT_EQ(events->CountIndexEntries(), 13u);
+    for (const int32_t type : kAllTypes) ASSERT_EQ(RawAsk(&raw, 2, 52, type), 0) << type;
+    EXPECT_EQ(events->CountIndexEntries(), 0u);
+    ASSERT_EQ(RawAsk(&raw, 3, 51, QUOR_SERVICE_RSS_CHANGE), 0);
+    raw.close();
+    EXPECT_TRUE(WaitFor([&] { return events->CountIndexEntries() == 0; }));
+}
+
 TEST_F(ServiceClientsTest, ResponseFrameLayoutAndShortRequestBody) {
     RawIpcClient raw(kSocket);
     ASSERT_TRUE(raw.connected());
