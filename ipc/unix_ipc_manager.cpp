@@ -4,6 +4,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -26,8 +27,12 @@ constexpr int32_t kErrorSendRetriesExhausted = 1;
 constexpr int kEagainBeforeLastTry = 10;
 // ...which comes this much later.
 constexpr int kLastTryDelayMs = 1000;
-// Refused connections are reported at most this often.
-constexpr int64_t kRefusalLogIntervalMs = 1000;
+// Buffered bytes shown in a hex dump a peer provoked.
+constexpr int64_t kPeerHexDumpBytes = 256;
+
+unsigned long long Held(uint64_t heldBack) {
+    return static_cast<unsigned long long>(heldBack);
+}
 
 int64_t MonotonicMs() {
     timespec now = {};
@@ -275,18 +280,12 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
 
 void UnixIpcManager::refuseConnection(int fd, const std::string& reason) {
     (void)close(fd);
-    // A process that reconnects in a loop must not flood the log: the same
-    // refusal again within a second is only counted.
-    const int64_t now = MonotonicMs();
-    if (reason == lastRefusal && now - lastRefusalLogMs < kRefusalLogIntervalMs) {
-        ++refusalsUnlogged;
-        return;
-    }
-    QLOGW(name.c_str(), "[UnixIpcManager] Refused client: %s (%zu more refused unlogged)",
-          reason.c_str(), refusalsUnlogged);
-    lastRefusal = reason;
-    lastRefusalLogMs = now;
-    refusalsUnlogged = 0;
+    // A process that reconnects in a loop, or forks one connection after
+    // another, must not flood the log.
+    uint64_t heldBack = 0;
+    if (!peerFaultLog.allow(&heldBack)) return;
+    QLOGW(name.c_str(), "[UnixIpcManager] Refused client: %s (%llu more peer faults not logged)",
+          reason.c_str(), Held(heldBack));
 }
 
 bool UnixIpcManager::releaseConnection(int fd) {
@@ -341,18 +340,27 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
         if (received == -1 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return 0;
     }
     if (full || received == -1) {
+        const int err = errno;
+        uint64_t heldBack = 0;
         if (state->bufferCursor == state->bufferDataCursor) {
-            QLOGE(name.c_str(), "[UnixIpcManager] client readable callback buffer exception!");
+            if (peerFaultLog.allow(&heldBack)) {
+                QLOGE(name.c_str(), "[UnixIpcManager] client readable callback buffer exception!");
+                QLOGE(name.c_str(),
+                      "[UnixIpcManager] client readable cb buffersize: %zd, bufferDataCursor: %zd "
+                      "(%llu more peer faults not logged)",
+                      static_cast<ssize_t>(state->bufferSize),
+                      static_cast<ssize_t>(state->bufferDataCursor), Held(heldBack));
+                QLOGE(name.c_str(), "[UnixIpcManager] client readable buffer hexdump: %s",
+                      ConvertToHexString(state->buffer,
+                                         static_cast<int32_t>(std::min<int64_t>(
+                                             state->bufferDataCursor, kPeerHexDumpBytes)))
+                          .c_str());
+            }
+        } else if (peerFaultLog.allow(&heldBack)) {
             QLOGE(name.c_str(),
-                  "[UnixIpcManager] client readable cb buffersize: %zd, bufferDataCursor: %zd",
-                  static_cast<ssize_t>(state->bufferSize),
-                  static_cast<ssize_t>(state->bufferDataCursor));
-            QLOGE(name.c_str(), "[UnixIpcManager] client readable buffer hexdump: %s",
-                  ConvertToHexString(state->buffer, static_cast<int32_t>(state->bufferDataCursor))
-                      .c_str());
-        } else {
-            QLOGE(name.c_str(), "[UnixIpcManager] Recv data failed: %d, message: %s", errno,
-                  strerror(errno));
+                  "[UnixIpcManager] Recv data failed: %d, message: %s (%llu more peer faults not "
+                  "logged)",
+                  err, strerror(err), Held(heldBack));
         }
         state->bufferCursor = 0;
         state->bufferDataCursor = 0;
@@ -368,8 +376,15 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
     if (!handlerState.readHandler) return 0;
     if (handlerState.readHandler(fd, state) != -1) return 0;
 
-    QLOGE(name.c_str(), "[UnixIpcManager] Callback ipc read handler failed: %d, message: %s", errno,
-          strerror(errno));
+    // The peer sent what the owner could not take.
+    const int err = errno;
+    uint64_t heldBack = 0;
+    if (peerFaultLog.allow(&heldBack)) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager] Callback ipc read handler failed: %d, message: %s (%llu more peer "
+              "faults not logged)",
+              err, strerror(err), Held(heldBack));
+    }
     state->bufferCursor = 0;
     state->bufferDataCursor = 0;
     if (handlerState.closeOnReadFailure) {

@@ -27,6 +27,9 @@
 // (setMaxConnections, setAcceptFilter): a refused connection is closed before
 // anything is read from it, and the clients already connected never notice.
 //
+// Everything a peer can provoke is logged through one rate limiter
+// (allowPeerFaultLog), which counts what it held back.
+//
 // Threading: every callback, handler, createServer() and connect() runs on
 // the loop thread. Other threads may call notifyNeedWriteData(), and
 // writeDataNow() for a connection that is not being closed at the same time.
@@ -37,6 +40,7 @@
 #include <sys/epoll.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -46,6 +50,7 @@
 #include <set>
 #include <string>
 
+#include "diag/quor_bpf_rate_limiter.h"
 #include "ipc/epoll_manager.h"
 #include "ipc/ipc_package.h"
 
@@ -87,6 +92,9 @@ public:
 
     bool notifyNeedWriteData(int fd);
     bool writeDataNow(int fd);
+    // Whether a fault a peer provoked may be logged now; *heldBack is then
+    // the number of such reports held back since the last one. Any thread.
+    bool allowPeerFaultLog(uint64_t* heldBack) { return peerFaultLog.allow(heldBack); }
 
     bool allocateReadBufferForFd(int fd);
     bool allocateWriteBufferForFd(int fd);
@@ -114,7 +122,6 @@ public:
     void setAcceptFilter(std::function<bool(int fd, std::string* reason)> filter) {
         acceptFilter = std::move(filter);
     }
-
     // The listening socket (server) or the connection (client); -1 if none.
     int getSocketFd() const { return socketFd.load(); }
     bool isServerMode() const { return isServer; }
@@ -181,8 +188,6 @@ private:
     void refuseConnection(int fd, const std::string& reason);
     size_t maxConnections = 0;
     std::function<bool(int, std::string*)> acceptFilter;
-    // The same refusal is logged at most once a second.
-    std::string lastRefusal;
-    int64_t lastRefusalLogMs = 0;
-    size_t refusalsUnlogged = 0;
+    // A burst, then one report a second.
+    Quor::Bpf::RateLimiter peerFaultLog{10, std::chrono::seconds(1)};
 };

@@ -5,6 +5,7 @@
 #include <android-base/properties.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -28,6 +29,8 @@ constexpr int kEpollSizeHint = 10;
 constexpr int kEpollMaxEvents = 32;
 // reqId, command, the unread word, event type.
 constexpr long kRequestBodyRead = 16;
+// Bytes of a bad package shown in its hex dump.
+constexpr long kHexDumpBytes = 256;
 
 #ifndef __ANDROID__
 // The policy of the allow-list properties, read once when the server is built:
@@ -118,15 +121,21 @@ int QuorBpfService::onClientLibReadable(int fd, BufferState* buf) {
         if (!CheckIpcPackageComplete(buf, &headerSize, &dataSize)) return 0;
         char* package = buf->buffer + buf->bufferCursor + headerSize;
         if (packageHandler_->handleSecondIpcPackage(fd, package, dataSize) == -1) {
+            // A client can send nothing but bad packages, reconnecting each
+            // time: the reports share the server's limiter for such faults.
+            uint64_t heldBack = 0;
+            if (!server_->allowPeerFaultLog(&heldBack)) return -1;
             QLOGE(QUOR_TAG_SERVICE,
                   "[QuorBpfService] Resv event: bufferCursor (%zd), numSize (%ld), dataSize (%ld), "
-                  "readCount (%zd)",
+                  "readCount (%zd) (%llu more peer faults not logged)",
                   static_cast<ssize_t>(buf->bufferCursor), headerSize, dataSize,
-                  static_cast<ssize_t>(buf->bufferDataCursor));
+                  static_cast<ssize_t>(buf->bufferDataCursor),
+                  static_cast<unsigned long long>(heldBack));
             // The frame is complete, so these bytes all lie in the buffer.
             QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] BUFFER HEXDUMP: %s",
-                  ConvertToHexString(buf->buffer + buf->bufferCursor,
-                                     static_cast<int32_t>(headerSize + dataSize))
+                  ConvertToHexString(
+                      buf->buffer + buf->bufferCursor,
+                      static_cast<int32_t>(std::min(headerSize + dataSize, kHexDumpBytes)))
                       .c_str());
             return -1;
         }
