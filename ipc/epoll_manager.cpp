@@ -241,6 +241,34 @@ bool EpollManager::scheduleWriteRetry(int fd, int delayMs) {
     return true;
 }
 
+bool EpollManager::setEventsLocked(int fd, uint32_t events, const char* what) {
+    auto it = callbacks_.find(fd);
+    if (it == callbacks_.end()) return false;
+    if (it->second->callback.events == events) return true;
+    if (!EpollCtlMod(epollFd_, fd, events)) {
+        QLOGE(name_.c_str(), "[EpollManager][%s] Epoll mod monitor failed, fd: %d, message: %s",
+              what, fd, strerror(errno));
+        return false;
+    }
+    it->second->callback.events = events;
+    return true;
+}
+
+bool EpollManager::pauseRead(int fd) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = callbacks_.find(fd);
+    if (it == callbacks_.end()) return false;
+    return setEventsLocked(fd, it->second->callback.events & ~static_cast<uint32_t>(EPOLLIN),
+                           "pauseRead");
+}
+
+bool EpollManager::resumeRead(int fd) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = callbacks_.find(fd);
+    if (it == callbacks_.end() || !it->second->callback.readCallback) return false;
+    return setEventsLocked(fd, it->second->callback.events | EPOLLIN, "resumeRead");
+}
+
 std::shared_ptr<EpollManager::Entry> EpollManager::findEntry(int fd) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = callbacks_.find(fd);

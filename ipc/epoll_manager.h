@@ -78,6 +78,10 @@ public:
     // Calls fd's write callback once more after delayMs even if the socket
     // does not become writable (the entry's deadline is replaced).
     bool scheduleWriteRetry(int fd, int delayMs);
+    // Stops / resumes watching fd for input (EPOLLIN); hang-ups still
+    // arrive while it is paused. Any thread.
+    bool pauseRead(int fd);
+    bool resumeRead(int fd);
     bool isRunning() const { return running_.load(); }
     const std::string& name() const { return name_; }
 
@@ -99,6 +103,8 @@ private:
     void finishWrite(int fd, const std::shared_ptr<Entry>& entry);
     int nextWaitTimeout();
     void runDueWriteRetries();
+    // EPOLL_CTL_MOD of fd's entry with `events`; the caller holds mutex_.
+    bool setEventsLocked(int fd, uint32_t events, const char* what);
 
     cpu_set_t cpus_;
     std::string name_;

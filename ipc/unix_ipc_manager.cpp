@@ -244,6 +244,14 @@ bool UnixIpcManager::writeDataNow(int fd) {
     return epollManager && epollManager->writeEventNow(fd);
 }
 
+bool UnixIpcManager::pauseReading(int fd) {
+    return epollManager && epollManager->pauseRead(fd);
+}
+
+bool UnixIpcManager::resumeReading(int fd) {
+    return epollManager && epollManager->resumeRead(fd);
+}
+
 int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
     const int fd = accept4(socketFd.load(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd == -1) {

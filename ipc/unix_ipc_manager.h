@@ -27,7 +27,9 @@
 // (setMaxConnections, setAcceptFilter): a refused connection is closed before
 // anything is read from it, and the clients already connected never notice.
 //
-// Everything a peer can provoke is logged through one rate limiter
+// A server survives a hostile or careless neighbourhood: the owner may stop
+// reading from a client whose answers pile up (pauseReading) until they
+// drain. Everything a peer can provoke is logged through one rate limiter
 // (allowPeerFaultLog), which counts what it held back.
 //
 // Threading: every callback, handler, createServer() and connect() runs on
@@ -92,6 +94,10 @@ public:
 
     bool notifyNeedWriteData(int fd);
     bool writeDataNow(int fd);
+    // Stops / resumes reading from a connection (hang-ups still close it).
+    // Any thread.
+    bool pauseReading(int fd);
+    bool resumeReading(int fd);
     // Whether a fault a peer provoked may be logged now; *heldBack is then
     // the number of such reports held back since the last one. Any thread.
     bool allowPeerFaultLog(uint64_t* heldBack) { return peerFaultLog.allow(heldBack); }

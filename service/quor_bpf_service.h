@@ -27,6 +27,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -200,6 +201,8 @@ private:
     // and under EventManager::quorRawEventManagerLock (the producers read it
     // under that lock while fanning out).
     std::map<int, IpcPackageManager> clients_;
+    // Clients not read from until their queue drains (socket thread only).
+    std::set<int> readPaused_;
 
     android::base::unique_fd processInodeMapFd_;
     android::base::unique_fd processMmapInfos_;

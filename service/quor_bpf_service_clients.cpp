@@ -29,6 +29,12 @@ constexpr int kEpollSizeHint = 10;
 constexpr int kEpollMaxEvents = 32;
 // reqId, command, the unread word, event type.
 constexpr long kRequestBodyRead = 16;
+// A client is not read from while more than this many packages wait in its
+// queue, and is read again once no more than the second number do: one that
+// sends requests and never reads its answers would otherwise keep the socket
+// thread answering into a queue that can only overflow.
+constexpr unsigned long kReadPauseQueued = 512;
+constexpr unsigned long kReadResumeQueued = 64;
 // Bytes of a bad package shown in its hex dump.
 constexpr long kHexDumpBytes = 256;
 
@@ -118,7 +124,7 @@ int QuorBpfService::onClientLibReadable(int fd, BufferState* buf) {
     for (;;) {
         long headerSize = 0;
         long dataSize = 0;
-        if (!CheckIpcPackageComplete(buf, &headerSize, &dataSize)) return 0;
+        if (!CheckIpcPackageComplete(buf, &headerSize, &dataSize)) break;
         char* package = buf->buffer + buf->bufferCursor + headerSize;
         if (packageHandler_->handleSecondIpcPackage(fd, package, dataSize) == -1) {
             // A client can send nothing but bad packages, reconnecting each
@@ -140,8 +146,14 @@ int QuorBpfService::onClientLibReadable(int fd, BufferState* buf) {
             return -1;
         }
         buf->bufferCursor += headerSize + dataSize;
-        if (buf->bufferCursor >= buf->bufferDataCursor) return 0;
+        if (buf->bufferCursor >= buf->bufferDataCursor) break;
     }
+    auto client = clients_.find(fd);
+    if (client != clients_.end() && client->second.getIpcPackageCount() > kReadPauseQueued &&
+        readPaused_.insert(fd).second) {
+        (void)server_->pauseReading(fd);
+    }
+    return 0;
 }
 
 int QuorBpfService::onClientLibWriteable(int fd, BufferState* buf) {
@@ -149,10 +161,15 @@ int QuorBpfService::onClientLibWriteable(int fd, BufferState* buf) {
     auto client = clients_.find(fd);
     if (client == clients_.end()) return 0;
     (void)client->second.fillNextIpcPackagesToBuffer(buf);
+    if (!readPaused_.empty() && client->second.getIpcPackageCount() <= kReadResumeQueued &&
+        readPaused_.erase(fd) != 0) {
+        (void)server_->resumeReading(fd);
+    }
     return 0;
 }
 
 int QuorBpfService::onClientLibClose(int fd) {
+    readPaused_.erase(fd);
     EventManager::GetInstance()->EraseObserver(fd);
     std::lock_guard<std::mutex> lock(EventManager::quorRawEventManagerLock);
     (void)clients_.erase(fd);

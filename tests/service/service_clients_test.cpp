@@ -3,6 +3,7 @@
 // EventManager::AppendEvent as the monitors would hand them over.
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -318,6 +319,78 @@ TEST_F(ServiceClientsTest, ManyClientsEachReceiveEveryRecord) {
         for (uint32_t seq = 0; seq < kRecords; ++seq)
             ASSERT_EQ(records[seq], Record(QUOR_EVENT_RSS_STAT, seq, 32));
     }
+}
+
+TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne) {
+    constexpr int32_t kTickType = QUOR_EVENT_TASK_EXIT;
+    std::mutex mutex;
+    std::vector<std::chrono::steady_clock::time_point> arrivals;
+    QuorBpfClient reader([&](uint32_t, const uint8_t*, size_t) {
+        std::lock_guard<std::mutex> lock(mutex);
+        arrivals.push_back(std::chrono::steady_clock::now());
+    });
+    ASSERT_TRUE(reader.connect(5000));
+    ASSERT_EQ(Ask(&reader, QUOR_BPF_COMMAND_SUBSCRIBE, kTickType), 0);
+
+    // Requests as fast as the socket takes them; answers never read.
+    RawIpcClient flooder(kSocket);
+    timeval patience = {0, 100000};
+    ASSERT_EQ(setsockopt(flooder.fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience)), 0);
+    std::string burst;
+    for (uint32_t i = 0; i < 1024; ++i) burst += Request(i, 52, QUOR_EVENT_TASK_INIT);
+    std::atomic<bool> flooding{true};
+    std::atomic<uint64_t> flooded{0};
+    std::thread flood([&] {
+        size_t at = 0;
+        while (flooding.load()) {
+            const ssize_t n =
+                send(flooder.fd(), burst.data() + at, burst.size() - at, MSG_NOSIGNAL);
+            if (n <= 0) continue;
+            at = (at + n) % burst.size();
+            flooded.fetch_add(n);
+        }
+    });
+    std::atomic<bool> ticking{true};
+    std::atomic<uint32_t> sent{0};
+    std::thread ticker([&] {
+        while (ticking.load()) {
+            Append(Record(kTickType, sent.fetch_add(1)));
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const long cpuBefore = ThreadCpuMs("BpfServiceTr");
+    const uint64_t floodedBefore = flooded.load();
+    int answered = 0;
+    const auto window = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (std::chrono::steady_clock::now() < window) {
+        ASSERT_EQ(Ask(&reader, QUOR_BPF_COMMAND_SUBSCRIBE, kTickType), 0);
+        ++answered;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    const long cpuMs = ThreadCpuMs("BpfServiceTr") - cpuBefore;
+    const uint64_t floodedBytes = flooded.load() - floodedBefore;
+    flooding.store(false);
+    flood.join();
+    ticking.store(false);
+    ticker.join();
+    printf(
+        "request flood: socket thread CPU %ld ms in 2 s, %llu flood bytes taken, %d requests "
+        "of another client answered\n",
+        cpuMs, static_cast<unsigned long long>(floodedBytes), answered);
+    EXPECT_LT(cpuMs, 200);
+    EXPECT_GE(answered, 50);
+    ASSERT_TRUE(WaitFor([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return arrivals.size() == sent.load();
+    }));
+    std::chrono::milliseconds longestGap(0);
+    for (size_t i = 1; i < arrivals.size(); ++i) {
+        longestGap = std::max(longestGap, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                              arrivals[i] - arrivals[i - 1]));
+    }
+    EXPECT_LT(longestGap.count(), 500);
 }
 
 TEST_F(ServiceClientsTest, StalledReaderLosesItsBacklogWithoutStallingOthers) {
