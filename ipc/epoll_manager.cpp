@@ -112,6 +112,7 @@ EpollManager::~EpollManager() {
     std::lock_guard<std::mutex> lock(mutex_);
     callbacks_.clear();
     writeRetryDeadlines_.clear();
+    tasks_.clear();
 }
 
 bool EpollManager::start() {
@@ -269,6 +270,11 @@ bool EpollManager::resumeRead(int fd) {
     return setEventsLocked(fd, it->second->callback.events | EPOLLIN, "resumeRead");
 }
 
+void EpollManager::runAfter(int delayMs, std::function<void()> task) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    tasks_.emplace(MonotonicMs() + (delayMs > 0 ? delayMs : 0), std::move(task));
+}
+
 std::shared_ptr<EpollManager::Entry> EpollManager::findEntry(int fd) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = callbacks_.find(fd);
@@ -306,6 +312,7 @@ void EpollManager::mainThread() {
             if (!handleEvent(events_[i])) return;
         }
         runDueWriteRetries();
+        runDueTasks();
     }
 }
 
@@ -364,8 +371,8 @@ void EpollManager::finishWrite(int fd, const std::shared_ptr<Entry>& entry) {
 
 int EpollManager::nextWaitTimeout() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (writeRetryDeadlines_.empty()) return timeoutMs_;
-    int64_t earliest = INT64_MAX;
+    if (writeRetryDeadlines_.empty() && tasks_.empty()) return timeoutMs_;
+    int64_t earliest = tasks_.empty() ? INT64_MAX : tasks_.begin()->first;
     for (const auto& deadline : writeRetryDeadlines_) {
         if (deadline.second < earliest) earliest = deadline.second;
     }
@@ -397,4 +404,17 @@ void EpollManager::runDueWriteRetries() {
         event.data.fd = fd;
         runWriteCallback(fd, entry, event);
     }
+}
+
+void EpollManager::runDueTasks() {
+    std::vector<std::function<void()>> due;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const int64_t now = MonotonicMs();
+        while (!tasks_.empty() && tasks_.begin()->first <= now) {
+            due.push_back(std::move(tasks_.begin()->second));
+            tasks_.erase(tasks_.begin());
+        }
+    }
+    for (auto& task : due) task();
 }

@@ -27,6 +27,9 @@ constexpr int32_t kErrorSendRetriesExhausted = 1;
 constexpr int kEagainBeforeLastTry = 10;
 // ...which comes this much later.
 constexpr int kLastTryDelayMs = 1000;
+// After a failed accept (no descriptors left, say) the listening socket is
+// left alone this long: it stays readable, and watching it would spin.
+constexpr int kAcceptPauseMs = 100;
 // Buffered bytes shown in a hex dump a peer provoked.
 constexpr int64_t kPeerHexDumpBytes = 256;
 
@@ -255,8 +258,11 @@ bool UnixIpcManager::resumeReading(int fd) {
 int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
     const int fd = accept4(socketFd.load(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd == -1) {
-        QLOGE(name.c_str(), "[UnixIpcManager] Accept client failed: %d, message: %s", errno,
-              strerror(errno));
+        const int err = errno;
+        // A client that gave up before being accepted, or nothing left to
+        // accept after all: the next one is served as usual.
+        if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR || err == ECONNABORTED) return -1;
+        pauseAccepting(err);
         return -1;
     }
     if (!Setnonblocking(fd)) {
@@ -284,6 +290,23 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
     }
     if (handlerState.connectionHandler) handlerState.connectionHandler(fd);
     return 1;
+}
+
+void UnixIpcManager::pauseAccepting(int err) {
+    // Out of descriptors (or memory), the pending connections keep the
+    // listening socket readable: watching it now would only spin.
+    const int listening = socketFd.load();
+    uint64_t heldBack = 0;
+    if (listenLog.allow(&heldBack)) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager] Accept client failed: %d, message: %s; not accepting for %d ms "
+              "(%llu more failures not logged)",
+              err, strerror(err), kAcceptPauseMs, Held(heldBack));
+    }
+    if (!epollManager->pauseRead(listening)) return;
+    epollManager->runAfter(kAcceptPauseMs, [this, listening] {
+        if (socketFd.load() == listening) (void)epollManager->resumeRead(listening);
+    });
 }
 
 void UnixIpcManager::refuseConnection(int fd, const std::string& reason) {

@@ -27,10 +27,12 @@
 // (setMaxConnections, setAcceptFilter): a refused connection is closed before
 // anything is read from it, and the clients already connected never notice.
 //
-// A server survives a hostile or careless neighbourhood: the owner may stop
-// reading from a client whose answers pile up (pauseReading) until they
-// drain. Everything a peer can provoke is logged through one rate limiter
-// (allowPeerFaultLog), which counts what it held back.
+// A server survives a hostile or careless neighbourhood: when accept fails
+// (out of descriptors) it stops watching the listening socket and looks again
+// a little later; the owner may stop reading from a client whose answers pile
+// up (pauseReading) until they drain. Everything a peer can provoke is logged
+// through one rate limiter (allowPeerFaultLog), which counts what it held
+// back.
 //
 // Threading: every callback, handler, createServer() and connect() runs on
 // the loop thread. Other threads may call notifyNeedWriteData(), and
@@ -196,4 +198,9 @@ private:
     std::function<bool(int, std::string*)> acceptFilter;
     // A burst, then one report a second.
     Quor::Bpf::RateLimiter peerFaultLog{10, std::chrono::seconds(1)};
+
+    // Server mode, loop thread: a failed accept pauses the listening socket
+    // for a while, logged through listenLog.
+    void pauseAccepting(int err);
+    Quor::Bpf::RateLimiter listenLog{3, std::chrono::seconds(1)};
 };

@@ -102,6 +102,19 @@ inline long ThreadCpuMs(const std::string& name) {
     return result;
 }
 
+// Lines of the file at `path` that contain `needle`.
+inline size_t CountLines(const std::string& path, const std::string& needle) {
+    FILE* in = fopen(path.c_str(), "re");
+    if (in == nullptr) return 0;
+    size_t count = 0;
+    char* line = nullptr;
+    size_t capacity = 0;
+    while (getline(&line, &capacity, in) != -1) count += strstr(line, needle.c_str()) != nullptr;
+    free(line);
+    fclose(in);
+    return count;
+}
+
 class RawIpcClient {
 public:
     // Connects to the abstract socket `name`.
