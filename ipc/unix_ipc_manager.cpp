@@ -27,6 +27,10 @@ constexpr int32_t kErrorSendRetriesExhausted = 1;
 constexpr int kEagainBeforeLastTry = 10;
 // ...which comes this much later.
 constexpr int kLastTryDelayMs = 1000;
+// A name that cannot be bound is tried again after a pause that starts here
+// and doubles up to the bound.
+constexpr int kBindRetryFirstMs = 100;
+constexpr int kBindRetryMaxMs = 5000;
 // After a failed accept (no descriptors left, say) the listening socket is
 // left alone this long: it stays readable, and watching it would spin.
 constexpr int kAcceptPauseMs = 100;
@@ -143,16 +147,39 @@ bool UnixIpcManager::createServer() {
     }
     const int fd = CreateNonblockingServerSocket(path.c_str());
     if (fd == -1) {
-        QLOGE(name.c_str(), "[UnixIpcManager] Create server Socket failed: %d, message: %s", errno,
-              strerror(errno));
+        // The name may be held by anyone (it is in the abstract namespace):
+        // try again, less and less often, until it is free.
+        const int err = errno;
+        createServerDelayMs = createServerDelayMs == 0
+                                  ? kBindRetryFirstMs
+                                  : std::min(2 * createServerDelayMs, kBindRetryMaxMs);
+        uint64_t heldBack = 0;
+        if (listenLog.allow(&heldBack)) {
+            QLOGE(name.c_str(),
+                  "[UnixIpcManager] Create server Socket failed: %d, message: %s; retrying in %d "
+                  "ms (%llu more failures not logged)",
+                  err, strerror(err), createServerDelayMs, Held(heldBack));
+        }
+        retryCreateServer();
+        errno = err;
         return false;
     }
+    createServerDelayMs = 0;
     socketFd.store(fd);
     EpollCallback callback;
     callback.readCallback = [this](epoll_event event) { return onServerReadableCallback(event); };
     callback.closeCallback = [this](epoll_event event) { return onServerCloseCallback(event); };
     (void)epollManager->addMonitorFd(fd, std::move(callback));
     return true;
+}
+
+void UnixIpcManager::retryCreateServer() {
+    if (createServerPending) return;
+    createServerPending = true;
+    epollManager->runAfter(createServerDelayMs, [this] {
+        createServerPending = false;
+        if (socketFd.load() == -1 && !stopRequested.load()) (void)createServer();
+    });
 }
 
 bool UnixIpcManager::waitBeforeReconnect() {
@@ -171,6 +198,16 @@ bool UnixIpcManager::connect() {
     for (;;) {
         if (stopRequested.load()) return false;
         fd = ConnectToServer(path.c_str());
+        std::string reason;
+        if (fd != -1 && serverFilter && !serverFilter(fd, &reason)) {
+            // Whoever holds the name is not the server we want: nothing is
+            // sent to it and nothing it sends is read.
+            (void)close(fd);
+            fd = -1;
+            QLOGE(name.c_str(), "[UnixIpcManager] Refused server %s: %s", path.c_str(),
+                  reason.c_str());
+            errno = EPERM;
+        }
         if (fd != -1) break;
         const int err = errno;
         QLOGE(name.c_str(),
