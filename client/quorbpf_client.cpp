@@ -4,8 +4,10 @@
 // pairs the responses with their requests.
 #include "quor/quorbpf_client.h"
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <set>
@@ -18,6 +20,7 @@
 #include "ipc/ipc_package_handler.h"
 #include "ipc/ipc_package_manager.h"
 #include "ipc/ipc_req_callback_manager.h"
+#include "ipc/peer_access_policy.h"
 #include "ipc/unix_ipc_manager.h"
 
 namespace Quor {
@@ -32,6 +35,7 @@ constexpr int kEpollMaxEvents = 8;
 // While the first connection is awaited, attempts come this often at most, so
 // that connect(timeout) notices a service that starts meanwhile.
 constexpr int kFirstConnectRetryMs = 100;
+constexpr int64_t kMaxUid = 4294967294LL;  // (uid_t)-1 is no uid
 
 }  // namespace
 
@@ -81,6 +85,7 @@ public:
     Phase phase = Phase::kIdle;
     int fd = -1;
     bool firstAttemptFailed = false;
+    std::string lastError;
     int64_t firstConnectDeadlineMs = -1;  // steady clock; -1 = none
     std::set<int32_t> wanted;             // subscriptions to (re)apply
     std::set<unsigned int> pending;       // request ids awaiting an answer
@@ -108,6 +113,20 @@ std::unique_ptr<UnixIpcManager> QuorBpfClientImpl::makeIpc() {
     auto manager = std::make_unique<UnixIpcManager>(false, options.bufferSize, options.socketName,
                                                     std::move(handlers), kThreadName,
                                                     kEpollSizeHint, kEpollMaxEvents);
+    // Root, or the uid the owner named: PeerAccessPolicy's "own uid" is 0.
+    std::set<uid_t> trusted;
+    if (options.trustedServerUid >= 0 && options.trustedServerUid <= kMaxUid) {
+        trusted.insert(static_cast<uid_t>(options.trustedServerUid));
+    }
+    manager->setServerFilter(
+        [this, policy = PeerAccessPolicy(0, trusted, {})](int serverFd, std::string* why) {
+            std::string who;
+            if (policy.allowsPeer(serverFd, &who)) return true;
+            *why = "the server (" + who + ") runs as an untrusted user";
+            std::lock_guard<std::mutex> lock(mutex);
+            lastError = *why;
+            return false;
+        });
     manager->setConnectFailureObserver([this](int err) { return onFailedAttempt(err); });
     manager->setConnectRetryInterval(options.reconnectIntervalMs < kFirstConnectRetryMs
                                          ? options.reconnectIntervalMs
@@ -115,8 +134,10 @@ std::unique_ptr<UnixIpcManager> QuorBpfClientImpl::makeIpc() {
     return manager;
 }
 
-bool QuorBpfClientImpl::onFailedAttempt(int /*err*/) {
+bool QuorBpfClientImpl::onFailedAttempt(int err) {
     std::lock_guard<std::mutex> lock(mutex);
+    // A refused server has said why already.
+    if (err != EPERM) lastError = "cannot reach " + options.socketName + ": " + strerror(err);
     if (phase != Phase::kFirstConnect) return phase == Phase::kReconnecting;
     firstAttemptFailed = true;
     changed.notify_all();
@@ -133,6 +154,7 @@ int QuorBpfClientImpl::onConnected(int connectedFd) {
         if (phase == Phase::kIdle || live == nullptr) return 0;
         fd = connectedFd;
         phase = Phase::kConnected;
+        lastError.clear();
         types.assign(wanted.begin(), wanted.end());
         // A lost connection is retried at the pace the owner chose.
         live->setConnectRetryInterval(options.reconnectIntervalMs);
@@ -340,6 +362,11 @@ void QuorBpfClient::disconnect() {
 bool QuorBpfClient::isConnected() const {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     return impl_->phase == QuorBpfClientImpl::Phase::kConnected;
+}
+
+std::string QuorBpfClient::lastError() const {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->lastError;
 }
 
 bool QuorBpfClient::subscribe(int32_t eventType, ResponseCallback done) {

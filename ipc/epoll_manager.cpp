@@ -109,6 +109,7 @@ EpollManager::~EpollManager() {
     std::lock_guard<std::mutex> lock(mutex_);
     callbacks_.clear();
     writeRetryDeadlines_.clear();
+    tasks_.clear();
 }
 
 bool EpollManager::start() {
@@ -238,6 +239,39 @@ bool EpollManager::scheduleWriteRetry(int fd, int delayMs) {
     return true;
 }
 
+bool EpollManager::setEventsLocked(int fd, uint32_t events, const char* what) {
+    auto it = callbacks_.find(fd);
+    if (it == callbacks_.end()) return false;
+    if (it->second->callback.events == events) return true;
+    if (!EpollCtlMod(epollFd_, fd, events)) {
+        QLOGE(name_.c_str(), "[EpollManager][%s] Epoll mod monitor failed, fd: %d, message: %s",
+              what, fd, strerror(errno));
+        return false;
+    }
+    it->second->callback.events = events;
+    return true;
+}
+
+bool EpollManager::pauseRead(int fd) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = callbacks_.find(fd);
+    if (it == callbacks_.end()) return false;
+    return setEventsLocked(fd, it->second->callback.events & ~static_cast<uint32_t>(EPOLLIN),
+                           "pauseRead");
+}
+
+bool EpollManager::resumeRead(int fd) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = callbacks_.find(fd);
+    if (it == callbacks_.end() || !it->second->callback.readCallback) return false;
+    return setEventsLocked(fd, it->second->callback.events | EPOLLIN, "resumeRead");
+}
+
+void EpollManager::runAfter(int delayMs, std::function<void()> task) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    tasks_.emplace(MonotonicMs() + (delayMs > 0 ? delayMs : 0), std::move(task));
+}
+
 std::shared_ptr<EpollManager::Entry> EpollManager::findEntry(int fd) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = callbacks_.find(fd);
@@ -275,6 +309,7 @@ void EpollManager::mainThread() {
             if (!handleEvent(events_[i])) return;
         }
         runDueWriteRetries();
+        runDueTasks();
     }
 }
 
@@ -333,8 +368,8 @@ void EpollManager::finishWrite(int fd, const std::shared_ptr<Entry>& entry) {
 
 int EpollManager::nextWaitTimeout() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (writeRetryDeadlines_.empty()) return timeoutMs_;
-    int64_t earliest = INT64_MAX;
+    if (writeRetryDeadlines_.empty() && tasks_.empty()) return timeoutMs_;
+    int64_t earliest = tasks_.empty() ? INT64_MAX : tasks_.begin()->first;
     for (const auto& deadline : writeRetryDeadlines_) {
         if (deadline.second < earliest) earliest = deadline.second;
     }
@@ -366,4 +401,17 @@ void EpollManager::runDueWriteRetries() {
         event.data.fd = fd;
         runWriteCallback(fd, entry, event);
     }
+}
+
+void EpollManager::runDueTasks() {
+    std::vector<std::function<void()>> due;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const int64_t now = MonotonicMs();
+        while (!tasks_.empty() && tasks_.begin()->first <= now) {
+            due.push_back(std::move(tasks_.begin()->second));
+            tasks_.erase(tasks_.begin());
+        }
+    }
+    for (auto& task : due) task();
 }

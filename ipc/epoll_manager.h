@@ -78,6 +78,14 @@ public:
     // Calls fd's write callback once more after delayMs even if the socket
     // does not become writable (the entry's deadline is replaced).
     bool scheduleWriteRetry(int fd, int delayMs);
+    // Stops / resumes watching fd for input (EPOLLIN); hang-ups still
+    // arrive while it is paused. Any thread.
+    bool pauseRead(int fd);
+    bool resumeRead(int fd);
+    // Runs `task` once on the loop thread, delayMs from now (a task still
+    // waiting when the loop ends runs if it is started again). Called on the
+    // loop thread: a call from another thread counts from its next wake-up.
+    void runAfter(int delayMs, std::function<void()> task);
 
     bool isRunning() const { return running_.load(); }
     const std::string& name() const { return name_; }
@@ -100,6 +108,9 @@ private:
     void finishWrite(int fd, const std::shared_ptr<Entry>& entry);
     int nextWaitTimeout();
     void runDueWriteRetries();
+    void runDueTasks();
+    // EPOLL_CTL_MOD of fd's entry with `events`; the caller holds mutex_.
+    bool setEventsLocked(int fd, uint32_t events, const char* what);
 
     cpu_set_t cpus_;
     std::string name_;
@@ -114,6 +125,7 @@ private:
     int timeoutMs_ = -1;
     std::unique_ptr<epoll_event[]> events_;
     std::map<int, std::shared_ptr<Entry>> callbacks_;
-    std::map<int, int64_t> writeRetryDeadlines_;  // fd -> monotonic ms
+    std::map<int, int64_t> writeRetryDeadlines_;           // fd -> monotonic ms
+    std::multimap<int64_t, std::function<void()>> tasks_;  // due (monotonic ms) -> task
     std::function<int()> initFunc_;
 };

@@ -272,22 +272,26 @@ size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* state) {
     for (;;) {
         QuorIpcPackage taken[kTakeAtOnce];
         size_t count = 0;
-        bool damaged = false;
+        size_t dropped = 0;
+        bool more = false;  // stopped only because `taken` was full
         {
             std::lock_guard<std::mutex> lock(mutex_);
             int64_t room = state->bufferSize - state->bufferDataCursor;
-            while (count < kTakeAtOnce && !queue_.empty()) {
+            while (!queue_.empty()) {
                 const uint64_t frameSize = queue_.front().packageSize + IPC_FRAME_HEADER_SIZE;
                 if (frameSize > static_cast<uint64_t>(state->bufferSize)) {
-                    // As fillNextIpcPackageToBuffer: a package that can never
-                    // fit is dropped and ends the batch, once it is first.
-                    if (count == 0) {
-                        popFront();
-                        damaged = true;
-                    }
-                    break;
+                    // It can never be sent. Filling goes on behind it: a
+                    // buffer left empty here would make the writer give up
+                    // write interest while packages are still queued.
+                    popFront();
+                    ++dropped;
+                    continue;
                 }
                 if (frameSize > static_cast<uint64_t>(room)) break;
+                if (count == kTakeAtOnce) {
+                    more = true;
+                    break;
+                }
                 room -= static_cast<int64_t>(frameSize);
                 taken[count++] = queue_.front();
                 queue_.pop_front();
@@ -303,13 +307,13 @@ size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* state) {
             ReleaseBlock(taken[i].packageData);
         }
         filled += count;
-        if (damaged) {
+        if (dropped != 0) {
             RecordBpfServiceErrorInfo(kErrorFillNextDamaged,
                                       "fillNextIpcPackageToBuffer ipc package damaged");
-            QLOGE(QUOR_TAG_UTILS, "The ipc package is damaged! remove this package");
-            return filled;
+            QLOGE(QUOR_TAG_UTILS, "The ipc package is damaged! remove this package (%zu dropped)",
+                  dropped);
         }
-        if (count < kTakeAtOnce) return filled;
+        if (!more) return filled;
     }
 }
 

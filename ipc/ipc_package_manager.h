@@ -82,8 +82,9 @@ public:
     // As many whole frames as fit; false for an empty queue or after dropping
     // a package that can never fit (error code 7).
     bool fillIpcPackageToBuffer(BufferState* state);
-    // fillNextIpcPackageToBuffer until it would return false, under one lock;
-    // returns the number of frames filled.
+    // As many whole frames as fit, in queue order; a package that can never
+    // fit is dropped (error code 8) and filling goes on behind it. Returns
+    // the number of frames filled.
     size_t fillNextIpcPackagesToBuffer(BufferState* state);
 
     // Waits up to timeoutMs until the queue holds a package.

@@ -4,6 +4,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -28,8 +29,19 @@ constexpr int32_t kErrorSendRetriesExhausted = 1;
 constexpr int kEagainBeforeLastTry = 10;
 // ...which comes this much later.
 constexpr int kLastTryDelayMs = 1000;
-// Refused connections are reported at most this often.
-constexpr int64_t kRefusalLogIntervalMs = 1000;
+// A name that cannot be bound is tried again after a pause that starts here
+// and doubles up to the bound.
+constexpr int kBindRetryFirstMs = 100;
+constexpr int kBindRetryMaxMs = 5000;
+// After a failed accept (no descriptors left, say) the listening socket is
+// left alone this long: it stays readable, and watching it would spin.
+constexpr int kAcceptPauseMs = 100;
+// Buffered bytes shown in a hex dump a peer provoked.
+constexpr int64_t kPeerHexDumpBytes = 256;
+
+unsigned long long Held(uint64_t heldBack) {
+    return static_cast<unsigned long long>(heldBack);
+}
 
 }  // namespace
 
@@ -131,16 +143,39 @@ bool UnixIpcManager::createServer() {
     }
     const int fd = CreateNonblockingServerSocket(path.c_str());
     if (fd == -1) {
-        QLOGE(name.c_str(), "[UnixIpcManager] Create server Socket failed: %d, message: %s", errno,
-              strerror(errno));
+        // The name may be held by anyone (it is in the abstract namespace):
+        // try again, less and less often, until it is free.
+        const int err = errno;
+        createServerDelayMs = createServerDelayMs == 0
+                                  ? kBindRetryFirstMs
+                                  : std::min(2 * createServerDelayMs, kBindRetryMaxMs);
+        uint64_t heldBack = 0;
+        if (listenLog.allow(&heldBack)) {
+            QLOGE(name.c_str(),
+                  "[UnixIpcManager] Create server Socket failed: %d, message: %s; retrying in %d "
+                  "ms (%llu more failures not logged)",
+                  err, strerror(err), createServerDelayMs, Held(heldBack));
+        }
+        retryCreateServer();
+        errno = err;
         return false;
     }
+    createServerDelayMs = 0;
     socketFd.store(fd);
     EpollCallback callback;
     callback.readCallback = [this](epoll_event event) { return onServerReadableCallback(event); };
     callback.closeCallback = [this](epoll_event event) { return onServerCloseCallback(event); };
     (void)epollManager->addMonitorFd(fd, std::move(callback));
     return true;
+}
+
+void UnixIpcManager::retryCreateServer() {
+    if (createServerPending) return;
+    createServerPending = true;
+    epollManager->runAfter(createServerDelayMs, [this] {
+        createServerPending = false;
+        if (socketFd.load() == -1 && !stopRequested.load()) (void)createServer();
+    });
 }
 
 bool UnixIpcManager::waitBeforeReconnect() {
@@ -159,6 +194,16 @@ bool UnixIpcManager::connect() {
     for (;;) {
         if (stopRequested.load()) return false;
         fd = ConnectToServer(path.c_str());
+        std::string reason;
+        if (fd != -1 && serverFilter && !serverFilter(fd, &reason)) {
+            // Whoever holds the name is not the server we want: nothing is
+            // sent to it and nothing it sends is read.
+            (void)close(fd);
+            fd = -1;
+            QLOGE(name.c_str(), "[UnixIpcManager] Refused server %s: %s", path.c_str(),
+                  reason.c_str());
+            errno = EPERM;
+        }
         if (fd != -1) break;
         const int err = errno;
         QLOGE(name.c_str(),
@@ -235,11 +280,22 @@ bool UnixIpcManager::writeDataNow(int fd) {
     return epollManager && epollManager->writeEventNow(fd);
 }
 
+bool UnixIpcManager::pauseReading(int fd) {
+    return epollManager && epollManager->pauseRead(fd);
+}
+
+bool UnixIpcManager::resumeReading(int fd) {
+    return epollManager && epollManager->resumeRead(fd);
+}
+
 int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
     const int fd = accept4(socketFd.load(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd == -1) {
-        QLOGE(name.c_str(), "[UnixIpcManager] Accept client failed: %d, message: %s", errno,
-              strerror(errno));
+        const int err = errno;
+        // A client that gave up before being accepted, or nothing left to
+        // accept after all: the next one is served as usual.
+        if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR || err == ECONNABORTED) return -1;
+        pauseAccepting(err);
         return -1;
     }
     if (!Setnonblocking(fd)) {
@@ -269,20 +325,31 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
     return 1;
 }
 
+void UnixIpcManager::pauseAccepting(int err) {
+    // Out of descriptors (or memory), the pending connections keep the
+    // listening socket readable: watching it now would only spin.
+    const int listening = socketFd.load();
+    uint64_t heldBack = 0;
+    if (listenLog.allow(&heldBack)) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager] Accept client failed: %d, message: %s; not accepting for %d ms "
+              "(%llu more failures not logged)",
+              err, strerror(err), kAcceptPauseMs, Held(heldBack));
+    }
+    if (!epollManager->pauseRead(listening)) return;
+    epollManager->runAfter(kAcceptPauseMs, [this, listening] {
+        if (socketFd.load() == listening) (void)epollManager->resumeRead(listening);
+    });
+}
+
 void UnixIpcManager::refuseConnection(int fd, const std::string& reason) {
     (void)close(fd);
-    // A process that reconnects in a loop must not flood the log: the same
-    // refusal again within a second is only counted.
-    const int64_t now = MonotonicMs();
-    if (reason == lastRefusal && now - lastRefusalLogMs < kRefusalLogIntervalMs) {
-        ++refusalsUnlogged;
-        return;
-    }
-    QLOGW(name.c_str(), "[UnixIpcManager] Refused client: %s (%zu more refused unlogged)",
-          reason.c_str(), refusalsUnlogged);
-    lastRefusal = reason;
-    lastRefusalLogMs = now;
-    refusalsUnlogged = 0;
+    // A process that reconnects in a loop, or forks one connection after
+    // another, must not flood the log.
+    uint64_t heldBack = 0;
+    if (!peerFaultLog.allow(&heldBack)) return;
+    QLOGW(name.c_str(), "[UnixIpcManager] Refused client: %s (%llu more peer faults not logged)",
+          reason.c_str(), Held(heldBack));
 }
 
 bool UnixIpcManager::releaseConnection(int fd) {
@@ -337,18 +404,27 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
         if (received == -1 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return 0;
     }
     if (full || received == -1) {
+        const int err = errno;
+        uint64_t heldBack = 0;
         if (state->bufferCursor == state->bufferDataCursor) {
-            QLOGE(name.c_str(), "[UnixIpcManager] client readable callback buffer exception!");
+            if (peerFaultLog.allow(&heldBack)) {
+                QLOGE(name.c_str(), "[UnixIpcManager] client readable callback buffer exception!");
+                QLOGE(name.c_str(),
+                      "[UnixIpcManager] client readable cb buffersize: %zd, bufferDataCursor: %zd "
+                      "(%llu more peer faults not logged)",
+                      static_cast<ssize_t>(state->bufferSize),
+                      static_cast<ssize_t>(state->bufferDataCursor), Held(heldBack));
+                QLOGE(name.c_str(), "[UnixIpcManager] client readable buffer hexdump: %s",
+                      ConvertToHexString(state->buffer,
+                                         static_cast<int32_t>(std::min<int64_t>(
+                                             state->bufferDataCursor, kPeerHexDumpBytes)))
+                          .c_str());
+            }
+        } else if (peerFaultLog.allow(&heldBack)) {
             QLOGE(name.c_str(),
-                  "[UnixIpcManager] client readable cb buffersize: %zd, bufferDataCursor: %zd",
-                  static_cast<ssize_t>(state->bufferSize),
-                  static_cast<ssize_t>(state->bufferDataCursor));
-            QLOGE(name.c_str(), "[UnixIpcManager] client readable buffer hexdump: %s",
-                  ConvertToHexString(state->buffer, static_cast<int32_t>(state->bufferDataCursor))
-                      .c_str());
-        } else {
-            QLOGE(name.c_str(), "[UnixIpcManager] Recv data failed: %d, message: %s", errno,
-                  strerror(errno));
+                  "[UnixIpcManager] Recv data failed: %d, message: %s (%llu more peer faults not "
+                  "logged)",
+                  err, strerror(err), Held(heldBack));
         }
         state->bufferCursor = 0;
         state->bufferDataCursor = 0;
@@ -364,8 +440,15 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
     if (!handlerState.readHandler) return 0;
     if (handlerState.readHandler(fd, state) != -1) return 0;
 
-    QLOGE(name.c_str(), "[UnixIpcManager] Callback ipc read handler failed: %d, message: %s", errno,
-          strerror(errno));
+    // The peer sent what the owner could not take.
+    const int err = errno;
+    uint64_t heldBack = 0;
+    if (peerFaultLog.allow(&heldBack)) {
+        QLOGE(name.c_str(),
+              "[UnixIpcManager] Callback ipc read handler failed: %d, message: %s (%llu more peer "
+              "faults not logged)",
+              err, strerror(err), Held(heldBack));
+    }
     state->bufferCursor = 0;
     state->bufferDataCursor = 0;
     if (handlerState.closeOnReadFailure) {

@@ -26,6 +26,15 @@
 // A server can bound how many clients it holds and judge each one at accept
 // (setMaxConnections, setAcceptFilter): a refused connection is closed before
 // anything is read from it, and the clients already connected never notice.
+// A client can judge the server it reached the same way (setServerFilter).
+//
+// A server survives a hostile or careless neighbourhood: when its name is
+// taken it tries again with growing pauses; when accept fails (out of
+// descriptors) it stops watching the listening socket and looks again a
+// little later; the owner may stop reading from a client whose answers pile
+// up (pauseReading) until they drain. Everything a peer can provoke is
+// logged through one rate limiter (allowPeerFaultLog), which counts what it
+// held back.
 //
 // Threading: every callback, handler, createServer() and connect() runs on
 // the loop thread. Other threads may call notifyNeedWriteData(), and
@@ -37,6 +46,7 @@
 #include <sys/epoll.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -46,6 +56,7 @@
 #include <set>
 #include <string>
 
+#include "diag/quor_bpf_rate_limiter.h"
 #include "ipc/epoll_manager.h"
 #include "ipc/ipc_package.h"
 
@@ -87,6 +98,13 @@ public:
 
     bool notifyNeedWriteData(int fd);
     bool writeDataNow(int fd);
+    // Stops / resumes reading from a connection (hang-ups still close it).
+    // Any thread.
+    bool pauseReading(int fd);
+    bool resumeReading(int fd);
+    // Whether a fault a peer provoked may be logged now; *heldBack is then
+    // the number of such reports held back since the last one. Any thread.
+    bool allowPeerFaultLog(uint64_t* heldBack) { return peerFaultLog.allow(heldBack); }
 
     bool allocateReadBufferForFd(int fd);
     bool allocateWriteBufferForFd(int fd);
@@ -113,6 +131,12 @@ public:
     // it: it is closed at once and `reason` is logged. Set before start().
     void setAcceptFilter(std::function<bool(int fd, std::string* reason)> filter) {
         acceptFilter = std::move(filter);
+    }
+    // Client mode: asked about every connection made, before anything is
+    // sent or read (loop thread); false closes it, logs `reason` and counts
+    // as a failed attempt (EPERM to the failure observer). Set before start().
+    void setServerFilter(std::function<bool(int fd, std::string* reason)> filter) {
+        serverFilter = std::move(filter);
     }
 
     // The listening socket (server) or the connection (client); -1 if none.
@@ -181,8 +205,16 @@ private:
     void refuseConnection(int fd, const std::string& reason);
     size_t maxConnections = 0;
     std::function<bool(int, std::string*)> acceptFilter;
-    // The same refusal is logged at most once a second.
-    std::string lastRefusal;
-    int64_t lastRefusalLogMs = 0;
-    size_t refusalsUnlogged = 0;
+    std::function<bool(int, std::string*)> serverFilter;
+    // A burst, then one report a second.
+    Quor::Bpf::RateLimiter peerFaultLog{10, std::chrono::seconds(1)};
+
+    // Server mode, loop thread: a failed bind is tried again after a pause
+    // that doubles up to a bound; a failed accept pauses the listening
+    // socket for a while. Both are logged through listenLog.
+    void retryCreateServer();
+    void pauseAccepting(int err);
+    int createServerDelayMs = 0;  // the last pause; 0 after a successful bind
+    bool createServerPending = false;
+    Quor::Bpf::RateLimiter listenLog{3, std::chrono::seconds(1)};
 };

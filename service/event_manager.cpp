@@ -43,10 +43,18 @@ void EventManager::AddObserverEvent(int fd, int eventType) {
 
 void EventManager::DelObserverEvent(int fd, int eventType) {
     std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    // Empty lists go at once: a client naming ever new types must not leave
+    // an entry behind for each.
     auto observer = observers_.find(fd);
-    if (observer != observers_.end()) EraseValue(&observer->second, eventType);
+    if (observer != observers_.end()) {
+        EraseValue(&observer->second, eventType);
+        if (observer->second.empty()) observers_.erase(observer);
+    }
     auto event = events_.find(eventType);
-    if (event != events_.end()) EraseValue(&event->second, fd);
+    if (event != events_.end()) {
+        EraseValue(&event->second, fd);
+        if (event->second.empty()) events_.erase(event);
+    }
 }
 
 void EventManager::EraseObserver(int fd) {
@@ -55,7 +63,9 @@ void EventManager::EraseObserver(int fd) {
     if (observer == observers_.end()) return;
     for (const int type : observer->second) {
         auto event = events_.find(type);
-        if (event != events_.end()) EraseValue(&event->second, fd);
+        if (event == events_.end()) continue;
+        EraseValue(&event->second, fd);
+        if (event->second.empty()) events_.erase(event);
     }
     observers_.erase(observer);
 }
@@ -113,6 +123,11 @@ size_t EventManager::CountObserverEvents(int fd) {
     std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
     auto observer = observers_.find(fd);
     return observer == observers_.end() ? 0 : observer->second.size();
+}
+
+size_t EventManager::CountIndexEntries() {
+    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+    return observers_.size() + events_.size();
 }
 
 std::vector<int> EventManager::GetEventObservers(int eventType) {

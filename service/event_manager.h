@@ -52,6 +52,8 @@ public:
     size_t CountObserverEvents(int fd);
     // Descriptors subscribed to eventType, in subscription order.
     std::vector<int> GetEventObservers(int eventType);
+    // Entries of both indexes; an empty list is never kept.
+    size_t CountIndexEntries();
 
 private:
     EventManager() = default;

@@ -134,11 +134,6 @@ public:
 
     // Clients connected at once; one more is refused at accept, with a log.
     static constexpr size_t MAX_CLIENT_CONNECTIONS = 64;
-    // Distinct event types one client may subscribe to: room for every type.
-    static constexpr size_t MAX_SUBSCRIPTIONS_PER_CLIENT = 256;
-    static_assert(MAX_SUBSCRIPTIONS_PER_CLIENT >=
-                      sizeof(kQuorEventTypes) / sizeof(kQuorEventTypes[0]),
-                  "a client can subscribe to every type");
 
     static const BpfProgTable PROG_EVENT_MAP;
     static const BpfProgTable PROG_GPL_EVENT_MAP;
@@ -241,6 +236,8 @@ private:
     // and under EventManager::quorRawEventManagerLock (the producers read it
     // under that lock while fanning out).
     std::map<int, IpcPackageManager> clients_;
+    // Clients not read from until their queue drains (socket thread only).
+    std::set<int> readPaused_;
 
     // The dmabuf and descriptor maps the service seeds and prunes, and what
     // the last seeding found.

@@ -5,6 +5,7 @@
 #include <android-base/properties.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -29,6 +30,14 @@ constexpr int kEpollSizeHint = 10;
 constexpr int kEpollMaxEvents = 32;
 // reqId, command, the unread word, event type.
 constexpr long kRequestBodyRead = 16;
+// A client is not read from while more than this many packages wait in its
+// queue, and is read again once no more than the second number do: one that
+// sends requests and never reads its answers would otherwise keep the socket
+// thread answering into a queue that can only overflow.
+constexpr unsigned long kReadPauseQueued = 512;
+constexpr unsigned long kReadResumeQueued = 64;
+// Bytes of a bad package shown in its hex dump.
+constexpr long kHexDumpBytes = 256;
 
 #ifndef __ANDROID__
 // The policy of the allow-list properties, read once when the server is built:
@@ -108,24 +117,36 @@ int QuorBpfService::onClientLibReadable(int fd, BufferState* buf) {
     for (;;) {
         long headerSize = 0;
         long dataSize = 0;
-        if (!CheckIpcPackageComplete(buf, &headerSize, &dataSize)) return 0;
+        if (!CheckIpcPackageComplete(buf, &headerSize, &dataSize)) break;
         char* package = buf->buffer + buf->bufferCursor + headerSize;
         if (packageHandler_->handleSecondIpcPackage(fd, package, dataSize) == -1) {
+            // A client can send nothing but bad packages, reconnecting each
+            // time: the reports share the server's limiter for such faults.
+            uint64_t heldBack = 0;
+            if (!server_->allowPeerFaultLog(&heldBack)) return -1;
             QLOGE(QUOR_TAG_SERVICE,
                   "[QuorBpfService] Resv event: bufferCursor (%zd), numSize (%ld), dataSize (%ld), "
-                  "readCount (%zd)",
+                  "readCount (%zd) (%llu more peer faults not logged)",
                   static_cast<ssize_t>(buf->bufferCursor), headerSize, dataSize,
-                  static_cast<ssize_t>(buf->bufferDataCursor));
+                  static_cast<ssize_t>(buf->bufferDataCursor),
+                  static_cast<unsigned long long>(heldBack));
             // The frame is complete, so these bytes all lie in the buffer.
             QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService] BUFFER HEXDUMP: %s",
-                  ConvertToHexString(buf->buffer + buf->bufferCursor,
-                                     static_cast<int32_t>(headerSize + dataSize))
+                  ConvertToHexString(
+                      buf->buffer + buf->bufferCursor,
+                      static_cast<int32_t>(std::min(headerSize + dataSize, kHexDumpBytes)))
                       .c_str());
             return -1;
         }
         buf->bufferCursor += headerSize + dataSize;
-        if (buf->bufferCursor >= buf->bufferDataCursor) return 0;
+        if (buf->bufferCursor >= buf->bufferDataCursor) break;
     }
+    auto client = clients_.find(fd);
+    if (client != clients_.end() && client->second.getIpcPackageCount() > kReadPauseQueued &&
+        readPaused_.insert(fd).second) {
+        (void)server_->pauseReading(fd);
+    }
+    return 0;
 }
 
 int QuorBpfService::onClientLibWriteable(int fd, BufferState* buf) {
@@ -133,10 +154,15 @@ int QuorBpfService::onClientLibWriteable(int fd, BufferState* buf) {
     auto client = clients_.find(fd);
     if (client == clients_.end()) return 0;
     (void)client->second.fillNextIpcPackagesToBuffer(buf);
+    if (!readPaused_.empty() && client->second.getIpcPackageCount() <= kReadResumeQueued &&
+        readPaused_.erase(fd) != 0) {
+        (void)server_->resumeReading(fd);
+    }
     return 0;
 }
 
 int QuorBpfService::onClientLibClose(int fd) {
+    readPaused_.erase(fd);
     EventManager::GetInstance()->EraseObserver(fd);
     std::lock_guard<std::mutex> lock(EventManager::quorRawEventManagerLock);
     (void)clients_.erase(fd);
@@ -154,13 +180,11 @@ int QuorBpfService::onEventProvideReqCallBack(int fd, char* data, long len) {
         const int32_t eventType = IpcReadS32(data + 12);
         EventManager* events = EventManager::GetInstance();
         if (command == IPC_COMMAND_SUBSCRIBE) {
-            if (events->CountObserverEvents(fd) < MAX_SUBSCRIPTIONS_PER_CLIENT) {
+            // A type the service never produces is refused without a log: it
+            // could deliver nothing, and a client could name millions of them.
+            if (IsSubscribableEventType(static_cast<uint32_t>(eventType))) {
                 events->AddObserverEvent(fd, eventType);
                 resp.status = 0;
-            } else {
-                QLOGE(QUOR_TAG_SERVICE,
-                      "[QuorBpfService] client fd %d holds too many subscriptions, type %d refused",
-                      fd, eventType);
             }
         } else if (command == IPC_COMMAND_UNSUBSCRIBE) {
             events->DelObserverEvent(fd, eventType);

@@ -68,6 +68,11 @@ public:
         int reconnectIntervalMs = 5000;
         // Receive and send buffer; the largest record is 8 bytes shorter.
         int bufferSize = 32768;
+        // The service runs as root. Any local user can take the socket's
+        // name first, so a server whose process runs under another uid is
+        // refused (nothing is sent to it or read from it) unless it is this
+        // one; -1 trusts root alone.
+        int64_t trustedServerUid = -1;
     };
 
     explicit QuorBpfClient(EventCallback onEvent);
@@ -88,6 +93,9 @@ public:
     // are answered QUOR_BPF_STATUS_DISCONNECTED.
     void disconnect();
     bool isConnected() const;
+    // Why the last connection attempt failed ("" after a success), e.g. that
+    // the server found was not trusted.
+    std::string lastError() const;
 
     // Subscribes to / unsubscribes from a type. The type is remembered (or
     // forgotten) either way; when connected the request is sent and `done`

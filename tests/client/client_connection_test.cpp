@@ -1,6 +1,13 @@
 // The client library against a small server of the same protocol that can be
 // stopped and started again, in a private network namespace.
+#include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <future>
@@ -211,6 +218,58 @@ TEST(ClientConnectionTest, ResubscribesAfterTheServerRestarts) {
     EXPECT_TRUE(WaitFor([&] { return server->subscribers(5) == 0; }));
     ASSERT_TRUE(client.connect(2000));  // and again, with the same subscriptions
     EXPECT_TRUE(WaitFor([&] { return server->subscribers(5) == 1; }));
+}
+
+TEST(ClientConnectionTest, AServerUnderAnotherUidIsRefusedUnlessNamed) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to bind the name as another user";
+    constexpr uid_t kNobody = 65534;
+    // A squatter: binds the name as nobody and greets every connection with
+    // an event frame of its own making.
+    const std::string greeting = quortest::Frame(3, std::string("\x02\0\0\0forged", 10));
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const pid_t squatter = fork();
+    ASSERT_NE(squatter, -1);
+    if (squatter == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        memcpy(addr.sun_path + 1, kSocket, strlen(kSocket));
+        if (bind(fd, reinterpret_cast<sockaddr*>(&addr),
+                 offsetof(sockaddr_un, sun_path) + 1 + strlen(kSocket)) != 0 ||
+            listen(fd, 8) != 0 || write(ready[1], "r", 1) != 1) {
+            _exit(1);
+        }
+        for (;;) {
+            const int client = accept(fd, nullptr, nullptr);
+            if (client >= 0) (void)send(client, greeting.data(), greeting.size(), MSG_NOSIGNAL);
+        }
+    }
+    close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1) << "the squatter could not bind";
+    close(ready[0]);
+
+    Events events;
+    QuorBpfClient wary(events.callback(), TestOptions());
+    EXPECT_FALSE(wary.connect(300));
+    EXPECT_NE(wary.lastError().find("uid 65534"), std::string::npos) << wary.lastError();
+    EXPECT_NE(wary.lastError().find("untrusted"), std::string::npos) << wary.lastError();
+    EXPECT_TRUE(events.received.empty());  // nothing of the squatter's was read
+
+    QuorBpfClient::Options named = TestOptions();
+    named.trustedServerUid = kNobody;
+    QuorBpfClient trusting(events.callback(), named);
+    EXPECT_TRUE(trusting.connect(2000));
+    EXPECT_EQ(trusting.lastError(), "");
+    EXPECT_TRUE(WaitFor([&] {
+        std::lock_guard<std::mutex> lock(events.mutex);
+        return events.received.size() == 1;  // the named server's frame, and only that
+    }));
+    trusting.disconnect();
+    kill(squatter, SIGKILL);
+    waitpid(squatter, nullptr, 0);
 }
 
 }  // namespace

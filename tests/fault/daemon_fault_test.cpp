@@ -50,10 +50,10 @@ public:
         if (pid_ > 0) (void)stop();
     }
     bool running() const { return pid_ > 0; }
-    // SIGTERM; the exit status (-1 when it did not exit normally).
-    int stop() {
+    // SIGTERM (or `signo`); the exit status (-1 when it did not exit normally).
+    int stop(int signo = SIGTERM) {
         if (pid_ <= 0) return -1;
-        kill(pid_, SIGTERM);
+        kill(pid_, signo);
         int status = 0;
         const pid_t pid = pid_;
         pid_ = -1;
@@ -201,4 +201,15 @@ TEST_F(DaemonFaultTest, MissingPinnedMapFailsOnlyItsMonitor) {
         EXPECT_EQ(daemon.stop(), 0);
         (void)QuorBpfLoader::Unload("/sys/fs/bpf/quor/", &report);
     }
+}
+
+TEST_F(DaemonFaultTest, QuitSignalStopsTheDaemonCleanly) {
+    constexpr const char* kPidFile = "/data/quorbpfd_quit_test.pid";
+    Daemon daemon({"--no-load", "--property", "sys.quor_bpf_ready=0", "--pid-file", kPidFile});
+    ASSERT_TRUE(daemon.running());
+    ASSERT_TRUE(PollUntil([&] { return !ReadFile(kPidFile).empty(); }, std::chrono::seconds(30)));
+    // A quit request is a stop request: exit code 0, no core, pid file gone.
+    EXPECT_EQ(daemon.stop(SIGQUIT), 0);
+    EXPECT_TRUE(ReadFile(kPidFile).empty());
+    EXPECT_TRUE(LogHas("Quit received, stopping"));
 }

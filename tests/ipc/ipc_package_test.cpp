@@ -196,6 +196,23 @@ TEST_F(IpcPackageTest, FillingNeverCutsAFrame) {
     EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
     EXPECT_EQ(buffer.bufferDataCursor, 48);  // three frames of 24 would not fit
     EXPECT_EQ(queue.getIpcPackageCount(), 3u);
+
+    // The batch filler drops a package that can never fit and keeps filling:
+    // the writer must not see an empty buffer while packages are queued.
+    buffer.bufferDataCursor = 0;
+    (void)queue.dropAllIpcPackages();
+    queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
+    queue.buildAndAppendSecondIpcPackage(3, &tooBig[0], tooBig.size());
+    queue.buildAndAppendSecondIpcPackage(3, &tooBig[0], tooBig.size());
+    queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
+    EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
+    EXPECT_EQ(storage.substr(0, 48), Frame(3, small) + Frame(3, small));
+    EXPECT_EQ(queue.getIpcPackageCount(), 0u);
+    queue.buildAndAppendSecondIpcPackage(3, &tooBig[0], tooBig.size());
+    queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
+    buffer.bufferDataCursor = 0;
+    EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 1u);  // dropped first, then filled
+    EXPECT_EQ(queue.getIpcPackageCount(), 0u);
 }
 
 TEST_F(IpcPackageTest, ResponsesFindTheirRequestOnce) {

@@ -1,8 +1,12 @@
 // The socket endpoint over real Unix sockets, in a private network namespace.
 #include "ipc/unix_ipc_manager.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -183,6 +187,99 @@ TEST(UnixIpcManagerTest, StoppingEndsConnectionAttempts) {
     ASSERT_TRUE(givesUp.ipc->start());
     ASSERT_TRUE(WaitFor([&] { return givesUp.failures.load() == 1; }));
     EXPECT_EQ(givesUp.connections.load(), 0);
+}
+
+// The server's abstract address.
+sockaddr_un Address() {
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path + 1, kSocket, strlen(kSocket));
+    return addr;
+}
+const socklen_t kAddrLen = offsetof(sockaddr_un, sun_path) + 1 + strlen(kSocket);
+
+// Sends this process's log (stderr) to a file while it lives.
+class CapturedLog {
+public:
+    explicit CapturedLog(const char* path) : path_(path), saved_(dup(STDERR_FILENO)) {
+        const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        (void)dup2(fd, STDERR_FILENO);
+        close(fd);
+    }
+    ~CapturedLog() {
+        (void)dup2(saved_, STDERR_FILENO);
+        close(saved_);
+    }
+    size_t lines(const char* needle) const { return CountLines(path_, needle); }
+
+private:
+    const char* path_;
+    int saved_;
+};
+
+TEST(UnixIpcManagerTest, RunningOutOfDescriptorsNeitherSpinsNorFloodsTheLog) {
+    CapturedLog log("/data/unix_ipc_manager_test.log");
+    EchoServer server;
+    ASSERT_TRUE(server.listening);
+    const sockaddr_un addr = Address();
+    // Out of descriptors, accept fails while connections wait: the loop
+    // neither spins nor floods the log, and serves them once it can.
+    constexpr int kWaiting = 3;
+    int clients[kWaiting];
+    for (int& fd : clients) fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const long cpuBefore = ThreadCpuMs("EchoServer");
+    ASSERT_GE(cpuBefore, 0);
+    rlimit saved = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = 64;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<int> fillers;
+    for (int fd; (fd = dup(STDIN_FILENO)) != -1;) fillers.push_back(fd);
+    for (int fd : clients)
+        ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&addr), kAddrLen), 0);
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    for (int fd : fillers) close(fd);  // reading procfs takes descriptors too
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    const long cpuMs = ThreadCpuMs("EchoServer") - cpuBefore;
+    printf("out of descriptors: loop CPU %ld ms in 2 s, %zu accept failures logged\n", cpuMs,
+           log.lines("Accept client failed"));
+    EXPECT_LT(cpuMs, 200);
+    EXPECT_LE(log.lines("Accept client failed"), 6u);
+    EXPECT_GE(log.lines("Accept client failed"), 1u);
+    for (int fd : clients) {
+        const std::string frame = Frame(2, "late");
+        ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(frame.size()));
+        char reply[8 + 8 + 4];  // the echo's frame
+        timeval wait = {5, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
+        EXPECT_EQ(recv(fd, reply, sizeof(reply), MSG_WAITALL), 20) << "never served";
+        close(fd);
+    }
+}
+
+TEST(UnixIpcManagerTest, ServerOutlastsASquatter) {
+    CapturedLog log("/data/unix_ipc_manager_test.log");
+    // Someone holds the name when the server starts, and lets go a second
+    // later: the server listens then, having logged only a few failures.
+    RawIpcClient probe(kSocket);
+    ASSERT_FALSE(probe.connected());
+    const int squatter = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un addr = Address();
+    ASSERT_EQ(bind(squatter, reinterpret_cast<const sockaddr*>(&addr), kAddrLen), 0);
+    ASSERT_EQ(listen(squatter, 4), 0);
+    std::thread leaver([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        close(squatter);
+    });
+    EchoServer server;
+    leaver.join();
+    ASSERT_TRUE(server.listening);
+    EXPECT_LE(log.lines("Create server Socket failed"), 4u);
+    RawIpcClient first(kSocket);
+    ASSERT_TRUE(first.send(Frame(2, "hello")));
+    EXPECT_EQ(ReadEcho(&first), "hello");
 }
 
 TEST(EpollManagerTest, EveryConstructorBuildsAWorkingLoop) {

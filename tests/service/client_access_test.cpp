@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -169,4 +170,54 @@ TEST_F(ClientAccessTest, PeersAreJudgedByTheirCredentialsAtAccept) {
         GTEST_SKIP() << "SO_PEERGROUPS reports no supplementary groups here (an emulator?); "
                         "not judged: "
                      << notJudged;
+}
+
+TEST_F(ClientAccessTest, FloodingClientsCannotFloodTheLog) {
+    // A frame of 30000 bytes whose package claims more body than it holds:
+    // a bad package, closed on, with a hex dump.
+    std::string bad;
+    PutU32(&bad, 0);
+    PutU32(&bad, 40000);
+    bad.resize(30000, 'x');
+    bad = RawFrame(30000, bad);
+    const bool asStranger = geteuid() == 0;
+    const std::string log = ReadFile(kLogFile);
+    const size_t linesBefore = std::count(log.begin(), log.end(), '\n');
+    int badSent = 0;
+    int refused = 0;
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < std::chrono::seconds(2)) {
+        RawIpcClient client(kSocket);  // reconnects every time
+        ASSERT_TRUE(client.send(bad));
+        EXPECT_TRUE(client.waitClosed());
+        ++badSent;
+        // A process that forks one refused connection after another.
+        if (asStranger && ProbeAs(kSocket, 65533, 65533, {}) == ProbeResult::kRefused) ++refused;
+    }
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const std::string after = ReadFile(kLogFile);
+    const size_t lines = std::count(after.begin(), after.end(), '\n') - linesBefore;
+    printf(
+        "%d bad packages, %d refused connections in %.1f s: %zu log lines (%.1f a second), "
+        "%zu bytes\n",
+        badSent, refused, seconds, lines, lines / seconds, after.size() - log.size());
+    // A burst of ten reports, then one a second, a few lines each.
+    EXPECT_LT(lines, 4 * (10 + 2 * seconds));
+    EXPECT_LT(after.size() - log.size(), 64u * 1024);
+
+    // The next report says how many were held back.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    RawIpcClient last(kSocket);
+    ASSERT_TRUE(last.send(bad));
+    EXPECT_TRUE(last.waitClosed());
+    EXPECT_TRUE(PollUntil(
+        [&] {
+            const std::string text = ReadFile(kLogFile).substr(after.size());
+            const size_t at = text.find(" more peer faults not logged");
+            if (at == std::string::npos) return false;
+            const size_t number = text.rfind('(', at);
+            return number != std::string::npos && strtoul(&text[number + 1], nullptr, 10) > 0;
+        },
+        std::chrono::seconds(5)));
 }

@@ -138,8 +138,9 @@ public:
                                  QUOR_SERVICE_THREAD_CHANGE,
                                  QUOR_SERVICE_RSS_CHANGE};
         for (int32_t type : types) {
-            ASSERT_TRUE(client->subscribe(type, [&](int32_t status) {
-                EXPECT_EQ(status, QUOR_BPF_STATUS_OK);
+            // 9 is no type the service produces: refused, and its records are dropped.
+            ASSERT_TRUE(client->subscribe(type, [&answered, type](int32_t status) {
+                EXPECT_EQ(status, type == 9 ? QUOR_BPF_STATUS_REFUSED : QUOR_BPF_STATUS_OK);
                 ++answered;
             }));
         }

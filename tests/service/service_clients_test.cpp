@@ -3,6 +3,7 @@
 // EventManager::AppendEvent as the monitors would hand them over.
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -131,6 +132,60 @@ TEST_F(ServiceClientsTest, SubscribeReceiveUnsubscribeAndUnknownCommand) {
     Append(composed);  // still subscribed: marks the end of what may arrive
     ASSERT_TRUE(WaitFor([&] { return got.size() == 3; }));
     EXPECT_EQ(got.snapshot().back(), composed);
+}
+
+TEST_F(ServiceClientsTest, OnlyProducedTypesAreSubscribedAndEmptyListsGo) {
+    RawIpcClient raw(kSocket);
+    ASSERT_TRUE(raw.connected());
+    // Pipelined: a batch of subscriptions to types the service never
+    // produces, each followed by its unsubscription; -1 then 0 for each.
+    auto bogus = [&](int32_t first, int32_t count) {
+        constexpr int32_t kBatch = 256;
+        std::string requests;
+        std::string answers;
+        for (int32_t at = 0; at < count; at += kBatch) {
+            requests.clear();
+            const int32_t n = std::min(kBatch, count - at);
+            for (int32_t i = 0; i < n; ++i) {
+                requests += Request(i, 51, first + at + i);
+                requests += Request(i, 52, first + at + i);
+            }
+            if (!raw.send(requests) || !raw.readExact(80 * n, &answers)) return false;
+            for (int32_t i = 0; i < n; ++i) {
+                if (GetU32(answers, 80 * i + 20) != 0xffffffffu || GetU32(answers, 80 * i + 60))
+                    return false;
+            }
+        }
+        return true;
+    };
+    EventManager* events = EventManager::GetInstance();
+    ASSERT_TRUE(WaitFor([&] { return events->CountIndexEntries() == 0; }));
+    ASSERT_TRUE(bogus(-30000, 20000));  // warms the allocator
+    const size_t before = ResidentBytes();
+    const auto started = std::chrono::steady_clock::now();
+    const int32_t kHigh = static_cast<int32_t>(Scaled(500000)) - (50001 - 8) - 1000;
+    ASSERT_TRUE(bogus(8, 50001 - 8));
+    ASSERT_TRUE(bogus(50005, kHigh));
+    ASSERT_TRUE(bogus(-1000, 1000));
+    const size_t after = ResidentBytes();
+    printf("%d bogus requests in %lld ms; resident %zu KB before, %zu KB after\n",
+           2 * (50001 - 8 + kHigh + 1000),
+           static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      std::chrono::steady_clock::now() - started)
+                                      .count()),
+           before / 1024, after / 1024);
+    EXPECT_LT(after, before + (1 << 20));
+    EXPECT_EQ(events->CountIndexEntries(), 0u);
+
+    // Every produced type is accepted; unsubscribing and closing leave no
+    // empty list behind.
+    for (const int32_t type : kAllTypes) ASSERT_EQ(RawAsk(&raw, 1, 51, type), 0) << type;
+    EXPECT_EQ(events->CountIndexEntries(), 13u);
+    for (const int32_t type : kAllTypes) ASSERT_EQ(RawAsk(&raw, 2, 52, type), 0) << type;
+    EXPECT_EQ(events->CountIndexEntries(), 0u);
+    ASSERT_EQ(RawAsk(&raw, 3, 51, QUOR_SERVICE_RSS_CHANGE), 0);
+    raw.close();
+    EXPECT_TRUE(WaitFor([&] { return events->CountIndexEntries() == 0; }));
 }
 
 TEST_F(ServiceClientsTest, ResponseFrameLayoutAndShortRequestBody) {
@@ -264,6 +319,78 @@ TEST_F(ServiceClientsTest, ManyClientsEachReceiveEveryRecord) {
         for (uint32_t seq = 0; seq < kRecords; ++seq)
             ASSERT_EQ(records[seq], Record(QUOR_EVENT_RSS_STAT, seq, 32));
     }
+}
+
+TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne) {
+    constexpr int32_t kTickType = QUOR_EVENT_TASK_EXIT;
+    std::mutex mutex;
+    std::vector<std::chrono::steady_clock::time_point> arrivals;
+    QuorBpfClient reader([&](uint32_t, const uint8_t*, size_t) {
+        std::lock_guard<std::mutex> lock(mutex);
+        arrivals.push_back(std::chrono::steady_clock::now());
+    });
+    ASSERT_TRUE(reader.connect(5000));
+    ASSERT_EQ(Ask(&reader, QUOR_BPF_COMMAND_SUBSCRIBE, kTickType), 0);
+
+    // Requests as fast as the socket takes them; answers never read.
+    RawIpcClient flooder(kSocket);
+    timeval patience = {0, 100000};
+    ASSERT_EQ(setsockopt(flooder.fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience)), 0);
+    std::string burst;
+    for (uint32_t i = 0; i < 1024; ++i) burst += Request(i, 52, QUOR_EVENT_TASK_INIT);
+    std::atomic<bool> flooding{true};
+    std::atomic<uint64_t> flooded{0};
+    std::thread flood([&] {
+        size_t at = 0;
+        while (flooding.load()) {
+            const ssize_t n =
+                send(flooder.fd(), burst.data() + at, burst.size() - at, MSG_NOSIGNAL);
+            if (n <= 0) continue;
+            at = (at + n) % burst.size();
+            flooded.fetch_add(n);
+        }
+    });
+    std::atomic<bool> ticking{true};
+    std::atomic<uint32_t> sent{0};
+    std::thread ticker([&] {
+        while (ticking.load()) {
+            Append(Record(kTickType, sent.fetch_add(1)));
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const long cpuBefore = ThreadCpuMs("BpfServiceTr");
+    const uint64_t floodedBefore = flooded.load();
+    int answered = 0;
+    const auto window = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (std::chrono::steady_clock::now() < window) {
+        ASSERT_EQ(Ask(&reader, QUOR_BPF_COMMAND_SUBSCRIBE, kTickType), 0);
+        ++answered;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    const long cpuMs = ThreadCpuMs("BpfServiceTr") - cpuBefore;
+    const uint64_t floodedBytes = flooded.load() - floodedBefore;
+    flooding.store(false);
+    flood.join();
+    ticking.store(false);
+    ticker.join();
+    printf(
+        "request flood: socket thread CPU %ld ms in 2 s, %llu flood bytes taken, %d requests "
+        "of another client answered\n",
+        cpuMs, static_cast<unsigned long long>(floodedBytes), answered);
+    EXPECT_LT(cpuMs, 200);
+    EXPECT_GE(answered, 50);
+    ASSERT_TRUE(WaitFor([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return arrivals.size() == sent.load();
+    }));
+    std::chrono::milliseconds longestGap(0);
+    for (size_t i = 1; i < arrivals.size(); ++i) {
+        longestGap = std::max(longestGap, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                              arrivals[i] - arrivals[i - 1]));
+    }
+    EXPECT_LT(longestGap.count(), 500);
 }
 
 TEST_F(ServiceClientsTest, StalledReaderLosesItsBacklogWithoutStallingOthers) {

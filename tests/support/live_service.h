@@ -138,6 +138,21 @@ inline size_t HeapBytes() {
 #endif
 }
 
+// Resident memory of this process; under a sanitizer (whose shadow memory
+// makes RSS meaningless) the heap in use instead.
+inline size_t ResidentBytes() {
+#ifdef QUOR_TEST_SANITIZER_HEAP
+    return HeapBytes();
+#else
+    long pages = 0, resident = 0;
+    FILE* statm = fopen("/proc/self/statm", "re");
+    if (statm == nullptr) return 0;
+    if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    fclose(statm);
+    return static_cast<size_t>(resident) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+#endif
+}
+
 // Sanitized builds run several times slower: long loops shrink to a fifth.
 constexpr uint64_t Scaled(uint64_t count) {
 #ifdef QUOR_TEST_SANITIZER_HEAP

@@ -6,7 +6,7 @@
 // "ro.kernel.version" from uname, creates the log directory, loads and pins
 // both programme sets under /sys/fs/bpf/quor/ (unless --no-load) and then
 // sets "sys.quor_bpf_ready" to "1", starts the service and blocks until
-// SIGINT or SIGTERM, which stop it (exit code 0). With --unpin-on-exit it
+// SIGINT, SIGTERM or SIGQUIT, which stop it (exit code 0). With --unpin-on-exit it
 // removes the pins it made when it stops. While the service runs, its pid is
 // in /run/quorbpfd.pid (--pid-file), so that quorbpfctl can send it the dump
 // signals; the file is removed on a clean stop. --allow-uid and --allow-gid
@@ -48,7 +48,7 @@ void Usage(FILE* out) {
             "                [--property KEY=VALUE]... [--allow-uid UID]... [--allow-gid GID]...\n"
             "\n"
             "Loads and pins the BPF programme sets under /sys/fs/bpf/quor/, then starts\n"
-            "the kernel-event service in the foreground. SIGINT or SIGTERM stop it.\n"
+            "the kernel-event service in the foreground. SIGINT, SIGTERM or SIGQUIT stop it.\n"
             "\n"
             "  --no-load             do not load the programmes (the platform does) and\n"
             "                        leave \"sys.quor_bpf_ready\" to the platform too\n"
@@ -259,10 +259,14 @@ void PrepareHost(DaemonOptions* options) {
 int RunService(const DaemonOptions& options) {
     // Block the stop signals before the service creates its threads, so that
     // only sigwait() below sees them; the dump signals stay deliverable.
+    // SIGQUIT (Ctrl-\) stops the daemon like the other two: its default, a
+    // core dump, would leave pins and the pid file behind, and a core of
+    // this process is better asked for with SIGABRT.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGQUIT);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     if (Quor::Bpf::BpfServiceMain() == 0) return 0;
