@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "diag/quor_bpf_task_manager.h"
+#include "tests/support/proc_self.h"
 
 using namespace Quor::Bpf;
 
@@ -27,13 +28,6 @@ std::string Words(const std::string& line) {
     std::string out;
     for (std::string word; in >> word;) out += (out.empty() ? "" : " ") + word;
     return out;
-}
-
-std::vector<std::string> ReadLines(const char* path) {
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
 }
 
 QuorTask MakeTask(int32_t pid, const char* comm, int64_t anon, int64_t file = 0) {
@@ -167,7 +161,7 @@ TEST_F(TaskManagerTest, DumpsOrderRowsAndSkipKernelTasks) {
     b.initTimeStamp = -5;
     Add(b);
     tasks->DumpQuorTaskInfo();
-    auto lines = ReadLines(kDumpFile);
+    auto lines = quortest::ReadLines(kDumpFile);
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_NE(lines[0].find("(count: 2, "), std::string::npos);
     EXPECT_EQ(Words(lines[2]),
@@ -176,7 +170,7 @@ TEST_F(TaskManagerTest, DumpsOrderRowsAndSkipKernelTasks) {
               "abcdefghijklmnop 99 0 1 0 4294967295 1 KB 0 KB 0 KB 0 KB 0 KB 0 KB 0 KB 0 KB -5");
     EXPECT_EQ(lines[3].find("99"), lines[1].find("pid"));  // columns line up
     tasks->DumpQuorTaskInfoNormal();
-    EXPECT_EQ(Words(ReadLines(kDumpFile)[2]),
+    EXPECT_EQ(Words(quortest::ReadLines(kDumpFile)[2]),
               "abcdefghijklmno 1234 1 5 77 2 KB 10 KB -1 KB 0 KB 1700000000");
 
     for (int32_t pid : {1234, 99}) (void)tasks->DelQuorTask(pid);
@@ -187,14 +181,15 @@ TEST_F(TaskManagerTest, DumpsOrderRowsAndSkipKernelTasks) {
     Add(MakeTask(6, "negative", -4096));
     tasks->DumpQuorTaskIgnoreKernelTaskInfoNormal();
     std::vector<std::string> names;
-    for (const auto& line : ReadLines(kDumpFile)) names.push_back(line.substr(0, line.find(' ')));
+    for (const auto& line : quortest::ReadLines(kDumpFile))
+        names.push_back(line.substr(0, line.find(' ')));
     EXPECT_EQ(names, (std::vector<std::string>{"============", "comm", "large", "middle", "small",
                                                "negative"}));
-    EXPECT_NE(ReadLines(kDumpFile)[0].find("(count: 5, "), std::string::npos);
+    EXPECT_NE(quortest::ReadLines(kDumpFile)[0].find("(count: 5, "), std::string::npos);
     tasks->DumpQuorTaskInfoNormal();
-    EXPECT_EQ(ReadLines(kDumpFile).size(), 7u);
+    EXPECT_EQ(quortest::ReadLines(kDumpFile).size(), 7u);
     tasks->DumpQuorTaskIgnoreKernelTaskInfo();
-    EXPECT_EQ(ReadLines(kDumpFile).size(), 6u);
+    EXPECT_EQ(quortest::ReadLines(kDumpFile).size(), 6u);
 }
 
 TEST_F(TaskManagerTest, ConcurrentWritersAndDumper) {
@@ -229,5 +224,5 @@ TEST_F(TaskManagerTest, ConcurrentWritersAndDumper) {
     ASSERT_TRUE(tasks->GetQuorTaskCopy(10001, &t));
     EXPECT_EQ(t.oldThreadNum, kRounds - 1);
     tasks->DumpQuorTaskInfo();
-    EXPECT_EQ(ReadLines(kDumpFile).size(), 2u + kPids);
+    EXPECT_EQ(quortest::ReadLines(kDumpFile).size(), 2u + kPids);
 }
