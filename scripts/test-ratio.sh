@@ -12,4 +12,4 @@ count() {
 exts="*.cpp *.h *.c *.py *.sh"
 tests=$(count $(for e in $exts; do printf 'tests/%s ' "$e"; done))
 code=$(count $(for e in $exts; do printf ':(glob)**/%s ' "$e"; done) ':(exclude)tests/**' ':(exclude)fuzz/**')
-echo "tests: $tests lines, code: $code lines, ratio: $((100 * tests / code))%"
+awk -v t="$tests" -v c="$code" 'BEGIN { printf "tests: %d lines, code: %d lines, ratio: %.1f%%\n", t, c, 100 * t / c }'
