@@ -95,19 +95,18 @@ struct {
  * Whether `child` is among the last QUOR_FORK_LIST_DEPTH entries of the list
  * `head`, whose entries are task_structs linked at `member_offset`. New tasks
  * are added at the tail, so the child is normally the last entry; others
- * forked concurrently by the same parent may have landed after it.
+ * forked concurrently by the same parent may have landed after it. Entries
+ * before `stop` (a node of the list, or null) are older than it, so the walk
+ * ends there; comparing the node itself costs no read of the task.
  */
 static __always_inline int quor_list_tail_has(struct list_head *head, __u64 member_offset,
-                                              pid_t child, pid_t stop)
+                                              pid_t child, struct list_head *stop)
 {
     struct list_head *node = BPF_CORE_READ(head, prev);
     for (int i = 0; i < QUOR_FORK_LIST_DEPTH; i++) {
-        if (!node || node == head) return 0;
+        if (!node || node == head || node == stop) return 0;
         struct task_struct *task = (void *)node - member_offset;
-        pid_t pid = BPF_CORE_READ(task, pid);
-        if (pid == child) return 1;
-        /* Entries before `stop` are older than it; the child is not among them. */
-        if (pid == stop) return 0;
+        if (BPF_CORE_READ(task, pid) == child) return 1;
         node = BPF_CORE_READ(node, prev);
     }
     return 0;
@@ -135,10 +134,11 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx)
     __s32 ppid;
 
     struct signal_struct *signal = BPF_CORE_READ(parent, signal);
-    /* The forking thread is older than a thread it creates: the walk stops there. */
-    if (signal && quor_list_tail_has(&signal->thread_head,
-                                     bpf_core_field_offset(struct task_struct, thread_node), child,
-                                     ctx->parent_pid)) {
+    /* The forking thread is older than a thread it creates: the walk stops at
+     * its own node, so a single-threaded parent's fork costs no task read. */
+    __u64 thread_node = bpf_core_field_offset(struct task_struct, thread_node);
+    if (signal && quor_list_tail_has(&signal->thread_head, thread_node, child,
+                                     (struct list_head *)((void *)parent + thread_node))) {
         kind = QUOR_TASK_KIND_THREAD;
         pid = parent_tgid;
         ppid = 0; /* not looked up for threads: the process's parent is already known */
