@@ -19,7 +19,8 @@ trap 'rm -rf "$work"' EXIT
 # perf's CSV line: value,unit,event,...; prints "event value-per-storm".
 per_storm() {
   awk -F, -v n="$storms" -v who="$2" '$3 != "" && $1 ~ /^[0-9.]+$/ {
-      printf "  %-8s %-20s %10.2f per storm\n", who, $3, $1 / n }' "$1"
+      if ($2 == "msec") printf "  %-8s %-20s %10.1f us per storm\n", who, $3, $1 * 1000 / n
+      else printf "  %-8s %-20s %10.2f per storm\n", who, $3, $1 / n }' "$1"
 }
 
 echo "$storms storms per mode; load average $(cut -d' ' -f1-3 /proc/loadavg)"
@@ -38,7 +39,9 @@ for mode in off default low_latency; do
     perf stat -x, -e "$events" -p "$daemon" -o "$work/daemon" &
     watcher=$!
   fi
+  start=$(date +%s%N)
   perf stat -x, -e "$events" -o "$work/storm" -- "$bench" --storms "$storms"
+  echo "  storm    wall-clock $(( ($(date +%s%N) - start) / storms / 1000 )) us per storm"
   per_storm "$work/storm" storm
   if [ "$daemon" != 0 ]; then
     kill -INT $watcher; wait $watcher

@@ -27,6 +27,7 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/bench_support.h"
@@ -38,8 +39,13 @@ using namespace quor_bench;
 namespace {
 
 constexpr int kPairs = 21;
-constexpr int kStormsPerBatch = 60;
-constexpr int kSettleStorms = 10;
+// A batch lasts some 100 ms or more: shorter ones measure the machine's
+// hiccups and the daemon's start rather than its steady cost.
+constexpr int kStormsPerBatch = 300;
+constexpr int kSettleStorms = 50;
+// The daemon's start (its scan of procfs, the first records) is over before
+// a batch is timed.
+constexpr std::chrono::milliseconds kSettleAfterStart(300);
 constexpr int kStatsStorms = 1000;
 
 // A target is either absolute or, for a programme that runs on every context
@@ -212,6 +218,7 @@ int main(int argc, char** argv) {
             BenchDaemon daemon;
             started = daemon.Start("storm_bench.quorbpfd.log", &error, mode == 1);
             if (!started) break;
+            std::this_thread::sleep_for(kSettleAfterStart);
             (void)TimeBatch(kSettleStorms);
             on[mode] = RunBatch(daemon.pid());
             daemon.Stop();
