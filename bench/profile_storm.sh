@@ -2,7 +2,8 @@
 # Counts what a storm of fork / thread / exit costs the scheduler, without
 # the daemon and with it in each reading mode: context switches, wake-ups,
 # CPU migrations and CPU time of the storm (the process and its children)
-# and of the daemon, per storm. Uses perf (linux-perf).
+# and of the daemon, per storm, and the storm's top symbols. Uses perf
+# (linux-perf).
 # Usage: tests/run_isolated.sh bench/profile_storm.sh BUILD_DIR [STORMS]
 set -u
 
@@ -47,6 +48,10 @@ for mode in off default low_latency; do
     kill -INT $watcher; wait $watcher
     per_storm "$work/daemon" daemon
   fi
+  # Where the storm's CPU time goes: its top symbols, kernel ones included.
+  perf record -q -o "$work/rec" -- "$bench" --storms "$storms" 2>/dev/null
+  perf report -i "$work/rec" --stdio --sort sym 2>/dev/null |
+    grep -v '^#' | grep -v '^$' | head -n "${TOP:-12}" | sed 's/^/    /'
   exec 3>&-
   wait $server
   rm -f "$work/in" "$work/pid"
