@@ -250,8 +250,9 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
  * Runs on every context switch. Once a tick per CPU at most it reads the ring
  * buffer's fill level; otherwise it only reads the status word and the
  * jiffies. With records waiting, every QUOR_FLUSH_GAP_JIFFIES
- * (and QUOR_WAKEUP_GAP_NS since the last wake-up) at most it wakes the reader
- * for records that a storm left unannounced (see quor_submit_flags): a
+ * (and QUOR_WAKEUP_GAP_NS since the last wake-up) at most it wakes the reader,
+ * unless that says it polls, for records that a storm left unannounced (see
+ * quor_submit_flags): a
  * storm's tail thus waits for the gap and the next switch on any CPU, never
  * for a count of switches that an idle system takes seconds to reach. At
  * most once a second it also copies the ring buffer's figures into the
@@ -281,7 +282,11 @@ int sched_sched_switch(void *ctx)
     if (ticks - *flushed < QUOR_FLUSH_GAP_JIFFIES) return 0;
     *flushed = ticks;
     __u64 now = bpf_ktime_get_ns();
-    quor_flush_wakeup(now);
+    /* A polling reader fetches waiting records on its own within its round:
+     * waking it would only cost an interrupt. */
+    key = QUOR_STATUS_KEY_READER;
+    __u64 *reader = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!reader || *reader != QUOR_READER_POLLING) quor_flush_wakeup(now);
 
     key = QUOR_STATUS_KEY_REFRESHED_NS;
     __u64 *refreshed = bpf_map_lookup_elem(&ringbuf_status, &key);
