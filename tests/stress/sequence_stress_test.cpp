@@ -24,6 +24,12 @@ using namespace quortest;
 
 namespace {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 constexpr int32_t kType = QUOR_EVENT_DMABUF_UPDATE;
 constexpr uint32_t kSeqOffset = offsetof(quor_record_header, timestamp_ns);
 std::string gStartError;
@@ -149,11 +155,13 @@ TEST_F(SequenceStressTest, SixtyThreeStalledClientsDoNotHoldUpAReader) {
     // has on this machine anyway. A machine on which the reader alone waits
     // longer than that cannot tell 10 ms apart: there only a stall per
     // overflow (tens of milliseconds and more) is caught.
-    const bool quiet = alone.reader < std::chrono::milliseconds(10);
+    // Sanitized builds run the fan-out several times slower: they check the
+    // stall, not the 10 ms figure.
+    const bool quiet = alone.reader < std::chrono::milliseconds(10) && !kSanitized;
     EXPECT_LT(excess, std::chrono::milliseconds(quiet ? 10 : 50))
         << "the reader waited " << Ms(beside.reader) << " ms beside the stalled clients, "
         << Ms(alone.reader) << " ms alone";
-    if (!quiet) printf("too busy a machine to check the 10 ms bound\n");
+    if (!quiet) printf("too busy or too slow a build to check the 10 ms bound\n");
     printf(
         "reader at 20000 records/s: longest gap %.2f ms alone, %.2f ms beside %d stalled clients "
         "(injector's longest interval %.2f / %.2f ms); %zu overflow records\n",
