@@ -201,7 +201,7 @@ TEST(ExporterMetricsTest, CountsEachLifeOnceAndBoundsThePerProcessSeries) {
              "quorbpf_process_resident_memory_bytes{pid=\"4194421\",comm=\"x\\\"y\\n?\",type="
              "\"anon\"} "
              "536870912\n",
-             "quorbpf_process_threads{pid=\"4194404\",comm=\"seed4\"} 3\n",
+             "quorbpf_process_threads{pid=\"4194404\",comm=\"early4\"} 3\n",
              "quorbpf_exporter_dropped_records_total 2\n",
              "quorbpf_exporter_reconnects_total 1\n",
              "# TYPE quorbpf_processes_started_total counter\n",
