@@ -173,7 +173,7 @@ std::string LogDir() {
     return dir != nullptr ? dir : "/tmp";
 }
 
-bool BenchDaemon::Start(const std::string& logName, std::string* error) {
+bool BenchDaemon::Start(const std::string& logName, std::string* error, bool lowLatency) {
     Stop();
     const uint64_t on = QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON;
     (void)WriteStatusWord(Quor::Bpf::RINGBUF_MAIN, 0);
@@ -191,9 +191,10 @@ bool BenchDaemon::Start(const std::string& logName, std::string* error) {
             (void)dup2(fd, STDOUT_FILENO);
             (void)dup2(fd, STDERR_FILENO);
         }
-        // The figures are taken in the low-latency reading mode.
+        const char* mode =
+            lowLatency ? "persist.sys.quorbpf.low_latency=1" : "persist.sys.quorbpf.low_latency=0";
         execl(daemon.c_str(), daemon.c_str(), "--no-load", "--property", "sys.quor_bpf_ready=1",
-              "--property", "persist.sys.quorbpf.low_latency=1", static_cast<char*>(nullptr));
+              "--property", mode, static_cast<char*>(nullptr));
         _exit(127);
     }
     pid_ = child;

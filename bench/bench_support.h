@@ -11,7 +11,8 @@
 //   figure \t value \t baseline \t ratio \t target \t verdict
 //
 // Daemon: BenchDaemon starts tools/quorbpfd as a child without loading
-// (the benchmark has pinned the programme sets already), waits until both
+// (the benchmark has pinned the programme sets already) and with its
+// defaults, the low-latency reading mode only when asked; it waits until both
 // monitors have switched their programmes on, and stops it with SIGINT. Its
 // log goes to a file in QUOR_BENCH_LOG_DIR (default /tmp).
 //
@@ -71,9 +72,10 @@ public:
     BenchDaemon(const BenchDaemon&) = delete;
     BenchDaemon& operator=(const BenchDaemon&) = delete;
 
-    // Clears both status words, starts quorbpfd and waits until both
-    // monitors have switched their programmes on and its socket answers.
-    bool Start(const std::string& logName, std::string* error);
+    // Clears both status words, starts quorbpfd (with
+    // persist.sys.quorbpf.low_latency=1 when `lowLatency`) and waits until
+    // both monitors have switched their programmes on and its socket answers.
+    bool Start(const std::string& logName, std::string* error, bool lowLatency = false);
     // SIGINT, then waits for the process (SIGKILL after 5 s).
     void Stop();
     pid_t pid() const { return pid_; }

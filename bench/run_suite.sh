@@ -22,6 +22,9 @@ export QUOR_BENCH_DAEMON="$build/tools/quorbpfd"
 
 load() { cut -d' ' -f1-3 /proc/loadavg; }
 
+model=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)
+machine="machine: $(nproc) CPUs (${model:-unknown model}), kernel $(uname -r) $(uname -m)"
+echo "$machine"
 echo "benchmarks on $(nproc) CPUs, load average $(load) at start"
 for programme in $programmes; do
   printf '  %-16s ' "$programme"
@@ -37,6 +40,7 @@ for programme in $programmes; do
 done
 
 echo
+echo "$machine; load average $(load) at the end"
 awk -F '\t' '
   BEGIN { printf "%-58s %-26s %-22s %6s  %-24s %s\n", "figure", "value", "baseline", "ratio", "target", "";
           printf "%-58s %-26s %-22s %6s  %-24s %s\n", "------", "-----", "--------", "-----", "------", "" }

@@ -1,19 +1,19 @@
 // What the service costs everything else: a fork / thread / exit storm timed
 // with the daemon running (programmes attached, records drained, decoded and
-// kept in the registry) against the same storm without it, in pairs of
-// batches in the same run; and each kernel programme's own time per run from
+// kept in the registry) against the same storm without it, in rounds of
+// batches in the same run: without, with the daemon's defaults, and with its
+// low-latency reading mode on; and each kernel programme's own time per run from
 // the kernel's BPF statistics, working against its floor (the status word
 // at 0: the programme returns after its first map lookup).
 //
-// Rates are timed with statistics off. Each pair starts the daemon afresh,
-// so that attaching and detaching land in untimed settling storms; the pairs
-// alternate which batch comes first. The ratio is the median over the pairs
-// of (time without) / (time with). On a machine shared with other work the
-// wall-clock rates swing with that work, so the CPU time is given as well:
-// the storm's own (this process and its children, the programmes and the
-// wake-ups they raise included) plus, with the service, the daemon's; its
-// ratio (without / with) is the rate the storm keeps where it and the
-// service compete for the same CPUs.
+// Rates are timed with statistics off. Each round starts the daemon afresh
+// for each mode, so that attaching and detaching land in untimed settling
+// storms; the rounds alternate whether the batch without comes first or last.
+// A ratio is the median over the rounds of (time without) / (time with). On a machine shared with
+// other work the wall-clock rates swing with that work, so the CPU time is given as well: the
+// storm's own (this process and its children, the programmes and the wake-ups they raise included)
+// plus, with the service, the daemon's; its ratio (without / with) is the rate the storm keeps
+// where it and the service compete for the same CPUs.
 //
 // Needs root; run through `make bench` (private namespaces).
 #include <bpf/bpf.h>
@@ -27,6 +27,7 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/bench_support.h"
@@ -38,22 +39,30 @@ using namespace quor_bench;
 namespace {
 
 constexpr int kPairs = 21;
-constexpr int kStormsPerBatch = 60;
-constexpr int kSettleStorms = 10;
+// A batch lasts some 100 ms or more: shorter ones measure the machine's
+// hiccups and the daemon's start rather than its steady cost.
+constexpr int kStormsPerBatch = 300;
+constexpr int kSettleStorms = 50;
+// The daemon's start (its scan of procfs, the first records) is over before
+// a batch is timed.
+constexpr std::chrono::milliseconds kSettleAfterStart(300);
 constexpr int kStatsStorms = 1000;
 
+// A target is either absolute or, for a programme that runs on every context
+// switch, a margin over its own floor.
 struct Programme {
     const char* object;
     const char* name;
     double targetNs;
+    bool overFloor;
 };
 const Programme kProgrammes[] = {
-    {"QuorBpfDefineset", "sched_sched_switch", 100},
-    {"QuorBpfDefineset", "sched_sched_process_fork", 300},
-    {"QuorBpfDefineset", "sched_sched_process_exit", 300},
-    {"QuorBpfDefineset", "kmem_rss_stat", 300},
-    {"QuorBpfGplDefineset", "sched_sched_process_exit", 300},
-    {"QuorBpfGplDefineset", "cgroup_cgroup_attach_task", 300},
+    {"QuorBpfDefineset", "sched_sched_switch", 15, true},
+    {"QuorBpfDefineset", "sched_sched_process_fork", 300, false},
+    {"QuorBpfDefineset", "sched_sched_process_exit", 300, false},
+    {"QuorBpfDefineset", "kmem_rss_stat", 300, false},
+    {"QuorBpfGplDefineset", "sched_sched_process_exit", 300, false},
+    {"QuorBpfGplDefineset", "cgroup_cgroup_attach_task", 300, false},
 };
 
 void* Idle(void*) {
@@ -147,9 +156,45 @@ std::map<std::string, double> NsPerRun(int storms) {
     return out;
 }
 
+// For a profile (bench/profile_storm.sh): `--storms N` runs N storms and
+// nothing else; `--serve off|default|low_latency` prepares the kernel side,
+// starts the daemon in that mode (or none), prints its pid (0 for none) and
+// keeps it until standard input closes.
+int ProfileMode(int argc, char** argv) {
+    const std::string mode = argv[1];
+    if (mode == "--storms" && argc == 3) {
+        (void)TimeBatch(atoi(argv[2]));
+        return 0;
+    }
+    if (mode != "--serve" || argc != 3) {
+        fprintf(stderr, "usage: storm_bench [--storms N | --serve off|default|low_latency]\n");
+        return 2;
+    }
+    std::string error;
+    if (!PrepareKernelSide(&error)) {
+        fprintf(stderr, "storm_bench: %s\n", error.c_str());
+        return 77;
+    }
+    const std::string which = argv[2];
+    BenchDaemon daemon;
+    if (which != "off" &&
+        !daemon.Start("storm_profile.quorbpfd.log", &error, which == "low_latency")) {
+        fprintf(stderr, "storm_bench: %s\n", error.c_str());
+        return 1;
+    }
+    (void)TimeBatch(kSettleStorms);
+    printf("%d\n", daemon.running() ? daemon.pid() : 0);
+    fflush(stdout);
+    char byte;
+    while (read(STDIN_FILENO, &byte, 1) > 0) {
+    }
+    return 0;
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc > 1) return ProfileMode(argc, argv);
     std::string error;
     if (!PrepareKernelSide(&error)) {
         fprintf(stderr, "storm_bench: %s\n", error.c_str());
@@ -157,56 +202,69 @@ int main() {
     }
     const char* repsText = getenv("QUOR_BENCH_REPS");
     const int pairs = repsText != nullptr ? atoi(repsText) : kPairs;
-    std::vector<double> with;
-    std::vector<double> without;
-    std::vector<double> ratios;
-    std::vector<double> cpuWith;
-    std::vector<double> cpuWithout;
-    std::vector<double> cpuRatios;
+    // Index 0: the daemon's defaults; 1: low latency on.
+    struct Series {
+        std::vector<double> with, without, ratios, cpuWith, cpuWithout, cpuRatios;
+    } series[2];
     for (int i = 0; i < pairs; ++i) {
         Batch off;
         if (i % 2 == 1) {
             (void)TimeBatch(kSettleStorms);
             off = RunBatch(-1);
         }
-        BenchDaemon daemon;
-        if (!daemon.Start("storm_bench.quorbpfd.log", &error)) {
+        Batch on[2];
+        bool started = true;
+        for (int mode = 0; mode < 2 && started; ++mode) {
+            BenchDaemon daemon;
+            started = daemon.Start("storm_bench.quorbpfd.log", &error, mode == 1);
+            if (!started) break;
+            std::this_thread::sleep_for(kSettleAfterStart);
+            (void)TimeBatch(kSettleStorms);
+            on[mode] = RunBatch(daemon.pid());
+            daemon.Stop();
+        }
+        if (!started) {
             fprintf(stderr, "storm_bench: %s\n", error.c_str());
             continue;
         }
-        (void)TimeBatch(kSettleStorms);
-        const Batch on = RunBatch(daemon.pid());
-        daemon.Stop();
         if (i % 2 == 0) {
             (void)TimeBatch(kSettleStorms);
             off = RunBatch(-1);
         }
-        with.push_back(kStormsPerBatch / on.seconds);
-        without.push_back(kStormsPerBatch / off.seconds);
-        ratios.push_back(off.seconds / on.seconds);
-        cpuWith.push_back(on.cpuSeconds / kStormsPerBatch * 1e6);
-        cpuWithout.push_back(off.cpuSeconds / kStormsPerBatch * 1e6);
-        cpuRatios.push_back(off.cpuSeconds / on.cpuSeconds);
-        fprintf(
-            stderr,
-            "pair %d: %.0f storms/s with the service, %.0f without, ratio %.3f; CPU %.0f / %.0f "
-            "us per storm (daemon %.0f), ratio %.3f\n",
-            i, with.back(), without.back(), ratios.back(), cpuWith.back(), cpuWithout.back(),
-            on.daemonCpuSeconds / kStormsPerBatch * 1e6, cpuRatios.back());
+        for (int mode = 0; mode < 2; ++mode) {
+            Series& s = series[mode];
+            s.with.push_back(kStormsPerBatch / on[mode].seconds);
+            s.without.push_back(kStormsPerBatch / off.seconds);
+            s.ratios.push_back(off.seconds / on[mode].seconds);
+            s.cpuWith.push_back(on[mode].cpuSeconds / kStormsPerBatch * 1e6);
+            s.cpuWithout.push_back(off.cpuSeconds / kStormsPerBatch * 1e6);
+            s.cpuRatios.push_back(off.cpuSeconds / on[mode].cpuSeconds);
+            fprintf(stderr,
+                    "round %d%s: %.0f storms/s with the service, %.0f without, ratio %.3f; CPU "
+                    "%.0f / %.0f us per storm (daemon %.0f), ratio %.3f\n",
+                    i, mode == 1 ? " (low latency)" : "", s.with.back(), s.without.back(),
+                    s.ratios.back(), s.cpuWith.back(), s.cpuWithout.back(),
+                    on[mode].daemonCpuSeconds / kStormsPerBatch * 1e6, s.cpuRatios.back());
+        }
     }
-    if (ratios.empty()) {
-        AddRow("3.2 storm rate with the service (storms/s)", "failed", "-", -1, ">= 0.97",
+    if (series[0].ratios.empty()) {
+        AddRow("3.2 storm rate with the service (storms/s)", "failed", "-", -1, ">= 0.95",
                "MISSED");
         return 1;
     }
-    const double ratio = Median(ratios);
-    AddRow("3.2 storm rate with the service (storms/s)", Format("%.0f", Median(with)),
-           Format("%.0f (without)", Median(without)), ratio, ">= 0.97 of without",
-           Verdict(ratio >= 0.97));
-    const double cpuRatio = Median(cpuRatios);
-    AddRow("3.3 storm CPU, storm + daemon (us/storm)", Format("%.0f", Median(cpuWith)),
-           Format("%.0f (without)", Median(cpuWithout)), cpuRatio, ">= 0.97 (without/with)",
-           Verdict(cpuRatio >= 0.97));
+    for (int mode = 0; mode < 2; ++mode) {
+        const Series& s = series[mode];
+        const char* name = mode == 1 ? ", low_latency=1" : "";
+        const double target = mode == 1 ? 0.90 : 0.95;
+        const double ratio = Median(s.ratios);
+        AddRow(Format("3.%d storm rate with the service%s (storms/s)", 2 + 2 * mode, name),
+               Format("%.0f", Median(s.with)), Format("%.0f (without)", Median(s.without)), ratio,
+               Format(">= %.2f of without", target), Verdict(ratio >= target));
+        const double cpuRatio = Median(s.cpuRatios);
+        AddRow(Format("3.%d storm CPU, storm + daemon%s (us/storm)", 3 + 2 * mode, name),
+               Format("%.0f", Median(s.cpuWith)), Format("%.0f (without)", Median(s.cpuWithout)),
+               cpuRatio, Format(">= %.2f (without/with)", target), Verdict(cpuRatio >= target));
+    }
 
     // Each programme's own time: statistics on, working and then with the
     // status words at 0 (the floor of an attached programme).
@@ -217,7 +275,7 @@ int main() {
     }
     const int statsFd = bpf_enable_stats(BPF_STATS_RUN_TIME);
     if (statsFd < 0) {
-        AddRow("3.4 kernel programme time", "no BPF statistics", "-", -1, "-", "");
+        AddRow("3.6 kernel programme time", "no BPF statistics", "-", -1, "-", "");
         return 0;
     }
     (void)TimeBatch(kSettleStorms);
@@ -233,9 +291,12 @@ int main() {
         const auto off = floor.find(name);
         if (on == working.end()) continue;
         const double base = off != floor.end() ? off->second : 0;
-        AddRow("3.4 " + name + " (ns/run)", Format("%.0f", on->second),
+        const double limit = prog.overFloor ? base + prog.targetNs : prog.targetNs;
+        AddRow("3.6 " + name + " (ns/run)", Format("%.0f", on->second),
                Format("%.0f (gate shut)", base), base > 0 ? on->second / base : -1,
-               Format("<= %.0f ns", prog.targetNs), Verdict(on->second <= prog.targetNs));
+               prog.overFloor ? Format("<= floor + %.0f ns", prog.targetNs)
+                              : Format("<= %.0f ns", prog.targetNs),
+               Verdict(on->second <= limit));
     }
     return 0;
 }

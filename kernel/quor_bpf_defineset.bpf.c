@@ -95,19 +95,18 @@ struct {
  * Whether `child` is among the last QUOR_FORK_LIST_DEPTH entries of the list
  * `head`, whose entries are task_structs linked at `member_offset`. New tasks
  * are added at the tail, so the child is normally the last entry; others
- * forked concurrently by the same parent may have landed after it.
+ * forked concurrently by the same parent may have landed after it. Entries
+ * before `stop` (a node of the list, or null) are older than it, so the walk
+ * ends there; comparing the node itself costs no read of the task.
  */
 static __always_inline int quor_list_tail_has(struct list_head *head, __u64 member_offset,
-                                              pid_t child, pid_t stop)
+                                              pid_t child, struct list_head *stop)
 {
     struct list_head *node = BPF_CORE_READ(head, prev);
     for (int i = 0; i < QUOR_FORK_LIST_DEPTH; i++) {
-        if (!node || node == head) return 0;
+        if (!node || node == head || node == stop) return 0;
         struct task_struct *task = (void *)node - member_offset;
-        pid_t pid = BPF_CORE_READ(task, pid);
-        if (pid == child) return 1;
-        /* Entries before `stop` are older than it; the child is not among them. */
-        if (pid == stop) return 0;
+        if (BPF_CORE_READ(task, pid) == child) return 1;
         node = BPF_CORE_READ(node, prev);
     }
     return 0;
@@ -135,10 +134,11 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx)
     __s32 ppid;
 
     struct signal_struct *signal = BPF_CORE_READ(parent, signal);
-    /* The forking thread is older than a thread it creates: the walk stops there. */
-    if (signal && quor_list_tail_has(&signal->thread_head,
-                                     bpf_core_field_offset(struct task_struct, thread_node), child,
-                                     ctx->parent_pid)) {
+    /* The forking thread is older than a thread it creates: the walk stops at
+     * its own node, so a single-threaded parent's fork costs no task read. */
+    __u64 thread_node = bpf_core_field_offset(struct task_struct, thread_node);
+    if (signal && quor_list_tail_has(&signal->thread_head, thread_node, child,
+                                     (struct list_head *)((void *)parent + thread_node))) {
         kind = QUOR_TASK_KIND_THREAD;
         pid = parent_tgid;
         ppid = 0; /* not looked up for threads: the process's parent is already known */
@@ -250,8 +250,9 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
  * Runs on every context switch. Once a tick per CPU at most it reads the ring
  * buffer's fill level; otherwise it only reads the status word and the
  * jiffies. With records waiting, every QUOR_FLUSH_GAP_JIFFIES
- * (and QUOR_WAKEUP_GAP_NS since the last wake-up) at most it wakes the reader
- * for records that a storm left unannounced (see quor_submit_flags): a
+ * (and QUOR_WAKEUP_GAP_NS since the last wake-up) at most it wakes the reader,
+ * unless that says it polls, for records that a storm left unannounced (see
+ * quor_submit_flags): a
  * storm's tail thus waits for the gap and the next switch on any CPU, never
  * for a count of switches that an idle system takes seconds to reach. At
  * most once a second it also copies the ring buffer's figures into the
@@ -281,7 +282,11 @@ int sched_sched_switch(void *ctx)
     if (ticks - *flushed < QUOR_FLUSH_GAP_JIFFIES) return 0;
     *flushed = ticks;
     __u64 now = bpf_ktime_get_ns();
-    quor_flush_wakeup(now);
+    /* A polling reader fetches waiting records on its own within its round:
+     * waking it would only cost an interrupt. */
+    key = QUOR_STATUS_KEY_READER;
+    __u64 *reader = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!reader || *reader != QUOR_READER_POLLING) quor_flush_wakeup(now);
 
     key = QUOR_STATUS_KEY_REFRESHED_NS;
     __u64 *refreshed = bpf_map_lookup_elem(&ringbuf_status, &key);

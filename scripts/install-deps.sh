@@ -13,6 +13,7 @@ PACKAGES="
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libmicrohttpd-dev
   util-linux iproute2 procps tmux clang-format python3 python3-prometheus-client
+  linux-perf
 "
 
 missing=""

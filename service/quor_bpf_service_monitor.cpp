@@ -29,10 +29,13 @@ constexpr int64_t kStatusCheckIntervalS = 30;
 
 // The main ring buffer's reader polls while records flow and sleeps when they
 // stop. Polling every kPollIntervalNs bounds a record's wait for the reader
-// to that interval without a wake-up (an interrupt of the writer) per record;
-// kIdlePollsBeforeSleep empty polls in a row send it back to sleep, announced,
-// so that the next record wakes it at once.
-constexpr long kPollIntervalNs = 200000;
+// to that interval without a wake-up (an interrupt of the writer) per record,
+// and bounds the reader's own wake-ups to one per interval however fast
+// records come; kIdlePollsBeforeSleep empty polls in a row send it back to
+// sleep, announced, so that the next record wakes it at once. The low-latency
+// mode polls five times as often, with a tighter timer.
+constexpr long kPollIntervalNs = 1000000;
+constexpr long kLowLatencyPollIntervalNs = 200000;
 constexpr long kPollTimerSlackNs = 10000;
 constexpr int kIdlePollsBeforeSleep = 2;
 
@@ -71,7 +74,8 @@ void AnnounceReader(int mapFd, uint64_t state) {
 // negative with errno set).
 class AnnouncedWait {
 public:
-    AnnouncedWait(ring_buffer* rb, int statusFd) : rb_(rb), statusFd_(statusFd) {}
+    AnnouncedWait(ring_buffer* rb, int statusFd, long intervalNs)
+        : rb_(rb), statusFd_(statusFd), intervalNs_(intervalNs) {}
 
     int round() {
         if (sleeping_) {
@@ -82,7 +86,7 @@ public:
             idlePolls_ = 0;
             return ret;
         }
-        const timespec interval = {0, kPollIntervalNs};
+        const timespec interval = {0, intervalNs_};
         (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &interval, nullptr);
         int ret = ring_buffer__consume(rb_);
         if (ret != 0) {
@@ -106,6 +110,7 @@ public:
 private:
     ring_buffer* rb_;
     int statusFd_;
+    long intervalNs_;
     bool sleeping_ = false;
     int idlePolls_ = kIdlePollsBeforeSleep - 1;  // starts with the announced sleep
 };
@@ -183,15 +188,18 @@ int QuorBpfService::runMonitor(int index) {
         (void)UpdateStatusBits(statusFd.get(), QUOR_STATUS_NORMAL_ON, true);
     }
 
-    // Opt-in low-latency mode, main set only: while records flow the reader
-    // polls in short rounds instead of blocking, and it tells the programmes
-    // when it goes to sleep so that the next record wakes it at once. It
-    // trades CPU for latency; by default the monitor blocks in its poll and
-    // relies on the programmes' paced wake-ups.
-    const bool announces = index == RINGBUF_MAIN &&
-                           android::base::GetProperty(QUOR_BPF_LOW_LATENCY_PROPERTY, "0") == "1";
-    AnnouncedWait announced(rb, statusFd.get());
-    if (announces) (void)prctl(PR_SET_TIMERSLACK, kPollTimerSlackNs, 0, 0, 0);
+    // Main set: while records flow the reader polls in rounds instead of
+    // blocking, and it tells the programmes when it goes to sleep so that the
+    // next record wakes it at once; a record thus waits at most a round, and a
+    // storm costs the reader one wake-up per round, not one per record nor a
+    // wait for the programmes' paced flush. The opt-in low-latency mode makes
+    // the rounds shorter. The GPL set's records are rare: it blocks in its
+    // poll and the kernel's own rule wakes it.
+    const bool announces = index == RINGBUF_MAIN;
+    const bool lowLatency = android::base::GetProperty(QUOR_BPF_LOW_LATENCY_PROPERTY, "0") == "1";
+    AnnouncedWait announced(rb, statusFd.get(),
+                            lowLatency ? kLowLatencyPollIntervalNs : kPollIntervalNs);
+    if (announces && lowLatency) (void)prctl(PR_SET_TIMERSLACK, kPollTimerSlackNs, 0, 0, 0);
     int consecutiveErrors = 0;
     while (true) {
         if (!running_.load()) {

@@ -10,6 +10,7 @@
 #include "bpf/quor_bpf_prog_attach.h"
 #include "service/quor_bpf_service.h"
 #include "tests/kernel/kernel_test_env.h"
+#include "tests/support/proc_self.h"
 
 using namespace Quor::Bpf;
 using quor_test::KernelHasKprobes;
@@ -21,16 +22,6 @@ const std::string kDir = "/sys/fs/bpf/quor/";
 const std::string kFdInstall = "prog_QuorBpfDefineset_kprobe_enter_fd_install";
 
 std::string g_skip;
-
-size_t OpenDescriptors() {
-    size_t count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (const dirent* entry = dir == nullptr ? nullptr : readdir(dir)) {
-        count += entry->d_name[0] != '.';
-    }
-    if (dir != nullptr) closedir(dir);
-    return count;
-}
 
 struct RowCounts {
     int admitted = 0;         // rows the running kernel's version admits ("N.M+")
@@ -95,12 +86,12 @@ TEST_F(ProgAttachTest, WalksAttachWhatTheKernelOffersAndTreatEexistDifferently) 
     // Again: a failed attach keeps no descriptor. Where kprobes exist, one
     // attached a second time through the PMU holds its own, so the count is
     // checked where every row fails.
-    const size_t fdsAttached = OpenDescriptors();
+    const size_t fdsAttached = quortest::OpenDescriptors();
     const int again = AttachAllQuorBpfProgram(kDir, QuorBpfService::PROG_EVENT_MAP);
     EXPECT_GE(again, main.admitted - main.kprobesAttached);
     EXPECT_LE(again, main.admitted);
     if (main.kprobesAttached == 0) {
-        EXPECT_EQ(OpenDescriptors(), fdsAttached);
+        EXPECT_EQ(quortest::OpenDescriptors(), fdsAttached);
     }
 
     // Extra files: a kretprobe (unknown to the walk, not counted), a name with
@@ -130,7 +121,7 @@ TEST_F(ProgAttachTest, WalksAttachWhatTheKernelOffersAndTreatEexistDifferently) 
     EXPECT_EQ(AttachAllQuorBpfProgram(kDir), expected);
     EXPECT_EQ(AttachKProbeProgram(kDir, "QuorBpfDefineset", "bogus_fd_install"), -1);
     if (!KernelHasKprobes()) {
-        EXPECT_EQ(OpenDescriptors(), fdsAttached);
+        EXPECT_EQ(quortest::OpenDescriptors(), fdsAttached);
     }
     for (const auto& alias : aliases) (void)unlink((kDir + alias).c_str());
 }

@@ -16,6 +16,7 @@
 #include "diag/quor_bpf_dump_signals.h"
 #include "diag/quor_bpf_state.h"
 #include "diag/quor_bpf_task_manager.h"
+#include "tests/support/proc_self.h"
 #include "tests/support/raw_ipc_client.h"
 
 using namespace Quor::Bpf;
@@ -39,25 +40,6 @@ uint64_t Received(int signo) {
     DumpSignalProgress p;
     EXPECT_TRUE(GetDumpSignalProgress(signo, &p));
     return p.received;
-}
-
-std::vector<std::string> ReadLines(const char* path) {
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
-int CountThreadsNamed(const std::string& name) {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/task");
-    while (dirent* entry = dir ? readdir(dir) : nullptr) {
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string text;
-        count += std::getline(comm, text) && text == name;
-    }
-    if (dir) closedir(dir);
-    return count;
 }
 
 QuorTask Task(int32_t pid, const char* comm, int64_t anon) {
@@ -89,9 +71,9 @@ protected:
 
 TEST_F(DumpSignalsTest, InstalledOnceWithRestartingHandlers) {
     // The thread names itself once running: wait for it.
-    EXPECT_TRUE(quortest::WaitFor([] { return CountThreadsNamed("BpfServiceDump") == 1; }));
+    EXPECT_TRUE(quortest::WaitFor([] { return quortest::ThreadsNamed("BpfServiceDump") == 1; }));
     InstallDumpSignalHandlers();
-    EXPECT_EQ(CountThreadsNamed("BpfServiceDump"), 1);
+    EXPECT_EQ(quortest::ThreadsNamed("BpfServiceDump"), 1);
     // Other threads' blocking calls must not fail with EINTR because of a dump.
     for (int signo = 50; signo <= 54; ++signo) {
         struct sigaction action = {};
@@ -107,7 +89,7 @@ TEST_F(DumpSignalsTest, EachSignalWritesItsVariant) {
         const uint64_t before = Received(signo);
         ASSERT_EQ(raise(signo), 0);
         ASSERT_TRUE(WaitCaughtUp(signo, before + 1)) << signo;
-        const auto lines = ReadLines(kTaskFile);
+        const auto lines = quortest::ReadLines(kTaskFile);
         ASSERT_EQ(lines.size(), signo % 2 ? 4u : 3u) << signo;
         EXPECT_EQ(lines[1].find("oldThreadNum") != std::string::npos, signo < 53) << signo;
         EXPECT_EQ(lines[2].rfind("surfaceflinger", 0), 0u) << signo;
@@ -117,7 +99,7 @@ TEST_F(DumpSignalsTest, EachSignalWritesItsVariant) {
     QuorBpfDataState::GetInstance()->RecordEvent(2, 3);
     ASSERT_EQ(raise(50), 0);
     ASSERT_TRUE(WaitCaughtUp(50, before + 1));
-    EXPECT_EQ(ReadLines(kStateFile).at(0).rfind("EventCount, ", 0), 0u);
+    EXPECT_EQ(quortest::ReadLines(kStateFile).at(0).rfind("EventCount, ", 0), 0u);
     EXPECT_NE(access(kTaskFile, F_OK), 0);  // the statistics have a file of their own
 }
 

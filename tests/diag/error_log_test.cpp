@@ -12,23 +12,11 @@
 #include <vector>
 
 #include "diag/quor_bpf_error_log.h"
+#include "tests/support/proc_self.h"
 
 using namespace Quor::Bpf;
 
 namespace {
-
-std::string ReadFile(const char* path) {
-    std::ostringstream out;
-    out << std::ifstream(path).rdbuf();
-    return out.str();
-}
-
-std::vector<std::string> ReadLines(const char* path) {
-    std::istringstream in(ReadFile(path));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
 
 class ErrorLogTest : public ::testing::Test {
 protected:
@@ -45,7 +33,7 @@ TEST_F(ErrorLogTest, RotationKeepsOnlyThePreviousRun) {
     for (const char* run : {"first run\n", "second run\n"}) {
         std::ofstream(BPF_SERVICE_ERROR_LOG) << run;
         EXPECT_EQ(InitBpfServiceErrorLog(), 0);
-        EXPECT_EQ(ReadFile(BPF_SERVICE_ERROR_OLD_LOG), run);
+        EXPECT_EQ(quortest::ReadFile(BPF_SERVICE_ERROR_OLD_LOG), run);
         EXPECT_NE(access(BPF_SERVICE_ERROR_LOG, F_OK), 0);
     }
 }
@@ -57,7 +45,7 @@ TEST_F(ErrorLogTest, RecordCarriesProcessThreadAndCommandLine) {
         RecordBpfServiceErrorInfo(2, "Ipc package damage");
     }).join();
 
-    const std::string text = ReadFile(BPF_SERVICE_ERROR_LOG);
+    const std::string text = quortest::ReadFile(BPF_SERVICE_ERROR_LOG);
     const std::regex format(
         "----------\nTime: \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\nPid: (\\d+)\nTid: (\\d+)\n"
         "Cmdline: ([^\n]*)\nComm: BpfServiceTr\nErrorCode: 2\nError: Ipc package damage\n\n");
@@ -74,7 +62,7 @@ TEST_F(ErrorLogTest, NewestFirstAndBoundedTo4999OldLines) {
     InitBpfServiceErrorLog();
     RecordBpfServiceErrorInfo(1, "older");
     RecordBpfServiceErrorInfo(3, "newer");
-    std::vector<std::string> lines = ReadLines(BPF_SERVICE_ERROR_LOG);
+    std::vector<std::string> lines = quortest::ReadLines(BPF_SERVICE_ERROR_LOG);
     ASSERT_EQ(lines.size(), 18u);
     EXPECT_EQ(lines[7], "Error: newer");
     EXPECT_EQ(lines[16], "Error: older");
@@ -83,7 +71,7 @@ TEST_F(ErrorLogTest, NewestFirstAndBoundedTo4999OldLines) {
     for (int i = 0; i < 5000; ++i) old += "line " + std::to_string(i) + "\n";
     std::ofstream(BPF_SERVICE_ERROR_LOG) << old;
     RecordBpfServiceErrorInfo(6, "B&A Ipc Package queue full 10000");
-    lines = ReadLines(BPF_SERVICE_ERROR_LOG);
+    lines = quortest::ReadLines(BPF_SERVICE_ERROR_LOG);
     ASSERT_EQ(lines.size(), 9u + 4999u);
     EXPECT_EQ(lines[6], "ErrorCode: 6");
     EXPECT_EQ(lines[9], "line 0");
@@ -106,7 +94,7 @@ TEST_F(ErrorLogTest, ConcurrentWritersLoseNothingAndLeaveOneWholeFile) {
     for (std::thread& w : writers) w.join();
 
     // Every record whole (eight lines and a blank one), each exactly once.
-    const std::vector<std::string> lines = ReadLines(BPF_SERVICE_ERROR_LOG);
+    const std::vector<std::string> lines = quortest::ReadLines(BPF_SERVICE_ERROR_LOG);
     ASSERT_EQ(lines.size(), 9u * kThreads * kEach);
     std::set<std::string> seen;
     for (size_t at = 0; at < lines.size(); at += 9) {

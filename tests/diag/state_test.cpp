@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "diag/quor_bpf_event_names.h"
 #include "diag/quor_bpf_state.h"
 
 using namespace Quor::Bpf;
@@ -95,6 +96,8 @@ TEST_F(StateTest, CountsPerTypePollsApartAndBadTypesIgnored) {
     rows = ReadRows();
     ASSERT_EQ(rows.size(), 2u);
     EXPECT_EQ(rows[1], "45, 42, 0, 0, 2, 0, 0, 0, 1, 5, ");
+    // Nor are their names read from outside the name table.
+    for (int type : {9, -1, 1 << 30}) EXPECT_STREQ(EventTypeName(type), "UNKNOW") << type;
 }
 
 TEST_F(StateTest, SilentSecondsGetZeroRowsNewestFirst) {

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -17,7 +16,6 @@
 #include <thread>
 #include <vector>
 
-#include "ipc/epoll_manager.h"
 #include "ipc/ipc_package_handler.h"
 #include "ipc/ipc_package_manager.h"
 #include "tests/support/raw_ipc_client.h"
@@ -280,38 +278,6 @@ TEST(UnixIpcManagerTest, ServerOutlastsASquatter) {
     RawIpcClient first(kSocket);
     ASSERT_TRUE(first.send(Frame(2, "hello")));
     EXPECT_EQ(ReadEcho(&first), "hello");
-}
-
-TEST(EpollManagerTest, EveryConstructorBuildsAWorkingLoop) {
-    cpu_set_t cpus;
-    CPU_ZERO(&cpus);
-    { EpollManager idle(4, 8, nullptr, "Idle", cpus, -1); }  // never started, no CPU: harmless
-    CPU_SET(0, &cpus);
-    for (int form = 0; form < 3; ++form) {
-        SCOPED_TRACE(form);
-        std::atomic<int> reads{0};
-        const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-        ASSERT_NE(fd, -1);
-        std::unique_ptr<EpollManager> loop;
-        auto init = [] { return 1; };
-        if (form == 0) loop = std::make_unique<EpollManager>(4, 8, init, "Loop", cpus, -1);
-        if (form == 1) loop = std::make_unique<EpollManager>(4, 8, init, "Loop", -1);
-        if (form == 2) loop = std::make_unique<EpollManager>(4, 8, init, -1);
-        EpollCallback callback;
-        callback.readCallback = [&](epoll_event) {
-            uint64_t value = 0;
-            (void)read(fd, &value, sizeof(value));
-            reads.fetch_add(1);
-            return 0;
-        };
-        ASSERT_TRUE(loop->addMonitorFd(fd, callback));
-        ASSERT_TRUE(loop->start());
-        const uint64_t one = 1;
-        ASSERT_EQ(write(fd, &one, sizeof(one)), 8);
-        EXPECT_TRUE(WaitFor([&] { return reads.load() == 1; }));
-        loop.reset();
-        close(fd);
-    }
 }
 
 }  // namespace

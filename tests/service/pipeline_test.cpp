@@ -43,19 +43,6 @@ constexpr uint64_t kSecond = 1000000000ULL;
 constexpr int32_t kMarkerPid = kFakePidBase;
 const std::string kGplPinAway = std::string(RINGBUF_MAP_PATHS[RINGBUF_GPL]) + "_away";
 
-// Threads of this process named `name`.
-int Threads(const std::string& name) {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/task");
-    while (const dirent* entry = dir ? readdir(dir) : nullptr) {
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string text;
-        count += std::getline(comm, text) && text == name;
-    }
-    if (dir) closedir(dir);
-    return count;
-}
-
 struct Event {
     uint32_t type;
     std::string bytes;
@@ -278,29 +265,6 @@ TEST(PipelineTest, ChildLifetimeReachesTheClientInOrder) {
     EXPECT_FALSE(Registered(child));
 }
 
-TEST(PipelineTest, EveryForkOfAStormReachesTheClient) {
-    std::set<int32_t> pids;
-    for (int i = 0; i < 1000; ++i) {
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) _exit(0);
-        pids.insert(child);
-    }
-    for (size_t i = 0; i < pids.size(); ++i) (void)wait(nullptr);
-    EXPECT_TRUE(gEnv->events.waitFor(
-        [&] {
-            return std::all_of(pids.begin(), pids.end(), [&](int32_t pid) {
-                return gEnv->events.countLocked(pid, QUOR_SERVICE_TASK_EXIT) > 0;
-            });
-        },
-        std::chrono::seconds(30)));
-    size_t forked = 0;
-    for (int32_t pid : pids) forked += gEnv->events.count(pid, QUOR_EVENT_TASK_CREATE) > 0;
-    EXPECT_EQ(forked, pids.size());
-    // Nothing was lost, so the kernel never had to flag an overflow.
-    EXPECT_EQ(quortest::StatusWord(RINGBUF_MAIN) & QUOR_STATUS_OVERFLOW, 0u);
-}
-
 TEST(PipelineTest, ThreadChangesAreReportedAfterThreeSecondsAndElevenThreads) {
     const int32_t pid = kFakePidBase + 1;
     const uint64_t t0 = 1000 * kSecond;
@@ -445,7 +409,7 @@ TEST(PipelineTest, AProcessEndsOnceWhenTheLossSweepCameBeforeItsExitRecord) {
 TEST(PipelineTest, ARestartedProducerRunsItsMonitorOnly) {
     QuorBpfService* service = QuorBpfService::GetInstance();
     const auto ended = [] {
-        return quortest::PollUntil([] { return Threads("BpfServicePGpl") == 0; },
+        return quortest::PollUntil([] { return quortest::ThreadsNamed("BpfServicePGpl") == 0; },
                                    std::chrono::seconds(10));
     };
     ASSERT_TRUE(ended());
@@ -462,7 +426,7 @@ TEST(PipelineTest, ARestartedProducerRunsItsMonitorOnly) {
     // The pin back, one more restart: the GPL monitor serves again.
     ASSERT_EQ(rename(kGplPinAway.c_str(), RINGBUF_MAP_PATHS[RINGBUF_GPL]), 0);
     service->superviseProducers();
-    EXPECT_TRUE(quortest::PollUntil([] { return Threads("BpfServicePGpl") == 1; },
+    EXPECT_TRUE(quortest::PollUntil([] { return quortest::ThreadsNamed("BpfServicePGpl") == 1; },
                                     std::chrono::seconds(10)));
     EXPECT_TRUE(quortest::PollUntil(
         [] {

@@ -301,26 +301,6 @@ TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
     }
 }
 
-TEST_F(ServiceClientsTest, ManyClientsEachReceiveEveryRecord) {
-    constexpr int kClients = 24;
-    constexpr uint32_t kRecords = 400;
-    std::vector<std::unique_ptr<Received>> got;
-    std::vector<std::unique_ptr<QuorBpfClient>> clients;
-    for (int i = 0; i < kClients; ++i) {
-        got.push_back(std::make_unique<Received>());
-        clients.push_back(Connect(got.back().get()));
-        ASSERT_NE(clients.back(), nullptr);
-        ASSERT_EQ(Ask(clients.back().get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_RSS_STAT), 0);
-    }
-    for (uint32_t seq = 0; seq < kRecords; ++seq) Append(Record(QUOR_EVENT_RSS_STAT, seq, 32));
-    for (int i = 0; i < kClients; ++i) {
-        ASSERT_TRUE(WaitFor([&] { return got[i]->size() == kRecords; })) << i;
-        const auto records = got[i]->snapshot();
-        for (uint32_t seq = 0; seq < kRecords; ++seq)
-            ASSERT_EQ(records[seq], Record(QUOR_EVENT_RSS_STAT, seq, 32));
-    }
-}
-
 TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne) {
     constexpr int32_t kTickType = QUOR_EVENT_TASK_EXIT;
     std::mutex mutex;

@@ -12,26 +12,11 @@
 
 #include "diag/quor_bpf_time.h"
 #include "quor/bpf_service_main.h"
+#include "tests/support/proc_self.h"
 #include "tests/support/raw_ipc_client.h"
 
 using namespace Quor::Bpf;
 using android::base::SetProperty;
-
-namespace {
-
-int Threads(const std::string& name) {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/task");
-    while (dirent* entry = dir ? readdir(dir) : nullptr) {
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string text;
-        count += std::getline(comm, text) && text == name;
-    }
-    if (dir) closedir(dir);
-    return count;
-}
-
-}  // namespace
 
 TEST(ServiceLifecycleTest, DisableStartReadinessStopAndJoin) {
     EXPECT_EQ(WaitBpfService(), -1);  // nothing started yet
@@ -40,7 +25,7 @@ TEST(ServiceLifecycleTest, DisableStartReadinessStopAndJoin) {
     // Only the exact value "1" disables.
     SetProperty("persist.sys.stability.bpfframework.disable", "1");
     EXPECT_EQ(BpfServiceMain(), 0);
-    EXPECT_EQ(Threads("BpfServicePoll"), 0);
+    EXPECT_EQ(quortest::ThreadsNamed("BpfServicePoll"), 0);
 
     ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework && "
                      "echo previous > /data/quorlog/stability/quorbpfframework/error.log"),
@@ -50,11 +35,11 @@ TEST(ServiceLifecycleTest, DisableStartReadinessStopAndJoin) {
     ASSERT_EQ(BpfServiceMain(), 1);
     EXPECT_EQ(access("/data/quorlog/stability/quorbpfframework/error.old.log", F_OK), 0);
 
-    ASSERT_TRUE(quortest::WaitFor([] { return Threads("BpfServicePoll") == 1; }));
+    ASSERT_TRUE(quortest::WaitFor([] { return quortest::ThreadsNamed("BpfServicePoll") == 1; }));
     // Not ready: the producer keeps waiting and prepares nothing.
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_EQ(GetBasetime(), 0);
-    EXPECT_EQ(Threads("BpfServicePGpl"), 0);
+    EXPECT_EQ(quortest::ThreadsNamed("BpfServicePGpl"), 0);
 
     SetProperty("sys.quor_bpf_ready", "1");
     EXPECT_TRUE(quortest::WaitFor([] { return GetBasetime() != 0; }));

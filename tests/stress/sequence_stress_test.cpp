@@ -1,16 +1,13 @@
-// Delivery checked record by record: numbered records (type 7, which no
-// handler reads, the number where the timestamp would be) are injected into
-// the real main ring buffer and followed to library clients. Below capacity
-// all arrive once and in order; above it a slow client loses only whole drops
-// of the queue rule (over 10000 queued: oldest dropped until 5000 remain),
-// each logged at a bounded rate; a client that never reads stays bounded and
-// the others keep their rate; 63 of them do not hold up a reader.
+// Numbered records (a type no handler reads, the number where the timestamp
+// would be) are injected into the real main ring buffer at a steady rate and
+// followed to a library client: 63 clients that never read, whose queues
+// overflow again and again, do not hold up its records, and their overflows
+// are logged at a bounded rate.
 #include <gtest/gtest.h>
 #include <time.h>
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -27,56 +24,17 @@ using namespace quortest;
 
 namespace {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 constexpr int32_t kType = QUOR_EVENT_DMABUF_UPDATE;
 constexpr uint32_t kSeqOffset = offsetof(quor_record_header, timestamp_ns);
-// Fits the 1 MiB ring buffer many times over; far below a client queue's 10000.
-constexpr uint32_t kBatch = 2000;
-constexpr uint64_t kDropBlock =
-    IpcPackageManager::QUEUE_HIGH_WATER + 1 - IpcPackageManager::QUEUE_LOW_WATER;
-
 std::string gStartError;
 quor_test::RecordInjector* gInjector = nullptr;
 uint64_t gNextSeq = 0;
-
-// A library client logging the numbers, sleeping `delayUs` per record.
-struct Subscriber {
-    explicit Subscriber(int delay = 0) : delayUs(delay) {}
-    bool start() { return client.connect(5000) && Subscribed(client, kType); }
-
-    SequenceLog log{kType, sizeof(quor_dmabuf_update_record), kSeqOffset};
-    std::atomic<int> delayUs;
-    QuorBpfClient client{[this](uint32_t type, const uint8_t* data, size_t len) {
-        log.add(type, data, len);
-        if (const int delay = delayUs.load()) {
-            std::this_thread::sleep_for(std::chrono::microseconds(delay));
-        }
-    }};
-};
-
-// Injects `total` numbered records in batches, each once every pacer has the
-// previous one. Returns the first number.
-uint64_t Drive(uint64_t total, const std::vector<Subscriber*>& pacers,
-               const std::function<void()>& afterBatch = nullptr) {
-    quor_dmabuf_update_record record = {};
-    record.header.type = kType;
-    record.pid = 4000000;
-    const uint64_t first = gNextSeq;
-    while (gNextSeq < first + total) {
-        const auto count =
-            static_cast<uint32_t>(std::min<uint64_t>(kBatch, first + total - gNextSeq));
-        // A refusal would be the kernel side's loss, not the service's.
-        EXPECT_EQ(gInjector->Inject(&record, sizeof(record), count, 0, kSeqOffset, gNextSeq), 0);
-        gNextSeq += count;
-        for (Subscriber* sub : pacers) {
-            if (!sub->log.waitFor(gNextSeq - 1, std::chrono::seconds(30))) {
-                ADD_FAILURE() << "stuck at " << sub->log.size() << " records";
-                return first;
-            }
-        }
-        if (afterBatch) afterBatch();
-    }
-    return first;
-}
 
 class SequenceStressTest : public ::testing::Test {
 protected:
@@ -86,107 +44,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(SequenceStressTest, BelowCapacityEveryClientGetsEveryRecordOnceInOrder) {
-    constexpr int kClients = 8;
-    constexpr uint64_t kRecords = Scaled(1000000);
-    std::vector<Subscriber> subs(kClients);
-    std::vector<Subscriber*> all;
-    for (Subscriber& sub : subs) {
-        ASSERT_TRUE(sub.start());
-        all.push_back(&sub);
-    }
-    const size_t overflowsBefore = ErrorLogCount(4);
-    const uint64_t first = Drive(kRecords, all);
-    for (int i = 0; i < kClients; ++i) {
-        EXPECT_TRUE(subs[i].log.complete(first, kRecords)) << "client " << i;
-    }
-    EXPECT_EQ(ErrorLogCount(4), overflowsBefore);
-    printf("records checked: %llu (%d clients x %llu), lost: 0\n",
-           static_cast<unsigned long long>(kClients * kRecords), kClients,
-           static_cast<unsigned long long>(kRecords));
-}
-
-TEST_F(SequenceStressTest, AboveCapacityLossesFollowTheQueueRuleAndAreLogged) {
-    constexpr uint64_t kRecords = 120000;
-    Subscriber fastA, fastB, slow(60);  // slow: about 10000 a second
-    ASSERT_TRUE(fastA.start() && fastB.start() && slow.start());
-    const size_t overflowsBefore = ErrorLogCount(4);
-    const size_t stallsBefore = ErrorLogCount(1);
-
-    const uint64_t first = Drive(kRecords, {&fastA, &fastB});
-    const uint64_t last = first + kRecords - 1;
-    slow.delayUs.store(0);  // what is still queued for it arrives in the end
-    ASSERT_TRUE(slow.log.waitFor(last, std::chrono::seconds(60)));
-    EXPECT_TRUE(fastA.log.complete(first, kRecords));
-    EXPECT_TRUE(fastB.log.complete(first, kRecords));
-    ASSERT_EQ(ErrorLogCount(1), stallsBefore)
-        << "a send stalled for a second: losses cannot be attributed to the queue rule";
-
-    // A queue always holds consecutive records, so every gap is whole drops.
-    const std::vector<uint64_t> seqs = slow.log.snapshot();
-    ASSERT_FALSE(seqs.empty());
-    EXPECT_EQ(seqs.front(), first);
-    EXPECT_EQ(seqs.back(), last);
-    uint64_t lost = 0;
-    for (size_t i = 1; i < seqs.size(); ++i) {
-        ASSERT_GT(seqs[i], seqs[i - 1]) << "out of order or duplicated at " << i;
-        const uint64_t gap = seqs[i] - seqs[i - 1] - 1;
-        ASSERT_EQ(gap % kDropBlock, 0u) << "a loss of " << gap << " records after " << seqs[i - 1];
-        lost += gap;
-    }
-    EXPECT_EQ(lost + seqs.size(), kRecords);
-    const uint64_t drops = lost / kDropBlock;
-    EXPECT_GT(drops, 0u) << "the slow client never fell behind far enough";
-    // Logged, but at a bounded rate: never more records than drops.
-    EXPECT_GE(ErrorLogCount(4) - overflowsBefore, 1u);
-    EXPECT_LE(ErrorLogCount(4) - overflowsBefore, drops);
-    printf(
-        "slow client: %zu received, %llu lost in %llu drops of %llu; fast clients: %llu each, "
-        "lost 0\n",
-        seqs.size(), static_cast<unsigned long long>(lost), static_cast<unsigned long long>(drops),
-        static_cast<unsigned long long>(kDropBlock), static_cast<unsigned long long>(kRecords));
-}
-
-TEST_F(SequenceStressTest, NeverReadingClientStaysBoundedAndOthersKeepTheirRate) {
-    constexpr uint64_t kRecords = Scaled(1000000);
-    Subscriber fastA, fastB;
-    ASSERT_TRUE(fastA.start() && fastB.start());
-    fastA.log.reserve(2 * kRecords);
-    fastB.log.reserve(2 * kRecords);
-    // The two readers' rate alone, then beside a client that never reads.
-    auto started = Clock::now();
-    uint64_t first = Drive(kRecords, {&fastA, &fastB});
-    const double alone = kRecords / std::chrono::duration<double>(Clock::now() - started).count();
-    EXPECT_TRUE(fastA.log.complete(first, kRecords));
-
-    RawIpcClient stuck("/mnt/bpfframework/quorbpfdispatcher");
-    uint32_t type = 0;
-    std::string body;
-    ASSERT_TRUE(stuck.send(Request(1, 51, kType)) && stuck.readFrame(&type, &body));
-    const size_t overflowsBefore = ErrorLogCount(4);
-    const size_t heapBefore = HeapBytes();
-    size_t heapPeak = heapBefore;
-    started = Clock::now();
-    first = Drive(kRecords, {&fastA, &fastB}, [&] { heapPeak = std::max(heapPeak, HeapBytes()); });
-    const double beside = kRecords / std::chrono::duration<double>(Clock::now() - started).count();
-    EXPECT_TRUE(fastA.log.complete(first, kRecords, kRecords));
-    EXPECT_TRUE(fastB.log.complete(first, kRecords, kRecords));
-    // Unbounded, 200000 queued records would hold over 25 MiB; the rule keeps
-    // at most 10001 (1.4 MiB) and the block pool up to 4 MiB of freed blocks.
-    const size_t growth = heapPeak > heapBefore ? heapPeak - heapBefore : 0;
-    EXPECT_LT(growth, size_t{12} << 20);
-    // About forty overflows, recorded at a bounded rate (the tests before
-    // took the burst): not one record each.
-    EXPECT_LE(ErrorLogCount(4) - overflowsBefore, 3u);
-    // A socket thread waiting on the stuck client would stall the others for
-    // a second each time: the rate would fall by orders of magnitude.
-    EXPECT_GT(beside, alone * 0.25);
-    printf(
-        "never-reading client: heap grew by %zu bytes at most; readers' rate %.0f records/s "
-        "alone, %.0f beside it (ratio %.2f)\n",
-        growth, alone, beside, beside / alone);
-}
 
 // Injects kPerMs numbered records every millisecond for `ms` milliseconds
 // and measures the longest wait of `reader` between two of them, and the
@@ -254,7 +111,7 @@ private:
 TEST_F(SequenceStressTest, SixtyThreeStalledClientsDoNotHoldUpAReader) {
     constexpr int kStalled = 63;
     constexpr int kMs = 3000;
-    // The slots of the previous tests' clients are free again.
+    // Every subscriber slot is free.
     ASSERT_TRUE(
         PollUntil([] { return EventManager::GetInstance()->GetEventObservers(kType).empty(); },
                   std::chrono::seconds(30)));
@@ -298,11 +155,13 @@ TEST_F(SequenceStressTest, SixtyThreeStalledClientsDoNotHoldUpAReader) {
     // has on this machine anyway. A machine on which the reader alone waits
     // longer than that cannot tell 10 ms apart: there only a stall per
     // overflow (tens of milliseconds and more) is caught.
-    const bool quiet = alone.reader < std::chrono::milliseconds(10);
+    // Sanitized builds run the fan-out several times slower: they check the
+    // stall, not the 10 ms figure.
+    const bool quiet = alone.reader < std::chrono::milliseconds(10) && !kSanitized;
     EXPECT_LT(excess, std::chrono::milliseconds(quiet ? 10 : 50))
         << "the reader waited " << Ms(beside.reader) << " ms beside the stalled clients, "
         << Ms(alone.reader) << " ms alone";
-    if (!quiet) printf("too busy a machine to check the 10 ms bound\n");
+    if (!quiet) printf("too busy or too slow a build to check the 10 ms bound\n");
     printf(
         "reader at 20000 records/s: longest gap %.2f ms alone, %.2f ms beside %d stalled clients "
         "(injector's longest interval %.2f / %.2f ms); %zu overflow records\n",

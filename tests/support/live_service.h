@@ -32,6 +32,7 @@
 #include "quor/bpf_service_main.h"
 #include "quor/quor_bpf_records.h"
 #include "service/quor_bpf_service_settings.h"
+#include "tests/support/proc_self.h"
 #include "tools/loader/quor_bpf_loader.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -118,16 +119,6 @@ inline std::string StartLiveService(const std::function<void()>& beforeStart = n
     _exit(result);
 }
 
-// Open descriptors of this process.
-inline size_t OpenDescriptors() {
-    size_t count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return 0;
-    while (const dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count - 1;  // the directory stream itself
-}
-
 // Heap bytes in use by this process (every arena).
 inline size_t HeapBytes() {
 #ifdef QUOR_TEST_SANITIZER_HEAP
@@ -162,11 +153,6 @@ constexpr uint64_t Scaled(uint64_t count) {
 #endif
 }
 
-inline std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 // Records in the service's error log with `code`.
 inline size_t ErrorLogCount(int code) {
     const std::string text = ReadFile(Quor::Bpf::BPF_SERVICE_ERROR_LOG);
@@ -190,86 +176,5 @@ bool Subscribed(Client& client, int32_t type,
     }
     return future.wait_for(limit) == std::future_status::ready && future.get() == 0;
 }
-
-// The running 64-bit sequence numbers one client received for one type, in
-// arrival order, and how many records of that type had the wrong length.
-class SequenceLog {
-public:
-    SequenceLog(int32_t type, size_t recordSize, size_t seqOffset)
-        : type_(type), recordSize_(recordSize), seqOffset_(seqOffset) {}
-
-    void add(uint32_t type, const uint8_t* data, size_t len) {
-        if (static_cast<int32_t>(type) != type_) return;
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (len != recordSize_) {
-            ++malformed_;
-        } else {
-            uint64_t seq = 0;
-            memcpy(&seq, data + seqOffset_, sizeof(seq));
-            seqs_.push_back(seq);
-            last_ = seq;
-        }
-        cv_.notify_all();
-    }
-
-    // Waits until sequence number `seq` (or a later one) has arrived. It
-    // wakes every few milliseconds: on an idle machine the tail of an
-    // injected batch waits for the next context switch to wake the service's
-    // reader, and a waiter asleep for good would leave none to come.
-    bool waitFor(uint64_t seq, std::chrono::milliseconds limit) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        std::unique_lock<std::mutex> lock(mutex_);
-        const auto arrived = [&] { return !seqs_.empty() && last_ >= seq; };
-        while (!arrived()) {
-            if (std::chrono::steady_clock::now() >= deadline) return false;
-            cv_.wait_for(lock, std::chrono::milliseconds(5), arrived);
-        }
-        return true;
-    }
-
-    // Room for `count` numbers: no allocation while a test measures the heap.
-    void reserve(size_t count) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        seqs_.reserve(count);
-    }
-
-    std::vector<uint64_t> snapshot() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return seqs_;
-    }
-
-    // Whether the numbers from index `from` on are exactly first, first + 1,
-    // ..., first + count - 1, with nothing malformed.
-    ::testing::AssertionResult complete(uint64_t first, uint64_t count, size_t from = 0) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (malformed_ != 0) return ::testing::AssertionFailure() << malformed_ << " malformed";
-        if (seqs_.size() != from + count) {
-            return ::testing::AssertionFailure()
-                   << seqs_.size() << " records, expected " << from + count;
-        }
-        for (uint64_t i = 0; i < count; ++i) {
-            if (seqs_[from + i] != first + i) {
-                return ::testing::AssertionFailure()
-                       << "record " << i << " carries " << seqs_[from + i] << ", expected "
-                       << first + i;
-            }
-        }
-        return ::testing::AssertionSuccess();
-    }
-    size_t size() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return seqs_.size();
-    }
-
-private:
-    const int32_t type_;
-    const size_t recordSize_;
-    const size_t seqOffset_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<uint64_t> seqs_;
-    uint64_t last_ = 0;
-    size_t malformed_ = 0;
-};
 
 }  // namespace quortest

@@ -1,6 +1,5 @@
 // quorbpfctl against the real daemon in private namespaces: tasks, stats,
-// `watch --json` read back by python, exit codes, a start amid a process
-// storm, watch across a restart.
+// exit codes, a start amid a process storm.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -78,39 +77,6 @@ TEST_F(CtlDaemonTest, StatsSummarisesAndPlots) {
     // The daemon seeded its registry: at least quor_task_init has data (the
     // chart itself is checked with an XML parser in ctl_files_test).
     EXPECT_NE(ReadFile(svg).find("<polyline"), std::string::npos);
-}
-
-TEST_F(CtlDaemonTest, WatchJsonIsValidForHostileNames) {
-    const std::string out = dir_ + "/watch.jsonl";
-    // The name is set after the fork, so only exit records carry it.
-    const pid_t watch = Spawn(Ctl("watch sched_task_create sched_task_exit task_new task_exit "
-                                  "--json --count 4 --timeout 10 --comm qtest") +
-                              " >" + out + " 2>" + out + ".err");
-    ASSERT_TRUE(WaitFor(
-        [&] {
-            const pid_t child = fork();
-            if (child == 0) {
-                prctl(PR_SET_NAME, "qtest\"\\\x01\xff", 0, 0, 0);
-                _exit(0);
-            }
-            waitpid(child, nullptr, 0);
-            return CountLines(ReadFile(out)) >= 4;
-        },
-        20000))
-        << ReadFile(out) << ReadFile(out + ".err");
-    EXPECT_EQ(Reap(watch), 0) << "--count ends watch with success";
-    if (Shell("python3 -c pass").code != 0) GTEST_SKIP() << "python3 is missing";
-    const Output check = Shell(
-        "python3 -c \"import sys, json\n"
-        "events = [json.loads(line) for line in open(sys.argv[1])]\n"
-        "assert len(events) == 4, len(events)\n"
-        "for e in events:\n"
-        "    assert e['name'] in ('sched_task_exit', 'task_exit'), e\n"
-        "    assert e['comm'] == 'qtest\\\"\\\\\\\\\\\\x01\\\\xff', repr(e['comm'])\n"
-        "    assert isinstance(e['time'], str) and e['pid'] > 0, e\n"
-        "\" " +
-        out);
-    EXPECT_EQ(check.code, 0) << check.err << ReadFile(out);
 }
 
 TEST_F(CtlDaemonTest, ErrorsHaveTheirExitCodes) {
@@ -218,29 +184,6 @@ TEST_F(CtlDaemonTest, StartAmidAProcessStormLeavesNoDeadPidInTheMaps) {
     EXPECT_TRUE(named.empty()) << named.size() << " of " << pids.size()
                                << " dead pids are still in the maps, e.g. " << *named.begin();
     if (buffer.fd < 0) std::cout << "(no vgem device: the storm held no dmabuf)\n";
-}
-
-// Last: restarts the daemon.
-TEST_F(CtlDaemonTest, WatchFollowsTheServiceAcrossARestart) {
-    const std::string out = dir_ + "/restart.txt";
-    const pid_t watch =
-        Spawn(kCtl + " watch sched_task_create --timeout 10 >" + out + " 2>" + out + ".err");
-    const auto newEvents = [&](size_t after) {
-        // Each poll forks a shell: an event to report.
-        return WaitFor([&] { return Shell("true").code == 0 && ReadFile(out).size() > after; },
-                       15000);
-    };
-    const auto errSays = [&](const char* text, int ms) {
-        return WaitFor([&] { return ReadFile(out + ".err").find(text) != std::string::npos; }, ms);
-    };
-    ASSERT_TRUE(newEvents(0)) << "no event before the restart";
-    ASSERT_EQ(daemon_->Stop(), 0);
-    ASSERT_TRUE(errSays("lost the connection", 10000)) << ReadFile(out + ".err");
-    ASSERT_TRUE(daemon_->Start()) << daemon_->Log();
-    ASSERT_TRUE(errSays("reconnected", 15000)) << ReadFile(out + ".err");
-    EXPECT_TRUE(newEvents(ReadFile(out).size())) << "the subscription was renewed";
-    kill(watch, SIGINT);
-    EXPECT_EQ(Reap(watch), 0) << "Ctrl-C ends watch with success";
 }
 
 }  // namespace

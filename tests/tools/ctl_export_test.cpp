@@ -92,7 +92,7 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
     child.pid = 50;
     child.ppid = 100;
     child.comm = "sleep";
-    model.Seed({child, shell}, 1000);
+    model.AddRunning({child, shell}, 1000);
     const auto feed = [&](uint32_t type, const uint8_t* data, size_t length) {
         model.OnRecord(type, data, length, 999999999);
     };
@@ -158,12 +158,12 @@ TEST(ExporterMetricsTest, CountsEachLifeOnceAndBoundsThePerProcessSeries) {
     for (int32_t pid = kBase; pid < kBase + 5; ++pid) {
         TaskRow row;
         row.pid = pid;
-        row.comm = "seed" + std::to_string(pid - kBase);
+        row.comm = "early" + std::to_string(pid - kBase);
         row.anonKb = pid - kBase;  // the last is the largest
         row.threads = 3;
         dump.rows.push_back(row);
     }
-    metrics.Seed(dump);
+    metrics.AddRunning(dump);
     metrics.OnConnection(true);
     const auto feed = [&](uint32_t type, const uint8_t* data, size_t length) {
         metrics.OnRecord(type, data, length);
@@ -201,7 +201,7 @@ TEST(ExporterMetricsTest, CountsEachLifeOnceAndBoundsThePerProcessSeries) {
              "quorbpf_process_resident_memory_bytes{pid=\"4194421\",comm=\"x\\\"y\\n?\",type="
              "\"anon\"} "
              "536870912\n",
-             "quorbpf_process_threads{pid=\"4194404\",comm=\"seed4\"} 3\n",
+             "quorbpf_process_threads{pid=\"4194404\",comm=\"early4\"} 3\n",
              "quorbpf_exporter_dropped_records_total 2\n",
              "quorbpf_exporter_reconnects_total 1\n",
              "# TYPE quorbpf_processes_started_total counter\n",

@@ -14,19 +14,17 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/proc_self.h"
+
 namespace QuorCtlTest {
+
+using quortest::ReadFile;
 
 struct Output {
     int code = -1;
     std::string out;
     std::string err;
 };
-
-inline std::string ReadFile(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 inline std::string TempDir() {
     char pattern[] = "/tmp/quorbpfctl_it.XXXXXX";

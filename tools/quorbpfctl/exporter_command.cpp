@@ -13,6 +13,7 @@
 #include "tools/quorbpfctl/ctl_exit_codes.h"
 #include "tools/quorbpfctl/exporter_metrics.h"
 #include "tools/quorbpfctl/metrics_http_server.h"
+#include "tools/quorbpfctl/stop_signals.h"
 #include "tools/quorbpfctl/task_snapshot.h"
 
 namespace Quor {
@@ -58,14 +59,8 @@ bool WriteFileAtomically(const std::string& dir, const std::string& name, const 
 }
 
 int RunExporterCommand(const CtlOptions& options, FILE* err) {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    sigaddset(&stop, SIGHUP);
-    // Before the client's and the server's threads exist.
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    // Before the client's (and the server's) threads exist.
+    const sigset_t stop = BlockStopSignals();
 
     std::string error;
     sockaddr_storage address;
@@ -91,7 +86,7 @@ int RunExporterCommand(const CtlOptions& options, FILE* err) {
     }
     TaskDump dump;
     if (FetchTaskSnapshot(options, &dump, err) == kExitOk) {
-        metrics.Seed(dump);
+        metrics.AddRunning(dump);
     } else {
         fprintf(err, "quorbpfctl: without the task table only processes seen since are known\n");
     }

@@ -18,7 +18,7 @@ ExporterMetrics::ExporterMetrics(std::function<std::string(int32_t)> commOf)
     for (const uint32_t type : AllEventTypes()) events_[type] = 0;
 }
 
-void ExporterMetrics::Seed(const TaskDump& dump) {
+void ExporterMetrics::AddRunning(const TaskDump& dump) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (const TaskRow& row : dump.rows) {
         if (row.pid <= 0 || processes_.count(row.pid) != 0 || ended_.count(row.pid) != 0) continue;

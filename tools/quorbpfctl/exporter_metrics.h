@@ -4,9 +4,9 @@
 // up and released, and the exporter's own dropped records and reconnects.
 //
 //   ExporterMetrics metrics([](int32_t pid) { return commFromProc(pid); });
-//   metrics.Seed(taskDump);                      // what is running already
-//   metrics.OnRecord(type, data, length);        // every record received
-//   serve(metrics.Render(20));                   // Prometheus text, top 20
+//   metrics.AddRunning(taskDump);          // what is running already
+//   metrics.OnRecord(type, data, length);  // every record received
+//   serve(metrics.Render(20));             // Prometheus text, top 20
 //
 // Records are decoded with the client library's views; one that does not
 // decode is a dropped record. A process is started by its fork (or the
@@ -39,7 +39,7 @@ public:
 
     explicit ExporterMetrics(std::function<std::string(int32_t pid)> commOf);
 
-    void Seed(const TaskDump& dump);
+    void AddRunning(const TaskDump& dump);
     void OnRecord(uint32_t type, const uint8_t* data, size_t length);
     // Every lost connection that comes back is a reconnect.
     void OnConnection(bool connected);

@@ -14,6 +14,7 @@
 #include "quor/quorbpf_event_views.h"
 #include "tools/quorbpfctl/comm_cache.h"
 #include "tools/quorbpfctl/ctl_exit_codes.h"
+#include "tools/quorbpfctl/stop_signals.h"
 #include "tools/quorbpfctl/task_snapshot.h"
 #include "tools/quorbpfctl/trace_model.h"
 #include "tools/quorbpfctl/trace_writer.h"
@@ -62,14 +63,8 @@ std::vector<TraceProcess> FromTaskTable(const TaskDump& dump) {
 
 int RunRecordCommand(const CtlOptions& options, FILE* err) {
     const std::string path = options.outputPath.empty() ? kDefaultTraceFile : options.outputPath;
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    sigaddset(&stop, SIGHUP);
-    // Before the client's thread exists, so that only this thread takes them.
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    // Before the client's (and the server's) threads exist.
+    const sigset_t stop = BlockStopSignals();
 
     FILE* file = fopen(path.c_str(), "we");
     if (file == nullptr) {
@@ -82,7 +77,7 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
     TraceWriter writer(file);
     TraceModel model(&writer, [](int32_t pid) { return CurrentComm(pid); });
     std::atomic<uint64_t> losses{0};
-    // Until the seed is written, records wait here, so that the trace opens
+    // Until the task table is written, records wait here, so that the trace opens
     // with what was running and the records since follow it.
     bool seeded = false;
     std::vector<EarlyRecord> early;
@@ -133,7 +128,7 @@ int RunRecordCommand(const CtlOptions& options, FILE* err) {
     if (!haveTable) fprintf(err, "quorbpfctl: recording without the processes already running\n");
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (haveTable) model.Seed(FromTaskTable(dump), MonotonicNs());
+        if (haveTable) model.AddRunning(FromTaskTable(dump), MonotonicNs());
         for (const EarlyRecord& record : early) {
             model.OnRecord(record.type, record.bytes.data(), record.bytes.size(),
                            record.receivedNs);

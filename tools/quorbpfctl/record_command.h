@@ -2,8 +2,9 @@
 // UI and chrome://tracing open (trace_model.h decides what is drawn,
 // trace_writer.h writes it).
 //
-// Subscribes first, then seeds the trace with the daemon's task table, so
-// that nothing starting in between is missed (records wait for the seed). Writes as it goes;
+// Subscribes first, then opens the trace with the daemon's task table, so
+// that nothing starting in between is missed (records wait for the table).
+// Writes as it goes;
 // reports events, bytes and undecodable records on stderr once a second. Ctrl-C (SIGINT, SIGTERM,
 // SIGHUP) or the end of --duration ends every open slice and closes the file, which is then valid
 // JSON. Blocks the stop signals in the calling thread: call from the main thread.

@@ -133,7 +133,7 @@ void TraceModel::SetMemory(int64_t ts, int32_t pid, Process* process, const int6
     process->pendingTs = ts;
 }
 
-void TraceModel::Seed(const std::vector<TraceProcess>& processes, int64_t nowNs) {
+void TraceModel::AddRunning(const std::vector<TraceProcess>& processes, int64_t nowNs) {
     std::map<int32_t, const TraceProcess*> fresh;
     for (const TraceProcess& p : processes) {
         if (p.pid > 0 && processes_.count(p.pid) == 0 && ended_.count(p.pid) == 0) {
@@ -193,7 +193,7 @@ void TraceModel::OnRecord(uint32_t type, const uint8_t* data, size_t length, int
                 p.file = r->rss_file;
                 p.swap = r->swap;
                 p.shmem = r->rss_shmem;
-                Seed({p}, KernelTime(r->header.timestamp_ns, receivedNs));
+                AddRunning({p}, KernelTime(r->header.timestamp_ns, receivedNs));
                 return;
             }
             break;
@@ -218,7 +218,7 @@ void TraceModel::OnRecord(uint32_t type, const uint8_t* data, size_t length, int
                     if (process != nullptr) SetThreads(ts, r->pid, process, process->threads + 1);
                 } else if (r->pid > 0) {
                     const auto live = processes_.find(r->pid);
-                    // Seeded after it forked (the record waited for the seed).
+                    // Seeded after it forked (the record waited for the task table).
                     if (live != processes_.end() && live->second.beginTs >= ts) return;
                     // A pid met again: its exit was lost, or it was recycled.
                     End(ts, r->pid);

@@ -10,9 +10,9 @@
 // buffers set up or released.
 //
 //   TraceModel model(&writer, [](int32_t pid) { return commFromProc(pid); });
-//   model.Seed(processesFromTheTaskTable, nowNs);   // what was running already
-//   model.OnRecord(type, data, length, nowNs);       // every record received
-//   model.Finish(nowNs);                             // ends the open slices
+//   model.AddRunning(processesFromTheTaskTable, nowNs);  // what was running already
+//   model.OnRecord(type, data, length, nowNs);           // every record received
+//   model.Finish(nowNs);                                 // ends the open slices
 //
 // Kernel records are placed at their own timestamps (CLOCK_MONOTONIC), so
 // records from different CPUs sort right. The service's own records carry
@@ -70,7 +70,7 @@ public:
     TraceModel(TraceWriter* writer, std::function<std::string(int32_t pid)> commOf);
 
     // Processes running when the recording began; those already met are skipped.
-    void Seed(const std::vector<TraceProcess>& processes, int64_t nowNs);
+    void AddRunning(const std::vector<TraceProcess>& processes, int64_t nowNs);
     void OnRecord(uint32_t type, const uint8_t* data, size_t length, int64_t receivedNs);
     // Ends the slice of every process still running.
     void Finish(int64_t nowNs);

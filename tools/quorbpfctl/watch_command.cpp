@@ -8,6 +8,7 @@
 #include "quor/quorbpf_client.h"
 #include "quor/quorbpf_event_views.h"
 #include "tools/quorbpfctl/ctl_exit_codes.h"
+#include "tools/quorbpfctl/stop_signals.h"
 
 namespace Quor {
 namespace Bpf {
@@ -83,15 +84,8 @@ void WatchCommand::OnEvent(uint32_t type, const uint8_t* data, size_t length) {
 }
 
 int WatchCommand::Run() {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    sigaddset(&stop, SIGHUP);
-    // Before the client's thread exists, so that it inherits the mask and
-    // only this thread takes the signals. A closed pipe is an error return.
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    // Before the client's (and the server's) threads exist.
+    const sigset_t stop = BlockStopSignals();
 
     QuorBpfClient::Options clientOptions;
     if (!options_.socketName.empty()) clientOptions.socketName = options_.socketName;
