@@ -103,6 +103,10 @@ def run_column(args, series, arch, out):
     seconds = time.monotonic() - start
     if ended is None:
         results.append(("(vm)", "failed", "", "the VM did not finish; see %s/console.log" % out))
+    elif not results:
+        # Nothing ran is no pass: the guest could not start the tests.
+        results.append(("(vm)", "failed", "", "no test ran (exit %s); see %s/console.log"
+                        % (ended, out)))
     return release, results, seconds
 
 

@@ -43,7 +43,8 @@ r=/newroot
 mount --move /proc $r/proc
 mount --move /sys $r/sys
 mount --move /dev $r/dev
-mount -t tmpfs -o mode=1777 tmpfs $r/tmp
+# No tmpfs of its own on /tmp: the overlay keeps it writable, and a checkout
+# or build under the host's /tmp stays visible.
 mount -t tmpfs -o mode=0755 tmpfs $r/run
 mkdir -p $r/dev/pts $r/dev/shm
 mount -t devpts devpts $r/dev/pts
