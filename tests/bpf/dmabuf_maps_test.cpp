@@ -167,25 +167,6 @@ TEST_F(DmabufMapsTest, SeedsBuffersHoldersAndMappingsFromProc) {
     EXPECT_EQ(run.log.find("/proc/300/maps"), std::string::npos);
 }
 
-TEST_F(DmabufMapsTest, ABufferTheFullAllocateMapRefusedCountsInNoTotal) {
-    FakeProc proc;
-    BuildDmabufTree(&proc);
-    ASSERT_EQ(unlink(kMaps[kAllocate].pin), 0);
-    close(fds_[kAllocate]);
-    fds_[kAllocate] = bpf_map_create(BPF_MAP_TYPE_HASH, nullptr, 8, 16, 1, nullptr);
-    ASSERT_GE(fds_[kAllocate], 0);
-    ASSERT_EQ(bpf_obj_pin(fds_[kAllocate], kMaps[kAllocate].pin), 0);
-    ChildRun run;
-    const int rc = RunMember(proc.root(), &QuorBpfService::initDmabufBpfProg, &run);
-    if (run.exitCode == kChildCannotMount) GTEST_SKIP() << "cannot mount a tree over /proc";
-    ASSERT_EQ(rc, 0) << run.log;
-    // Written in inode order: 5001 fits, 5002 does not and is counted nowhere.
-    EXPECT_EQ(Count(kAllocate), 1u);
-    EXPECT_EQ(Value<dmabuf_stat>(kSize, int32_t{100}).total_size, 4096u);
-    EXPECT_EQ(Value<dmabuf_stat>(kPerprocess, int32_t{100}).total_size, 4096u);
-    EXPECT_EQ(Count(kSize), 1u);
-}
-
 TEST_F(DmabufMapsTest, MissingOrForeignMapSeedsNothing) {
     FakeProc proc;
     BuildDmabufTree(&proc);
@@ -273,38 +254,4 @@ TEST_F(DmabufMapsTest, OpenDescriptorCountsOfRealProcesses) {
     EXPECT_EQ(after.pid, self);
     EXPECT_EQ(after.comm[15], '\0');
     EXPECT_GT(Count(kOpenFd), 1u);  // every process, not only this one
-}
-
-TEST_F(DmabufMapsTest, OpenDescriptorNameBufferCarriesOver) {
-    FakeProc proc;
-    for (const char* pid : {"10", "20", "30"}) proc.Dir(pid);
-    const std::vector<std::string> order = proc.PidOrder();
-    ASSERT_EQ(order.size(), 3u);
-    // In visiting order: a 14-character name with three descriptors, a
-    // 4-character name with one, no name line and no descriptors.
-    proc.File(order[0] + "/status", "Name:\tfourteen_chars\n");
-    for (const char* n : {"0", "1", "2"}) proc.Link(order[0] + "/fd/" + n, "/dev/null");
-    proc.File(order[1] + "/status", "Name:\tabcd\nPPid:\t1\n");
-    proc.Link(order[1] + "/fd/0", "/dev/null");
-    proc.File(order[1] + "/fd/.hidden", "");
-    proc.File(order[2] + "/status", "PPid:\t1\n");
-    proc.Dir(order[2] + "/fd");
-    proc.File("500/status", "PPid:\t1\n");  // no fd directory: not seeded
-
-    ChildRun run;
-    const int rc = RunMember(proc.root(), &QuorBpfService::initFdBpfProg, &run);
-    if (run.exitCode == kChildCannotMount) GTEST_SKIP() << "cannot mount a tree over /proc";
-    ASSERT_EQ(rc, 0) << run.log;
-
-    EXPECT_EQ(Count(kOpenFd), 3u);
-    // The shorter name leaves the tail of the one before; no name line keeps it.
-    const std::tuple<int, uint64_t, const char*> expected[] = {
-        {0, 3, "fourteen_chars\0\0"}, {1, 1, "abcdteen_chars\0\0"}, {2, 0, "abcdteen_chars\0\0"}};
-    for (const auto& [index, fds, name] : expected) {
-        const int32_t pid = std::stoi(order[index]);
-        const auto value = Value<quor_open_fd_value>(kOpenFd, pid);
-        EXPECT_EQ(value.pid, pid);
-        EXPECT_EQ(value.open_fds, fds) << pid;
-        EXPECT_EQ(std::string(value.comm, 16), std::string(name, 16)) << pid;
-    }
 }

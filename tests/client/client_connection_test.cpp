@@ -18,11 +18,8 @@
 #include <string>
 #include <vector>
 
-#include "ipc/ipc_package_handler.h"
-#include "ipc/ipc_package_manager.h"
-#include "ipc/unix_ipc_manager.h"
 #include "quor/quorbpf_client.h"
-#include "tests/support/raw_ipc_client.h"
+#include "tests/support/package_server.h"
 
 using namespace Quor::Bpf;
 using quortest::WaitFor;
@@ -36,64 +33,21 @@ constexpr uint32_t kSilentCommand = 99;  // the server never answers it
 // other commands, nothing for kSilentCommand.
 class SubscriptionServer {
 public:
-    SubscriptionServer() {
-        handler_ = std::make_unique<IpcPackageHandler>(
-            std::map<unsigned int, IpcPackageHandler::PackageCallback>{
-                {0,
-                 [this](int fd, char* body, long length) { return onRequest(fd, body, length); }}});
-        IpcHandlerState handlers;
-        handlers.keepUnusedBytes = true;
-        handlers.closeOnReadFailure = true;
-        handlers.readHandler = [this](int fd, BufferState* buffer) {
-            return handler_->handleAllIpcPackageInBuffer(fd, buffer) ? 0 : -1;
-        };
-        handlers.writeHandler = [this](int fd, BufferState* buffer) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            auto client = clients_.find(fd);
-            if (client != clients_.end()) {
-                while (client->second.queue->fillNextIpcPackageToBuffer(buffer)) {
-                }
-            }
-            return 0;
-        };
-        handlers.connectionHandler = [this](int fd) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            clients_[fd].queue = std::make_unique<IpcPackageManager>();
-            return 0;
-        };
-        handlers.closeHandler = [this](int fd) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            clients_.erase(fd);
-            return 0;
-        };
-        server_ =
-            std::make_unique<UnixIpcManager>(true, 32768, kSocket, handlers, "TestServer", 4, 16);
-        server_->start();
-        WaitFor([this] { return server_->getSocketFd() != -1; });
-    }
-
     void push(uint32_t type, std::string record) {
         memcpy(&record[0], &type, 4);
         std::lock_guard<std::mutex> lock(mutex_);
-        for (auto& client : clients_) {
-            if (client.second.types.count(type) == 0) continue;
-            client.second.queue->buildAndAppendSecondIpcPackage(3, &record[0], record.size());
-            server_->notifyNeedWriteData(client.first);
+        for (auto& [fd, types] : types_) {
+            if (types.count(type) != 0) server_.send(fd, 3, &record[0], record.size());
         }
     }
     size_t subscribers(uint32_t type) {
         std::lock_guard<std::mutex> lock(mutex_);
         size_t count = 0;
-        for (auto& client : clients_) count += client.second.types.count(type);
+        for (auto& client : types_) count += client.second.count(type);
         return count;
     }
 
 private:
-    struct Client {
-        std::unique_ptr<IpcPackageManager> queue;
-        std::set<uint32_t> types;
-    };
-
     int onRequest(int fd, char* body, long length) {
         if (length < 16) return -1;
         QuorRespIpcPackage resp = {};
@@ -101,20 +55,25 @@ private:
         const uint32_t command = IpcReadU32(body + 4);
         const uint32_t type = IpcReadU32(body + 12);
         if (command == kSilentCommand) return 0;
-        std::lock_guard<std::mutex> lock(mutex_);
-        Client& client = clients_[fd];
-        resp.status = -1;
-        if (command == 51) client.types.insert(type), resp.status = 0;
-        if (command == 52) client.types.erase(type), resp.status = 0;
-        client.queue->appendRespIpcPackage(&resp);
-        server_->notifyNeedWriteData(fd);
+        resp.status = command == 51 || command == 52 ? 0 : -1;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (command == 51) types_[fd].insert(type);
+            if (command == 52) types_[fd].erase(type);
+        }
+        server_.respond(fd, &resp);
         return 0;
     }
 
     std::mutex mutex_;
-    std::map<int, Client> clients_;
-    std::unique_ptr<IpcPackageHandler> handler_;
-    std::unique_ptr<UnixIpcManager> server_;
+    std::map<int, std::set<uint32_t>> types_;
+    quortest::PackageServer server_{
+        kSocket,
+        {{0, [this](int fd, char* body, long length) { return onRequest(fd, body, length); }}},
+        [this](int fd) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            types_.erase(fd);
+        }};
 };
 
 struct Events {

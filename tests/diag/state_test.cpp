@@ -100,19 +100,6 @@ TEST_F(StateTest, CountsPerTypePollsApartAndBadTypesIgnored) {
     for (int type : {9, -1, 1 << 30}) EXPECT_STREQ(EventTypeName(type), "UNKNOW") << type;
 }
 
-TEST_F(StateTest, SilentSecondsGetZeroRowsNewestFirst) {
-    state->RecordEvent(1, 1);
-    fakeNow += 3;
-    state->RecordEvent(2, 2);
-    state->DumpState();
-    const auto rows = ReadRows();
-    ASSERT_EQ(rows.size(), 5u);
-    EXPECT_EQ(rows[0], kHeaderNames + "3, 0 ");
-    EXPECT_EQ(Numbers(rows[1]), (std::vector<long long>{2, 0, 0, 2, 0, 0, 0, 0, 0, 0}));
-    for (int r : {2, 3}) EXPECT_EQ(Numbers(rows[r]), std::vector<long long>(10, 0));
-    EXPECT_EQ(Numbers(rows[4]), (std::vector<long long>{1, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
-}
-
 TEST_F(StateTest, WindowKeeps1800SecondsAndReusedSlotsStartEmpty) {
     // Second i gets i events of type 4, for 2000 seconds: slots wrap, and a
     // reused slot must not carry the count of the second it held before.

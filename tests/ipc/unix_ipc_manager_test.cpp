@@ -9,16 +9,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ipc/ipc_package_handler.h"
-#include "ipc/ipc_package_manager.h"
-#include "tests/support/raw_ipc_client.h"
+#include "tests/support/package_server.h"
 
 using namespace quortest;
 
@@ -27,67 +23,13 @@ namespace {
 constexpr const char* kSocket = "quor-ipc-test";
 
 // Answers every type-2 package with a type-3 package holding the same body.
-class EchoServer {
+class EchoServer : public PackageServer {
 public:
-    EchoServer() {
-        handler_ = std::make_unique<IpcPackageHandler>(
-            std::map<unsigned int, IpcPackageHandler::PackageCallback>{
-                {2, [this](int fd, char* body, long length) {
-                     queueFor(fd)->buildAndAppendSecondIpcPackage(3, body, length);
-                     server_->notifyNeedWriteData(fd);
-                     return 0;
-                 }}});
-        IpcHandlerState handlers;
-        handlers.keepUnusedBytes = true;
-        handlers.closeOnReadFailure = true;
-        handlers.readHandler = [this](int fd, BufferState* buffer) {
-            const bool ok = handler_->handleAllIpcPackageInBuffer(fd, buffer);
-            pendingBytes.store(buffer->bufferDataCursor - buffer->bufferCursor);
-            receives.fetch_add(1);
-            return ok ? 0 : -1;
-        };
-        handlers.writeHandler = [this](int fd, BufferState* buffer) {
-            IpcPackageManager* queue = queueFor(fd);
-            while (queue->fillNextIpcPackageToBuffer(buffer)) {
-            }
-            return 0;
-        };
-        handlers.connectionHandler = [this](int fd) {
-            queueFor(fd);
-            return 0;
-        };
-        handlers.closeHandler = [this](int fd) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            queues_.erase(fd);
-            return 0;
-        };
-        server_ =
-            std::make_unique<UnixIpcManager>(true, 32768, kSocket, handlers, "EchoServer", 4, 16);
-        server_->start();
-        listening = WaitFor([this] { return server_->getSocketFd() != -1; });
-    }
-
-    size_t clients() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return queues_.size();
-    }
-
-    std::atomic<int> receives{0};
-    std::atomic<int64_t> pendingBytes{0};  // received, not yet a whole frame
-    bool listening = false;
-
-private:
-    IpcPackageManager* queueFor(int fd) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        auto& queue = queues_[fd];
-        if (!queue) queue = std::make_unique<IpcPackageManager>();
-        return queue.get();
-    }
-
-    std::mutex mutex_;
-    std::map<int, std::unique_ptr<IpcPackageManager>> queues_;
-    std::unique_ptr<IpcPackageHandler> handler_;
-    std::unique_ptr<UnixIpcManager> server_;
+    EchoServer()
+        : PackageServer(kSocket, {{2, [this](int fd, char* body, long length) {
+                                       send(fd, 3, body, length);
+                                       return 0;
+                                   }}}) {}
 };
 
 std::string ReadEcho(RawIpcClient* client) {
@@ -225,7 +167,7 @@ TEST(UnixIpcManagerTest, RunningOutOfDescriptorsNeitherSpinsNorFloodsTheLog) {
     constexpr int kWaiting = 3;
     int clients[kWaiting];
     for (int& fd : clients) fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const long cpuBefore = ThreadCpuMs("EchoServer");
+    const long cpuBefore = ThreadCpuMs("TestServer");
     ASSERT_GE(cpuBefore, 0);
     rlimit saved = {};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
@@ -239,7 +181,7 @@ TEST(UnixIpcManagerTest, RunningOutOfDescriptorsNeitherSpinsNorFloodsTheLog) {
     std::this_thread::sleep_for(std::chrono::seconds(2));
     for (int fd : fillers) close(fd);  // reading procfs takes descriptors too
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
-    const long cpuMs = ThreadCpuMs("EchoServer") - cpuBefore;
+    const long cpuMs = ThreadCpuMs("TestServer") - cpuBefore;
     printf("out of descriptors: loop CPU %ld ms in 2 s, %zu accept failures logged\n", cpuMs,
            log.lines("Accept client failed"));
     EXPECT_LT(cpuMs, 200);

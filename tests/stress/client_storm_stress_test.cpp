@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -95,15 +94,6 @@ struct Counter {
     }
 };
 
-// The "Threads:" line of a process's status file; -1 when it is gone.
-int32_t KernelThreads(int32_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("Threads:\t", 0) == 0) return atoi(line.c_str() + 9);
-    }
-    return -1;
-}
-
 size_t Subscribers() {
     return EventManager::GetInstance()->GetEventObservers(QUOR_EVENT_TASK_INIT).size();
 }
@@ -123,7 +113,6 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     ASSERT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(10)));
     const size_t fdsBefore = OpenDescriptors();
     const size_t heapBefore = HeapBytes();
-    const uint32_t tasksBefore = QuorTaskManager::GetInstance()->GetQuorTaskCount();
 
     std::vector<std::unique_ptr<Counter>> stable;
     for (int i = 0; i < kClients - kChurning; ++i) {
@@ -168,8 +157,7 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     marker.header.type = QUOR_EVENT_CGROUP_ATTACH;
     marker.pid = kMarkerPid;
     ASSERT_EQ(injector.Inject(marker), 0);
-    uint64_t least = UINT64_MAX;
-    uint64_t total = 0;
+    uint64_t least = UINT64_MAX, total = 0;
     for (size_t i = 0; i < stable.size(); ++i) {
         EXPECT_TRUE(
             PollUntil([&] { return stable[i]->markers.load() == 1; }, std::chrono::seconds(60)))
@@ -179,23 +167,6 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
         total += stable[i]->records.load();
     }
     EXPECT_GT(least, 1000u) << "a client got almost nothing through the storm";
-
-    // Once the monitor has handled the storm's overflow (most runs), the
-    // registry holds no process whose exit record was lost.
-    quor_fd_update_record nudge = {};
-    nudge.header.type = QUOR_EVENT_FD_UPDATE;
-    EXPECT_TRUE(PollUntil(
-        [&] {
-            (void)injector.Inject(nudge);  // the monitor checks while records flow
-            return (StatusWord(RINGBUF_MAIN) & QUOR_STATUS_OVERFLOW) == 0;
-        },
-        std::chrono::seconds(45), 200));
-    size_t deadTasks = 0;
-    for (const int32_t pid : QuorTaskManager::GetInstance()->GetQuorTaskPids()) {
-        deadTasks += kill(pid, 0) != 0 && errno == ESRCH;
-    }
-    // A process that ended a moment ago may still have its exit on the way.
-    EXPECT_LE(deadTasks, 5u) << "registered processes that no longer exist";
 
     // Thread counts agree with the kernel's for every live process whose
     // count holds still long enough to be compared (the machine runs others).
@@ -207,7 +178,7 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
         bool steady = true;
         for (int look = 0; look < 10 && !agrees; ++look) {
             if (look > 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            const int32_t now = KernelThreads(pid);
+            const int32_t now = KernelThreadCount(pid);
             steady = now == kernel;
             kernel = now;
             QuorTask task;
@@ -227,9 +198,8 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     EXPECT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(30)));
     EXPECT_TRUE(PollUntil([&] { return OpenDescriptors() <= fdsBefore; }, std::chrono::seconds(30)))
         << OpenDescriptors() << " descriptors open, " << fdsBefore << " before";
-    // The block pool may keep 4 MiB of freed blocks and the registry a few
-    // processes whose exit was dropped; a leak per connection (two 32 KiB
-    // buffers) or per record would exceed this many times over.
+    // The block pool may keep 4 MiB of freed blocks; a leak per connection
+    // (two 32 KiB buffers) or per record would exceed this many times over.
     const size_t allowance = size_t{5} << 20;
     size_t heapAfter = HeapBytes();
     PollUntil(
@@ -241,13 +211,10 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     EXPECT_LE(heapAfter, heapBefore + allowance)
         << "heap " << heapAfter << " bytes after, " << heapBefore << " before";
     printf(
-        "clients held: %d (%d stable, %d churning slots, %llu churned connections); records "
-        "delivered to stable clients: %llu (least %llu); descriptors %zu -> %zu; heap %zu -> "
-        "%zu bytes; registry %u -> %u tasks (%zu dead, %zu thread counts checked)\n",
-        kClients, kClients - kChurning, kChurning, static_cast<unsigned long long>(churned.load()),
-        static_cast<unsigned long long>(total), static_cast<unsigned long long>(least), fdsBefore,
-        OpenDescriptors(), heapBefore, heapAfter, tasksBefore,
-        QuorTaskManager::GetInstance()->GetQuorTaskCount(), deadTasks, compared);
+        "clients held: %d (%llu churned connections); records to stable clients: %llu "
+        "(least %llu); %zu thread counts checked\n",
+        kClients, static_cast<unsigned long long>(churned.load()),
+        static_cast<unsigned long long>(total), static_cast<unsigned long long>(least), compared);
 }
 
 int main(int argc, char** argv) {

@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -44,6 +45,14 @@ inline int ThreadsNamed(const std::string& name) {
     }
     if (dir) closedir(dir);
     return count;
+}
+
+// The "Threads:" line of a process's status file; -1 when it is gone.
+inline int KernelThreadCount(int pid) {
+    for (const std::string& line : ReadLines("/proc/" + std::to_string(pid) + "/status")) {
+        if (line.rfind("Threads:\t", 0) == 0) return atoi(line.c_str() + 9);
+    }
+    return -1;
 }
 
 }  // namespace quortest

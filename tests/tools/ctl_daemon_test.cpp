@@ -1,5 +1,8 @@
 // quorbpfctl against the real daemon in private namespaces: tasks, stats,
-// exit codes, a start amid a process storm.
+// exit codes, a start amid a process storm; record and exporter, whose
+// output is read back with Python's parsers (the exporter's with Debian's
+// Prometheus client). The kernel reports the whole machine, so counters are
+// checked as at least the workload, and per-process series by pid.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -7,6 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <set>
 #include <string>
@@ -21,29 +25,15 @@ using namespace QuorCtlTest;
 namespace {
 
 const std::string kCtl = QUORBPFCTL_PATH;
+// Debian's interpreter, which has Debian's Python packages (a python3 first
+// on PATH may be another).
+const std::string kPython = "/usr/bin/python3";
 
 size_t CountLines(const std::string& text) {
     return std::count(text.begin(), text.end(), '\n');
 }
 
-class CtlDaemonTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        daemon_ = std::make_unique<Daemon>(dir_);
-        started_ = daemon_->Start();
-    }
-    static void TearDownTestSuite() { daemon_.reset(); }
-    void SetUp() override {
-        if (!started_) GTEST_SKIP() << "the daemon did not start here:\n" << daemon_->Log();
-    }
-    static std::string Ctl(const std::string& args) {
-        return kCtl + " " + args + " --pid-file " + daemon_->PidFile();
-    }
-
-    static inline const std::string dir_ = TempDir();
-    static inline std::unique_ptr<Daemon> daemon_;
-    static inline bool started_ = false;
-};
+class CtlDaemonTest : public DaemonSuite {};
 
 TEST_F(CtlDaemonTest, TasksPrintsTheWholeTableWithThisProcess) {
     const Output full = Shell(Ctl("tasks"));
@@ -90,19 +80,110 @@ TEST_F(CtlDaemonTest, ErrorsHaveTheirExitCodes) {
     const Output noSocket = Shell(kCtl + " watch --socket /no/such/socket --timeout 1");
     EXPECT_EQ(noSocket.code, 3);
     EXPECT_NE(noSocket.err.find("the service is not running"), std::string::npos) << noSocket.err;
-    // A process that never answers: the dump times out.
-    const pid_t silent = fork();
-    if (silent == 0) {
-        signal(51, [](int) {});
-        for (;;) pause();
-    }
-    const Output timeout = Shell(kCtl + " tasks --timeout 1 --dir " + dir_ + " --daemon-pid " +
-                                 std::to_string(silent));
-    EXPECT_EQ(timeout.code, 5) << timeout.err;
-    kill(silent, SIGKILL);
-    waitpid(silent, nullptr, 0);
 }
 
+// A child that renames itself `name` (no record says so before its exit),
+// holds 64 MiB of touched memory and 4 more threads until it reads a byte
+// from `release`, then exits.
+pid_t BusyChild(const char* name, int release) {
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    prctl(PR_SET_NAME, name, 0, 0, 0);
+    // In steps, so that the memory rises over several samples.
+    const size_t size = 64u << 20;
+    char* memory = static_cast<char*>(malloc(size));
+    for (size_t step = 0; step < 4; ++step) {
+        memset(memory + step * (size / 4), 1, size / 4);
+        usleep(100 * 1000);
+    }
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([release] {
+            char byte;
+            (void)read(release, &byte, 1);
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    _exit(memory[size - 1] == 1 ? 0 : 1);
+}
+
+TEST_F(CtlDaemonTest, ExporterCountsAKnownWorkloadOverHttp) {
+    const std::string err = dir_ + "/exporter.err";
+    const pid_t exporter = Spawn(Ctl("exporter --listen 127.0.0.1:0 --top 1000") + " 2>" + err);
+    std::string url;
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            const std::string text = ReadFile(err);
+            const size_t at = text.find("serving ");
+            if (at == std::string::npos) return false;
+            url = text.substr(at + 8, text.find('\n', at) - at - 8);
+            return true;
+        },
+        20000))
+        << ReadFile(err);
+
+    if (Shell(kPython + " -c 'import prometheus_client'").code != 0) {
+        GTEST_SKIP() << "python3-prometheus-client is missing (scripts/install-deps.sh)";
+    }
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    const pid_t busy = BusyChild("qexport", pipeFds[0]);
+    // Scrapes until the busy child shows with its memory and 5 threads (the
+    // top list is long: other work on the machine may hold more memory),
+    // forks 20 short children, and scrapes until they are counted.
+    const Output check = Shell(
+        kPython +
+        " -c \"import os, sys, time, urllib.request\n"
+        "from prometheus_client.parser import text_string_to_metric_families\n"
+        "url, busy = sys.argv[1], sys.argv[2]\n"
+        "def scrape():\n"
+        "    with urllib.request.urlopen(url) as r:\n"
+        "        assert r.headers['Content-Type'].startswith('text/plain; version=0.0.4')\n"
+        "        text = r.read().decode('utf-8')\n"
+        "    return {(s.name, tuple(sorted(s.labels.items()))): s.value\n"
+        "            for f in text_string_to_metric_families(text) for s in f.samples}\n"
+        "def wait(ok):\n"
+        "    for _ in range(100):\n"
+        "        m = scrape()\n"
+        "        if ok(m): return m\n"
+        "        time.sleep(0.1)\n"
+        "    raise AssertionError({k: v for k, v in m.items() if not k[1] or busy in str(k)})\n"
+        "key = lambda n, **l: (n, tuple(sorted(l.items())))\n"
+        "anon = key('quorbpf_process_resident_memory_bytes', pid=busy, comm='qexport', "
+        "type='anon')\n"
+        "threads = key('quorbpf_process_threads', pid=busy, comm='qexport')\n"
+        "m = wait(lambda m: m.get(anon, 0) >= 64 << 20 and m.get(threads) == 5)\n"
+        "assert m[('quorbpf_exporter_connected', ())] == 1\n"
+        "before = m\n"
+        "for _ in range(20):\n"
+        "    pid = os.fork()\n"
+        "    if pid == 0: os._exit(0)\n"
+        "    os.waitpid(pid, 0)\n"
+        "names = ['quorbpf_processes_started_total', 'quorbpf_processes_ended_total']\n"
+        "fork = key('quorbpf_events_total', type='sched_task_create')\n"
+        "after = wait(lambda m: all(m[(n, ())] - before[(n, ())] >= 20 for n in names) and\n"
+        "             m[fork] - before[fork] >= 20)\n"
+        "assert after[('quorbpf_exporter_dropped_records_total', ())] == 0\n"
+        "\" " +
+        url + " " + std::to_string(busy));
+    ASSERT_EQ(write(pipeFds[1], "xxxx", 4), 4);
+    EXPECT_EQ(Reap(busy), 0);
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+    EXPECT_EQ(check.code, 0) << check.err;
+    EXPECT_EQ(Shell(kPython +
+                    " -c \"import urllib.request, sys\n"
+                    "try: urllib.request.urlopen(sys.argv[1] + 'x')\n"
+                    "except urllib.error.HTTPError as e: sys.exit(0 if e.code == 404 else 1)\n"
+                    "sys.exit(1)\" " +
+                    url)
+                  .code,
+              0);
+    kill(exporter, SIGTERM);
+    EXPECT_EQ(Reap(exporter), 0) << ReadFile(err);
+}
+
+// Last: it restarts the daemon.
 // The pids of `pids` that a pinned map still names: as its key's first field,
 // or for the buffer map as its value's holder.
 std::set<pid_t> MapsNaming(const std::set<pid_t>& pids) {

@@ -144,44 +144,6 @@ TEST(StateTableTest, RatesLeaveOutTheRunningSecond) {
         ParseStateTable(StateFile(1, 0, {{1, 2, 3, 4, 5, 6, 7, 8, 9}, {1, 2}}), &table, &error));
 }
 
-// The SVG parsed by a real XML parser: well formed, one polyline per type
-// with events, the points inside the plot.
-TEST(RatePlotTest, OnePolylinePerTypeWithDataInAWellFormedDocument) {
-    std::vector<std::vector<int>> rows;
-    for (int i = 0; i < 120; ++i)
-        rows.push_back({i == 119 ? 200 : 0, 5000 + i, i % 7, 0, 0, 0, 0, 0, 50});
-    StateTable table;
-    std::string error;
-    ASSERT_TRUE(ParseStateTable(StateFile(119, 0, rows), &table, &error));
-    if (system("python3 -c 'pass' 2>/dev/null") != 0) GTEST_SKIP() << "python3 is missing";
-    for (const bool log : {true, false}) {
-        const std::string svg = RenderRatePlotSvg(table, log, "rates <& \"test\">");
-        const std::string path = TempDir() + "/rates.svg";
-        WriteText(path, svg);
-        const std::string check =
-            "python3 -c \"import sys, xml.etree.ElementTree as E\n"
-            "ns = '{http://www.w3.org/2000/svg}'\n"
-            "root = E.parse(sys.argv[1]).getroot()\n"
-            "lines = root.findall(ns + 'polyline')\n"
-            "names = [l.find(ns + 'title').text for l in lines]\n"
-            "assert names == ['quor_task_init', 'kmem_rss_info', 'sched_task_create'], names\n"
-            "for l in lines:\n"
-            "    pts = [tuple(map(float, p.split(','))) for p in l.get('points').split()]\n"
-            "    assert len(pts) == 119, len(pts)\n"
-            "    assert all(80 <= x <= 711 and 49 <= y <= 441 for x, y in pts), pts[:3]\n"
-            "texts = ''.join(t.text or '' for t in root.iter(ns + 'text'))\n"
-            "assert 'rates <& \\\"test\\\">' in texts and 'kmem_rss_info' in texts\n"
-            "\" " +
-            path;
-        EXPECT_EQ(system(check.c_str()), 0) << svg.substr(0, 2000);
-    }
-    // No events at all still makes a chart that says so.
-    ASSERT_TRUE(ParseStateTable(StateFile(0, 0, {{0, 0, 0, 0, 0, 0, 0, 0, 3}}), &table, &error));
-    const std::string empty = RenderRatePlotSvg(table, true, "t");
-    EXPECT_NE(empty.find("no events in the window"), std::string::npos);
-    EXPECT_EQ(empty.find("<polyline"), std::string::npos);
-}
-
 TEST(DaemonFinderTest, PidFileFirstWhileItNamesTheDaemonThenTheProcessList) {
     const std::string proc = TempDir();
     const auto fakeProcess = [&](int pid, const char* comm) {

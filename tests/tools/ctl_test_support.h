@@ -1,7 +1,9 @@
 // Running quorbpfctl and quorbpfd as programs: shell commands with their
-// output and exit code, the daemon with a private pid file, polling a condition.
+// output and exit code, the daemon with a private pid file, polling a
+// condition, and a suite that shares one daemon.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,6 +12,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -111,6 +114,27 @@ public:
 private:
     std::string dir_;
     pid_t pid_ = 0;
+};
+
+// The tests of a suite share one daemon, started before the first of them.
+class DaemonSuite : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        (void)Shell("ip link set lo up");  // down in a new network namespace
+        daemon_ = std::make_unique<Daemon>(dir_);
+        started_ = daemon_->Start();
+    }
+    static void TearDownTestSuite() { daemon_.reset(); }
+    void SetUp() override {
+        if (!started_) GTEST_SKIP() << "the daemon did not start here:\n" << daemon_->Log();
+    }
+    static std::string Ctl(const std::string& args) {
+        return std::string(QUORBPFCTL_PATH) + " " + args + " --pid-file " + daemon_->PidFile();
+    }
+
+    static inline const std::string dir_ = TempDir();
+    static inline std::unique_ptr<Daemon> daemon_;
+    static inline bool started_ = false;
 };
 
 }  // namespace QuorCtlTest

@@ -12,6 +12,7 @@
 #include <tuple>
 
 #include "quor/quor_bpf_records.h"
+#include "tests/support/record_builders.h"
 #include "tools/quorbpfctl/top_model.h"
 #include "tools/quorbpfctl/top_screen.h"
 
@@ -25,18 +26,13 @@ constexpr int64_t kStartMs = 1700000000000;
 
 template <typename Record>
 void Feed(TopModel* model, const Record& record, int64_t nowMs) {
-    uint32_t type = 0;
-    memcpy(&type, &record, sizeof(type));
-    model->OnEvent(type, reinterpret_cast<const uint8_t*>(&record), sizeof(record), nowMs);
+    quortest::Feed(record, [&](uint32_t type, const uint8_t* data, size_t length) {
+        model->OnEvent(type, data, length, nowMs);
+    });
 }
 
 quor_rss_record Rss(int32_t pid, int32_t member, int64_t bytes) {
-    quor_rss_record r = {};
-    r.header.type = QUOR_EVENT_RSS_STAT;
-    r.pid = pid;
-    r.member = member;
-    r.size = bytes;
-    return r;
+    return quortest::Rss(pid, 0, member, bytes);
 }
 
 TaskRow Task(const std::string& comm, int32_t pid, int64_t anonKb, int64_t fileKb = 0) {
