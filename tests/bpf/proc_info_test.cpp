@@ -145,13 +145,6 @@ TEST(ProcessInfoTest, CraftedStatusAndStatText) {
     proc.File("12/status", "Name:\tgone\n");
     EXPECT_FALSE(read("12", &r));
 
-    // 21 pieces: no thread count, no start time, still reported.
-    proc.File("13/status", "Name:\tshort\n");
-    proc.File("13/stat", StatLine(21, {{19, "8"}}));
-    ASSERT_TRUE(read("13", &r));
-    EXPECT_STREQ(r.comm, "short");
-    EXPECT_EQ(std::make_tuple(r.thread_count, r.start_time_s), std::make_tuple(0, 0));
-
     // Long name, values that are no numbers or too big, a name with blanks.
     proc.File("14/status",
               "Name:\tabcdefghijklmnopqrst\nPPid:\tnot-a-number\nUid:\t4294967294\t1\t1\t1\n"
@@ -162,10 +155,6 @@ TEST(ProcessInfoTest, CraftedStatusAndStatText) {
     // 0xfffffffe keeps its bit pattern; blanks in the name do not shift the stat fields.
     EXPECT_EQ(std::make_tuple(r.ppid, r.uid, r.rss_shmem, r.swap, r.rss_file, r.thread_count),
               std::make_tuple(0, -2, LLONG_MAX, 8 * 1024, 0, 20));
-    UpdateProcessExdata info = {};
-    ASSERT_TRUE(ReadProcessExdataFile(proc.root() + "/14/status", &info));
-    EXPECT_EQ(info.ppid, 0);
-    EXPECT_EQ(std::string(info.comm, 16), std::string("abcdefghijklmno\0", 16));
 
     // Parentheses, blanks and a newline in the name: fields count from the last ')'.
     proc.File("16/status", "Name:\ttmux: server\n");

@@ -63,16 +63,6 @@ protected:
     }
 };
 
-TEST(IsBpfProgTest, OnlyALeadingPrefixCounts) {
-    for (std::string name : {"prog_", "prog_QuorBpfDefineset_tracepoint_x", "prog_a"}) {
-        EXPECT_TRUE(IsBpfProg(name)) << name;
-    }
-    for (std::string name :
-         {"", "prog", "pro", "map_QuorBpfDefineset_ringbuf_map", "xprog_a", "a_prog_b"}) {
-        EXPECT_FALSE(IsBpfProg(name)) << name;
-    }
-}
-
 // A kprobe row fails where the kernel lacks kprobes or the function (a
 // kernel without dmabuf statistics has no dma_buf_stats_setup). A second
 // attachment of a tracepoint fails with EEXIST: the table walk counts it, the

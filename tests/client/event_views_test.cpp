@@ -16,33 +16,6 @@ std::string Bytes(const void* record, size_t size) {
     return std::string(static_cast<const char*>(record), size);
 }
 
-TEST(EventViewsTest, DecodesEveryFieldOfAWholeRecord) {
-    quor_fork_record fork = {};
-    fork.header.type = QUOR_EVENT_TASK_CREATE;
-    fork.header.timestamp_ns = 123456789;
-    fork.ppid = 1;
-    fork.pid = 200;
-    fork.tid = 201;
-    memcpy(fork.comm, "0123456789abcdef", 16);  // a full comm has no NUL
-    fork.kind = QUOR_TASK_KIND_THREAD;
-    const std::string bytes = Bytes(&fork, sizeof(fork));
-
-    const QuorForkView view(bytes.data() + 0, bytes.size());
-    ASSERT_TRUE(view);
-    EXPECT_EQ(view->pid, 200);
-    EXPECT_EQ(QuorCommString(view->comm), "0123456789abcdef");
-    EXPECT_EQ(QuorFormatEvent(QUOR_EVENT_TASK_CREATE, bytes.data(), bytes.size()),
-              "sched_task_create ts=123456789 pid=200 comm=0123456789abcdef ppid=1 tid=201 "
-              "kind=thread");
-
-    quor_cgroup_attach_record cgroup = {};
-    cgroup.header.type = QUOR_EVENT_CGROUP_ATTACH;
-    memset(cgroup.cgroup, 'c', sizeof(cgroup.cgroup));  // cut path, no NUL
-    const std::string path = Bytes(&cgroup, sizeof(cgroup));
-    EXPECT_EQ(QuorFieldString(QuorCgroupAttachView(path.data(), path.size())->cgroup),
-              std::string(64, 'c'));
-}
-
 TEST(EventViewsTest, RefusesShortOrForeignBytes) {
     for (const QuorEventTypeInfo& info : kQuorEventTypes) {
         const uint32_t type = info.type;

@@ -144,7 +144,6 @@ protected:
 }  // namespace
 
 TEST_F(DaemonFaultTest, RestartWhilePinsStayKeepsKernelStateAndServesAgain) {
-    constexpr int kRestarts = 3;
     MarkerClient client;
     auto daemon = std::make_unique<Daemon>(std::vector<std::string>{});
     ASSERT_TRUE(daemon->running());
@@ -154,25 +153,18 @@ TEST_F(DaemonFaultTest, RestartWhilePinsStayKeepsKernelStateAndServesAgain) {
     const uint32_t statusId = MapId(RINGBUF_STATUS_PATHS[RINGBUF_MAIN]);
     ASSERT_NE(ringId, 0u);
 
-    for (int restart = 1; restart <= kRestarts; ++restart) {
-        SCOPED_TRACE("restart " + std::to_string(restart));
-        const int connectionsBefore = client.connections();
-        ASSERT_EQ(daemon->stop(), 0);
-        // The pins outlive the daemon.
-        EXPECT_EQ(MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]), ringId);
-        daemon = std::make_unique<Daemon>(std::vector<std::string>{});
-        ASSERT_TRUE(daemon->running());
-        // The client reconnects and subscribes again by itself.
-        EXPECT_TRUE(PollUntil([&] { return client.connections() > connectionsBefore; },
-                              std::chrono::seconds(30)));
-        EXPECT_TRUE(client.markerArrives(RINGBUF_MAP_PATHS[RINGBUF_MAIN]));
-        EXPECT_EQ(MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]), ringId);
-        EXPECT_EQ(MapId(RINGBUF_STATUS_PATHS[RINGBUF_MAIN]), statusId);
-    }
+    ASSERT_EQ(daemon->stop(), 0);
+    // The pins outlive the daemon; the next one reuses them, and the client
+    // reconnects and subscribes again by itself.
+    EXPECT_EQ(MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]), ringId);
+    daemon = std::make_unique<Daemon>(std::vector<std::string>{});
+    ASSERT_TRUE(daemon->running());
+    EXPECT_TRUE(PollUntil([&] { return client.connections() > 1; }, std::chrono::seconds(30)));
+    EXPECT_TRUE(client.markerArrives(RINGBUF_MAP_PATHS[RINGBUF_MAIN]));
+    EXPECT_EQ(MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]), ringId);
+    EXPECT_EQ(MapId(RINGBUF_STATUS_PATHS[RINGBUF_MAIN]), statusId);
     EXPECT_TRUE(LogHas("reused  map_QuorBpfDefineset_ringbuf_map"));
     EXPECT_EQ(daemon->stop(), 0);
-    printf("daemon restarts survived: %d (client connections: %d), pinned maps kept\n", kRestarts,
-           client.connections());
 }
 
 TEST_F(DaemonFaultTest, MissingPinnedMapFailsOnlyItsMonitor) {

@@ -22,16 +22,6 @@ TEST(PeerAccessPolicyTest, IdListsTakeWholeIdsAndReportTheRest) {
     EXPECT_TRUE(PeerAccessPolicy::ParseIdList("", nullptr).empty());
 }
 
-TEST(PeerAccessPolicyTest, RootOwnUidAndListedIdsOnly) {
-    const PeerAccessPolicy policy(1234, {2000}, {3000});
-    for (const uid_t uid : {0, 1234, 2000}) EXPECT_TRUE(policy.allows(uid, 99, {})) << uid;
-    EXPECT_TRUE(policy.allows(77, 3000, {}));
-    EXPECT_TRUE(policy.allows(77, 99, {5, 3000}));
-    EXPECT_FALSE(policy.allows(77, 99, {5, 2000}));  // a uid is not a group
-    EXPECT_FALSE(policy.allows(3000, 99, {}));       // nor the other way round
-    EXPECT_FALSE(PeerAccessPolicy(1234, {}, {}).allows(1235, 1234, {1234}));
-}
-
 TEST(PeerAccessPolicyTest, PeerCredentialsOfAConnectedSocket) {
     int pair[4];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);

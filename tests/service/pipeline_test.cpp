@@ -410,12 +410,9 @@ pid_t StartOddlyNamedProcess() {
     if (child != 0) {
         close(ready[1]);
         char byte = 0;
-        if (child < 0 || read(ready[0], &byte, 1) != 1) {
-            close(ready[0]);
-            return -1;
-        }
+        const bool started = child > 0 && read(ready[0], &byte, 1) == 1;
         close(ready[0]);
-        return child;
+        return started ? child : -1;
     }
     close(ready[0]);
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);

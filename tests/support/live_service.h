@@ -56,15 +56,9 @@ inline constexpr auto kAllTypes = [] {
     return types;
 }();
 
-// Polls `condition` every `pollMs` until it holds or `limit` passes.
 inline bool PollUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit,
                       int pollMs = 10) {
-    const auto deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(pollMs));
-    }
-    return true;
+    return WaitFor(condition, limit, pollMs);
 }
 
 inline uint64_t StatusWord(int index) {
@@ -126,21 +120,6 @@ inline size_t HeapBytes() {
 #else
     const struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;  // large blocks are mapped on their own
-#endif
-}
-
-// Resident memory of this process; under a sanitizer (whose shadow memory
-// makes RSS meaningless) the heap in use instead.
-inline size_t ResidentBytes() {
-#ifdef QUOR_TEST_SANITIZER_HEAP
-    return HeapBytes();
-#else
-    long pages = 0, resident = 0;
-    FILE* statm = fopen("/proc/self/statm", "re");
-    if (statm == nullptr) return 0;
-    if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    fclose(statm);
-    return static_cast<size_t>(resident) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 #endif
 }
 

@@ -2,15 +2,32 @@
 #pragma once
 
 #include <dirent.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace quortest {
+
+// Polls `condition` every `pollMs` until it holds or `limit` passes.
+inline bool WaitFor(const std::function<bool()>& condition,
+                    std::chrono::milliseconds limit = std::chrono::milliseconds(5000),
+                    int pollMs = 5) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(pollMs));
+    }
+    return true;
+}
 
 inline std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -53,6 +70,35 @@ inline int KernelThreadCount(int pid) {
         if (line.rfind("Threads:\t", 0) == 0) return atoi(line.c_str() + 9);
     }
     return -1;
+}
+
+// Lines of the file at `path` that contain `needle`.
+inline size_t CountLines(const std::string& path, const std::string& needle) {
+    size_t count = 0;
+    for (const std::string& line : ReadLines(path)) count += line.find(needle) != std::string::npos;
+    return count;
+}
+
+// CPU time (user + system, ms) used so far by this process's thread named
+// `name`; -1 when there is none.
+inline long ThreadCpuMs(const std::string& name) {
+    DIR* tasks = opendir("/proc/self/task");
+    long result = -1;
+    while (const dirent* task = tasks != nullptr && result < 0 ? readdir(tasks) : nullptr) {
+        const std::string dir = std::string("/proc/self/task/") + task->d_name;
+        if (task->d_name[0] == '.' || ReadFile(dir + "/comm") != name + "\n") continue;
+        // Fields 14 and 15 (utime, stime) follow the ")" that ends the name.
+        const std::string stat = ReadFile(dir + "/stat");
+        const size_t end = stat.rfind(')');
+        unsigned long utime = 0, stime = 0;
+        if (end != std::string::npos &&
+            sscanf(stat.c_str() + end + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
+                   &utime, &stime) == 2) {
+            result = static_cast<long>((utime + stime) * 1000 / sysconf(_SC_CLK_TCK));
+        }
+    }
+    if (tasks != nullptr) closedir(tasks);
+    return result;
 }
 
 }  // namespace quortest

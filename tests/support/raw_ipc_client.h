@@ -2,7 +2,6 @@
 // sends hand-built bytes (well-formed or not) and reads frames strictly.
 #pragma once
 
-#include <dirent.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -10,12 +9,12 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
+
+#include "tests/support/proc_self.h"
 
 namespace quortest {
 
@@ -55,64 +54,6 @@ inline std::string Request(uint32_t reqId, uint32_t command, int32_t eventType) 
     PutU32(&body, 4);
     PutU32(&body, static_cast<uint32_t>(eventType));
     return Frame(0, body);
-}
-
-// Polls `condition` until it holds or `limit` passes.
-inline bool WaitFor(const std::function<bool()>& condition,
-                    std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
-}
-
-// CPU time (user + system, ms) used so far by this process's thread named
-// `name`; -1 when there is none.
-inline long ThreadCpuMs(const std::string& name) {
-    DIR* tasks = opendir("/proc/self/task");
-    if (tasks == nullptr) return -1;
-    long result = -1;
-    while (const dirent* task = readdir(tasks)) {
-        if (task->d_name[0] == '.') continue;
-        const std::string dir = std::string("/proc/self/task/") + task->d_name;
-        char comm[64] = {};
-        FILE* in = fopen((dir + "/comm").c_str(), "re");
-        if (in == nullptr) continue;
-        const bool named =
-            fgets(comm, sizeof(comm), in) != nullptr && std::string(comm) == name + "\n";
-        fclose(in);
-        if (!named || (in = fopen((dir + "/stat").c_str(), "re")) == nullptr) continue;
-        char stat[1024] = {};
-        const size_t n = fread(stat, 1, sizeof(stat) - 1, in);
-        fclose(in);
-        // Fields 14 and 15 (utime, stime) follow the ")" that ends the name.
-        const char* rest = strrchr(stat, ')');
-        unsigned long utime = 0, stime = 0;
-        if (n == 0 || rest == nullptr ||
-            sscanf(rest + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime,
-                   &stime) != 2) {
-            continue;
-        }
-        result = static_cast<long>((utime + stime) * 1000 / sysconf(_SC_CLK_TCK));
-        break;
-    }
-    closedir(tasks);
-    return result;
-}
-
-// Lines of the file at `path` that contain `needle`.
-inline size_t CountLines(const std::string& path, const std::string& needle) {
-    FILE* in = fopen(path.c_str(), "re");
-    if (in == nullptr) return 0;
-    size_t count = 0;
-    char* line = nullptr;
-    size_t capacity = 0;
-    while (getline(&line, &capacity, in) != -1) count += strstr(line, needle.c_str()) != nullptr;
-    free(line);
-    fclose(in);
-    return count;
 }
 
 class RawIpcClient {

@@ -68,12 +68,7 @@ inline int Reap(pid_t pid) {
 }
 
 inline bool WaitFor(const std::function<bool()>& condition, int timeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return true;
+    return quortest::WaitFor(condition, std::chrono::milliseconds(timeoutMs), 50);
 }
 
 // The real daemon, in the test's private namespaces, with its own pid file.

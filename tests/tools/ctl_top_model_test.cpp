@@ -101,44 +101,6 @@ TEST(TopModelTest, BaselineThenCountersThenExit) {
     EXPECT_EQ(snap.rows[0].pid, 10);
 }
 
-TEST(TopModelTest, ServiceEventsNameProcessesAndListLargeChanges) {
-    TopModel model(nullptr);
-    quor_task_new_event created = {};
-    created.id = QUOR_SERVICE_TASK_NEW;
-    created.pid = 30;
-    created.ppid = 1;
-    memcpy(created.comm, "worker", 6);
-    Feed(&model, created, kStartMs);
-    quor_rss_change_event change = {};
-    change.id = QUOR_SERVICE_RSS_CHANGE;
-    change.pid = 30;
-    memcpy(change.comm, "worker", 6);
-    change.rss_anon = 64 * kMiB;
-    change.old_rss_anon = 16 * kMiB;
-    Feed(&model, change, kStartMs + 500);
-    change.old_rss_anon = change.rss_anon;
-    change.rss_anon += 16 * 1024;  // small: not listed
-    Feed(&model, change, kStartMs + 600);
-    quor_exit_record threadExit = {};
-    threadExit.header.type = QUOR_EVENT_TASK_EXIT;
-    threadExit.pid = 30;
-    threadExit.kind = QUOR_TASK_KIND_THREAD;  // a thread ended; the process goes on
-    Feed(&model, threadExit, kStartMs + 700);
-
-    const TopSnapshot snap = model.Snapshot(kStartMs + 1000, 5, 5);
-    ASSERT_EQ(snap.rows.size(), 1u);
-    EXPECT_EQ(std::tie(snap.rows[0].comm, snap.rows[0].anon),
-              std::make_tuple("worker", 64 * kMiB + 16 * 1024));
-    ASSERT_EQ(snap.recent.size(), 2u);
-    EXPECT_NE(snap.recent[0].find("start 30 worker (parent 1)"), std::string::npos);
-    EXPECT_NE(snap.recent[1].find("rss   30 worker +48.0 MiB -> 64.0 MiB"), std::string::npos)
-        << snap.recent[1];
-    // Malformed bytes change nothing.
-    model.OnEvent(QUOR_EVENT_RSS_STAT, reinterpret_cast<const uint8_t*>(&change), 8,
-                  kStartMs + 1100);
-    EXPECT_EQ(model.Snapshot(kStartMs + 1200, 5, 5).rows[0].anon, 64 * kMiB + 16 * 1024);
-}
-
 TEST(TopScreenTest, FitsTheTerminalAndDropsColumnsWhenNarrow) {
     setenv("TZ", "UTC", 1);
     tzset();
