@@ -125,12 +125,8 @@ TEST(ExporterMetricsTest, CountsEachLifeOnceAndBoundsThePerProcessSeries) {
     const auto feed = [&](uint32_t type, const uint8_t* data, size_t length) {
         metrics.OnRecord(type, data, length);
     };
-    quor_task_new_event started = {};
-    started.id = QUOR_SERVICE_TASK_NEW;
-    started.pid = kBase + 20;
-    quor_task_exit_event ended = {};
-    ended.id = QUOR_SERVICE_TASK_EXIT;
-    ended.pid = kBase + 20;
+    const quor_task_new_event started = {QUOR_SERVICE_TASK_NEW, kBase + 20, 0, 0, ""};
+    const quor_task_exit_event ended = {QUOR_SERVICE_TASK_EXIT, kBase + 20, ""};
     // The kernel and the service both report the same life.
     Feed(Fork(kBase + 20, kBase, 1, QUOR_TASK_KIND_PROCESS, "child"), feed);
     Feed(started, feed);

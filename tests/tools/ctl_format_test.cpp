@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "quor/quor_bpf_records.h"
+#include "tests/support/record_builders.h"
 #include "tools/quorbpfctl/ctl_exit_codes.h"
 #include "tools/quorbpfctl/ctl_options.h"
 #include "tools/quorbpfctl/event_formatter.h"
@@ -17,6 +18,9 @@
 
 using namespace Quor::Bpf;
 using namespace Quor::Bpf::Ctl;
+using quortest::Exit;
+using quortest::Fork;
+using quortest::Rss;
 
 namespace {
 
@@ -42,14 +46,10 @@ protected:
 };
 
 TEST_F(FormatTest, KernelRecordsShowLocalTimeSizesAndEveryField) {
-    quor_fork_record fork = {};
-    fork.header.type = QUOR_EVENT_TASK_CREATE;
-    fork.header.timestamp_ns = kMonoNs - 1000000000;  // one second before arrival
-    fork.ppid = 1;
-    fork.pid = 200;
+    // One second before arrival; a full comm has no NUL.
+    quor_fork_record fork = Fork(200, 1, kMonoNs - 1000000000, QUOR_TASK_KIND_THREAD, "");
     fork.tid = 201;
-    memcpy(fork.comm, "0123456789abcdef", 16);  // a full comm has no NUL
-    fork.kind = QUOR_TASK_KIND_THREAD;
+    memcpy(fork.comm, "0123456789abcdef", 16);
     EXPECT_EQ(FormatEventText(Decode(fork), context_),
               "03:04:04.678 sched_task_create             200 0123456789abcdef "
               "ppid=1 tid=201 kind=thread");
@@ -59,12 +59,7 @@ TEST_F(FormatTest, KernelRecordsShowLocalTimeSizesAndEveryField) {
         "\"ts_ns\":499000000000,\"pid\":200,\"comm\":\"0123456789abcdef\",\"ppid\":1,"
         "\"tid\":201,\"kind\":\"thread\"}");
 
-    quor_rss_record rss = {};
-    rss.header.type = QUOR_EVENT_RSS_STAT;
-    rss.header.timestamp_ns = kMonoNs;
-    rss.pid = 7;
-    rss.member = QUOR_RSS_ANON;
-    rss.size = 5 * 1024 * 1024 + 512 * 1024;
+    const quor_rss_record rss = Rss(7, kMonoNs, QUOR_RSS_ANON, 5 * 1024 * 1024 + 512 * 1024);
     context_.commOf = [](int32_t pid) { return pid == 7 ? std::string("app") : std::string(); };
     EXPECT_EQ(FormatEventText(Decode(rss), context_),
               "03:04:05.678 kmem_rss_info                   7 app              anon=5.5 MiB");
@@ -72,13 +67,9 @@ TEST_F(FormatTest, KernelRecordsShowLocalTimeSizesAndEveryField) {
     EXPECT_NE(FormatEventJson(Decode(rss), context_).find("\"member\":\"anon\",\"size\":5767168}"),
               std::string::npos);
 
-    quor_dmabuf_update_record dmabuf = {};
-    dmabuf.header.type = QUOR_EVENT_DMABUF_UPDATE;
-    dmabuf.header.timestamp_ns = kMonoNs + 5;  // from the future: shown at arrival
-    dmabuf.pid = 9;
-    dmabuf.action = 77;
-    dmabuf.inode = 1234;
-    dmabuf.size = 16384;
+    // From the future: shown at arrival.
+    const quor_dmabuf_update_record dmabuf = {
+        {QUOR_EVENT_DMABUF_UPDATE, 0, kMonoNs + 5}, 9, 77, 1234, 16384};
     context_.commOf = nullptr;
     EXPECT_EQ(FormatEventText(Decode(dmabuf), context_),
               "03:04:05.678 dmabuf_update                   9 -                "
@@ -115,13 +106,9 @@ TEST_F(FormatTest, ServiceEventsShowChangesAndKeepOldValuesInJson) {
 }
 
 TEST_F(FormatTest, HostileNamesStayOnOneLineAndValidJsonAndRefusalsSayWhy) {
-    quor_exit_record exit = {};
-    exit.header.type = QUOR_EVENT_TASK_EXIT;
-    exit.pid = 5;
     // Quote, backslash, newline, escape, DEL, a lone 0xff and valid UTF-8 (é).
-    const char comm[] = "a\"b\\c\n\x1b\x7f\xff\xc3\xa9";
-    memcpy(exit.comm, comm, sizeof(comm) - 1);
-    exit.kind = QUOR_TASK_KIND_PROCESS;
+    const quor_exit_record exit =
+        Exit(5, 0, QUOR_TASK_KIND_PROCESS, "a\"b\\c\n\x1b\x7f\xff\xc3\xa9");
     const std::string text = FormatEventText(Decode(exit), context_);
     EXPECT_NE(text.find("a\"b\\\\c\\x0a\\x1b\\x7f\\xff\\xc3\\xa9"), std::string::npos) << text;
     EXPECT_EQ(text.find('\n'), std::string::npos);
@@ -150,18 +137,10 @@ TEST(WatchFilterTest, PidMatchesParentsOfForksAndCommMatchesSubstrings) {
                             EventContext())
                     .empty();
     };
-    quor_fork_record fork = {};
-    fork.header.type = QUOR_EVENT_TASK_CREATE;
-    fork.ppid = 100;
-    fork.pid = 101;
-    memcpy(fork.comm, "bash", 4);
-    EXPECT_TRUE(shown(fork, sizeof(fork)));
-    memcpy(fork.comm, "zsh\0", 4);
-    EXPECT_FALSE(shown(fork, sizeof(fork)));
-    quor_exit_record exit = {};
-    exit.header.type = QUOR_EVENT_TASK_EXIT;
-    exit.pid = 101;  // not 100, and an exit does not match on its parent
-    memcpy(exit.comm, "bash", 4);
+    EXPECT_TRUE(shown(Fork(101, 100, 0, QUOR_TASK_KIND_PROCESS, "bash"), sizeof(quor_fork_record)));
+    EXPECT_FALSE(shown(Fork(101, 100, 0, QUOR_TASK_KIND_PROCESS, "zsh"), sizeof(quor_fork_record)));
+    // Not 100, and an exit does not match on its parent.
+    const quor_exit_record exit = Exit(101, 0, QUOR_TASK_KIND_PROCESS, "bash");
     EXPECT_FALSE(shown(exit, sizeof(exit)));
     // A malformed record is not shown when the user asked for one process.
     EXPECT_FALSE(shown(exit, 4));

@@ -82,10 +82,7 @@ TEST(TopModelTest, BaselineThenCountersThenExit) {
     EXPECT_EQ(std::tie(snap.rows[0].comm, snap.rows[0].isNew, snap.rows[0].recentChange),
               std::make_tuple("proc20", true, 500 * kMiB));
 
-    quor_task_exit_event exit = {};
-    exit.id = QUOR_SERVICE_TASK_EXIT;
-    exit.pid = 20;
-    memcpy(exit.comm, "hog", 3);
+    const quor_task_exit_event exit = {QUOR_SERVICE_TASK_EXIT, 20, "hog"};
     Feed(&model, exit, kStartMs + 14000);
     // A late counter of the dead process does not bring it back.
     Feed(&model, Rss(20, QUOR_RSS_ANON, 0), kStartMs + 14100);
