@@ -3,14 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "diag/quor_bpf_task_manager.h"
@@ -159,39 +157,4 @@ TEST_F(TaskManagerTest, DumpsOrderRowsAndSkipKernelTasks) {
     EXPECT_EQ(quortest::ReadLines(kDumpFile).size(), 7u);
     tasks->DumpQuorTaskIgnoreKernelTaskInfo();
     EXPECT_EQ(quortest::ReadLines(kDumpFile).size(), 6u);
-}
-
-TEST_F(TaskManagerTest, ConcurrentWritersAndDumper) {
-    // Two handler-like threads churn disjoint pid ranges while a third dumps.
-    constexpr int kPids = 200, kRounds = 50;
-    std::atomic<int> dumps{0};
-    std::atomic<bool> done{false};
-    auto writer = [&](int32_t base) {
-        while (dumps.load() == 0) std::this_thread::yield();  // overlap the dumper
-        for (int round = 0; round < kRounds; ++round) {
-            for (int32_t pid = base; pid < base + kPids; ++pid) {
-                tasks->AddQuorTask(pid, MakeTask(pid, "w", pid));
-                tasks->UpdateQuorTask(pid, [round](QuorTask& t) { t.oldThreadNum = round; });
-                if (pid % 2 == 0) (void)tasks->DelQuorTask(pid);
-            }
-        }
-    };
-    for (int32_t pid = 10000; pid < 10000 + kPids; ++pid) added.insert({pid, pid + 10000});
-    std::thread dumper([&] {
-        for (; !done.load(); ++dumps) {
-            tasks->DumpQuorTaskInfo();
-            tasks->DumpQuorTaskIgnoreKernelTaskInfoNormal();
-        }
-    });
-    std::thread w1(writer, 10000), w2(writer, 20000);
-    w1.join();
-    w2.join();
-    done = true;
-    dumper.join();
-    EXPECT_EQ(tasks->GetQuorTaskCount(), static_cast<uint32_t>(kPids));  // odd pids survive
-    QuorTask t;
-    ASSERT_TRUE(tasks->GetQuorTaskCopy(10001, &t));
-    EXPECT_EQ(t.oldThreadNum, kRounds - 1);
-    tasks->DumpQuorTaskInfo();
-    EXPECT_EQ(quortest::ReadLines(kDumpFile).size(), 2u + kPids);
 }
