@@ -285,6 +285,40 @@ TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
     }
 }
 
+// A client that floods requests and never reads its answers: its full
+// socket costs the socket thread little, and another client is answered.
+TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne) {
+    Received got;
+    auto reader = Connect(&got);
+    ASSERT_NE(reader, nullptr);
+    RawIpcClient flooder(kSocket);
+    timeval patience = {0, 100000};
+    ASSERT_EQ(setsockopt(flooder.fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience)), 0);
+    std::string burst;
+    for (uint32_t i = 0; i < 1024; ++i) burst += Request(i, 52, QUOR_EVENT_TASK_INIT);
+    std::atomic<bool> flooding{true};
+    std::thread flood([&] {
+        for (size_t at = 0; flooding.load();) {
+            const ssize_t n =
+                send(flooder.fd(), burst.data() + at, burst.size() - at, MSG_NOSIGNAL);
+            if (n > 0) at = (at + n) % burst.size();
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const long cpuBefore = ThreadCpuMs("BpfServiceTr");
+    int answered = 0;
+    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+         std::chrono::steady_clock::now() < end; ++answered) {
+        ASSERT_EQ(Ask(reader.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_EXIT), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    const long cpuMs = ThreadCpuMs("BpfServiceTr") - cpuBefore;
+    flooding.store(false);
+    flood.join();
+    EXPECT_LT(cpuMs, 200);
+    EXPECT_GE(answered, 50);
+}
+
 // That the others are not held up meanwhile is the sequence stress test's.
 TEST_F(ServiceClientsTest, StalledReaderLosesItsBacklogInWholeFrames) {
     constexpr int32_t kStalledType = QUOR_EVENT_DMABUF_SIZE;
