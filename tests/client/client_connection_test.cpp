@@ -3,20 +3,10 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <future>
-#include <map>
-#include <memory>
-#include <mutex>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "quor/quorbpf_client.h"
 #include "tests/support/package_server.h"
@@ -192,11 +182,9 @@ TEST(ClientConnectionTest, AServerUnderAnotherUidIsRefusedUnlessNamed) {
     if (squatter == 0) {
         if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(1);
         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un addr = {};
-        addr.sun_family = AF_UNIX;
-        memcpy(addr.sun_path + 1, kSocket, strlen(kSocket));
+        sockaddr_un addr;
         if (bind(fd, reinterpret_cast<sockaddr*>(&addr),
-                 offsetof(sockaddr_un, sun_path) + 1 + strlen(kSocket)) != 0 ||
+                 quortest::AbstractAddress(kSocket, &addr)) != 0 ||
             listen(fd, 8) != 0 || write(ready[1], "r", 1) != 1) {
             _exit(1);
         }

@@ -88,13 +88,15 @@ T As(const std::string& bytes) {
     return value;
 }
 
-// Collects the records of a pinned ring buffer that `keep` accepts (all when
-// unset); others are dropped as they arrive so that a busy machine does not
-// fill memory.
+// Collects the records of a pinned ring buffer, from those already waiting
+// when it is made, that `keep` accepts (all when unset); others are dropped
+// as they arrive so that a busy machine does not fill memory.
 class RingReader {
 public:
     explicit RingReader(const std::string& pinPath) : fd_(bpf_obj_get(pinPath.c_str())) {
         if (fd_ >= 0) rb_ = ring_buffer__new(fd_, &RingReader::OnRecord, this, nullptr);
+        Drain();
+        records.clear();
     }
     ~RingReader() {
         ring_buffer__free(rb_);

@@ -11,16 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <condition_variable>
-#include <cstring>
-#include <functional>
 #include <map>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "diag/quor_bpf_task_manager.h"
 #include "quor/quor_bpf_records.h"
@@ -41,6 +33,7 @@ namespace {
 constexpr int32_t kFakePidBase = 4000000;  // above any pid_max
 constexpr uint64_t kSecond = 1000000000ULL;
 constexpr int32_t kMarkerPid = kFakePidBase;
+constexpr uint32_t kAnyType = UINT32_MAX;
 const std::string kGplPinAway = std::string(RINGBUF_MAP_PATHS[RINGBUF_GPL]) + "_away";
 
 struct Event {
@@ -70,32 +63,21 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         byPid_[PidOf(type, data, len)].push_back(
             {type, std::string(reinterpret_cast<const char*>(data), len)});
-        cv_.notify_all();
     }
-    // `done` runs under the lock and may use countLocked() only.
-    bool waitFor(const std::function<bool()>& done,
-                 std::chrono::seconds limit = std::chrono::seconds(10)) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cv_.wait_for(lock, limit, done);
-    }
-    size_t countLocked(int32_t pid, uint32_t type) const {
-        const auto it = byPid_.find(pid);
-        if (it == byPid_.end()) return 0;
-        return std::count_if(it->second.begin(), it->second.end(),
-                             [&](const Event& e) { return e.type == type; });
-    }
-    size_t count(int32_t pid, uint32_t type) {
+    std::vector<Event> of(int32_t pid, uint32_t type = kAnyType) {
         std::lock_guard<std::mutex> lock(mutex_);
-        return countLocked(pid, type);
+        std::vector<Event> out;
+        for (const Event& e : byPid_[pid])
+            if (type == kAnyType || e.type == type) out.push_back(e);
+        return out;
     }
-    std::vector<Event> of(int32_t pid) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return byPid_[pid];
+    bool waitFor(int32_t pid, uint32_t type, size_t count) {
+        return quortest::WaitFor([&] { return of(pid, type).size() == count; },
+                                 std::chrono::seconds(10));
     }
 
 private:
     std::mutex mutex_;
-    std::condition_variable cv_;
     std::map<int32_t, std::vector<Event>> byPid_;
 };
 
@@ -143,10 +125,7 @@ public:
         marker.header.type = QUOR_EVENT_CGROUP_ATTACH;
         marker.pid = kMarkerPid;
         if (injector.Inject(marker) != 0) return false;
-        ++markersSent_;
-        return events.waitFor([&] {
-            return events.countLocked(kMarkerPid, QUOR_EVENT_CGROUP_ATTACH) == markersSent_;
-        });
+        return events.waitFor(kMarkerPid, QUOR_EVENT_CGROUP_ATTACH, ++markersSent_);
     }
 
     Collector events;
@@ -163,13 +142,14 @@ void Inject(const T& record, uint32_t count = 1) {
     ASSERT_EQ(gEnv->injector.Inject(record, count), 0);
 }
 
-// The reports of `type` for `pid` so far, after a checkpoint.
-std::vector<Event> Reports(int32_t pid, uint32_t type) {
+// The last of `count` reports of `type` for `pid` after a checkpoint (zeros
+// when there is none).
+template <typename T>
+T LastOf(int32_t pid, uint32_t type, size_t count) {
     EXPECT_TRUE(gEnv->Checkpoint());
-    std::vector<Event> out;
-    for (const Event& e : gEnv->events.of(pid))
-        if (e.type == type) out.push_back(e);
-    return out;
+    const std::vector<Event> reports = gEnv->events.of(pid, type);
+    EXPECT_EQ(reports.size(), count) << "reports of type " << type;
+    return reports.empty() ? T{} : reports.back().as<T>();
 }
 
 QuorTask TaskOf(int32_t pid) {
@@ -199,8 +179,7 @@ TEST(PipelineTest, ChildLifetimeReachesTheClientInOrder) {
         _exit(0);
     }
     ASSERT_EQ(waitpid(child, nullptr, 0), child);
-    ASSERT_TRUE(gEnv->events.waitFor(
-        [&] { return gEnv->events.countLocked(child, QUOR_SERVICE_TASK_EXIT) == 1; }));
+    ASSERT_TRUE(gEnv->events.waitFor(child, QUOR_SERVICE_TASK_EXIT, 1));
 
     std::vector<uint32_t> order;
     char selfComm[16] = {};
@@ -232,27 +211,22 @@ TEST(PipelineTest, ThreadChangesAreReportedAfterThreeSecondsAndElevenThreads) {
     for (int i = 1; i <= 15; ++i)
         Inject(Fork(pid, 0, t0 + i * 1000000ULL, QUOR_TASK_KIND_THREAD, "w"));
     Inject(Fork(pid, 0, t0 - 1, QUOR_TASK_KIND_THREAD, "w"));  // older than the process: ignored
-    EXPECT_EQ(Reports(pid, QUOR_SERVICE_THREAD_CHANGE).size(), 0u);
+    using Change = quor_thread_change_event;
+    (void)LastOf<Change>(pid, QUOR_SERVICE_THREAD_CHANGE, 0);
     EXPECT_EQ(TaskOf(pid).threadNum, 16);
 
     // The first thread event after 3 seconds reports the whole difference.
     Inject(Fork(pid, 0, t0 + 3 * kSecond, QUOR_TASK_KIND_THREAD, "w"));
-    auto reports = Reports(pid, QUOR_SERVICE_THREAD_CHANGE);
-    ASSERT_EQ(reports.size(), 1u);
-    auto change = reports.back().as<quor_thread_change_event>();
-    EXPECT_EQ(change.old_thread_count, 1);
-    EXPECT_EQ(change.thread_count, 17);
-    EXPECT_EQ(change.ppid, 77);
+    Change change = LastOf<Change>(pid, QUOR_SERVICE_THREAD_CHANGE, 1);
+    EXPECT_EQ(std::tie(change.old_thread_count, change.thread_count, change.ppid),
+              std::make_tuple(1, 17, 77));
 
     // Ten exits are not worth a report; the eleventh is.
     Inject(Exit(pid, t0 + 4 * kSecond, QUOR_TASK_KIND_THREAD, "w"), 10);
-    EXPECT_EQ(Reports(pid, QUOR_SERVICE_THREAD_CHANGE).size(), 1u);
+    (void)LastOf<Change>(pid, QUOR_SERVICE_THREAD_CHANGE, 1);
     Inject(Exit(pid, t0 + 4 * kSecond, QUOR_TASK_KIND_THREAD, "w"));
-    reports = Reports(pid, QUOR_SERVICE_THREAD_CHANGE);
-    ASSERT_EQ(reports.size(), 2u);
-    change = reports.back().as<quor_thread_change_event>();
-    EXPECT_EQ(change.old_thread_count, 17);
-    EXPECT_EQ(change.thread_count, 6);
+    change = LastOf<Change>(pid, QUOR_SERVICE_THREAD_CHANGE, 2);
+    EXPECT_EQ(std::tie(change.old_thread_count, change.thread_count), std::make_tuple(17, 6));
 
     Inject(Exit(pid, t0 + 5 * kSecond, QUOR_TASK_KIND_PROCESS, "worker"));
     ASSERT_TRUE(gEnv->Checkpoint());
@@ -265,36 +239,31 @@ TEST(PipelineTest, MemoryChangesAccumulateUntilTheyPassTheThreshold) {
     Inject(Fork(pid, 77, t0, QUOR_TASK_KIND_PROCESS, "app"));
     // Early changes are stored but never reported, even large ones.
     Inject(Rss(pid, t0 + kSecond, QUOR_RSS_FILE, 1 << 20));
-    EXPECT_EQ(Reports(pid, QUOR_SERVICE_RSS_CHANGE).size(), 0u);
-    EXPECT_EQ(TaskOf(pid).rssFileSize, 1 << 20);
-    EXPECT_EQ(TaskOf(pid).mmId, 1000u);
+    using Change = quor_rss_change_event;
+    (void)LastOf<Change>(pid, QUOR_SERVICE_RSS_CHANGE, 0);
+    const QuorTask early = TaskOf(pid);
+    EXPECT_EQ(std::make_tuple(early.rssFileSize, early.mmId), std::make_tuple(1 << 20, 1000u));
 
     // The pending 1 MiB is reported after 3 s; the baseline moves.
     Inject(Rss(pid, t0 + 4 * kSecond, QUOR_RSS_ANON, 4096));
-    auto reports = Reports(pid, QUOR_SERVICE_RSS_CHANGE);
-    ASSERT_EQ(reports.size(), 1u);
-    auto change = reports.back().as<quor_rss_change_event>();
-    EXPECT_EQ(change.rss_file, 1 << 20);
-    EXPECT_EQ(change.rss_anon, 4096);
-    EXPECT_EQ(change.old_rss_file, 0);
+    Change change = LastOf<Change>(pid, QUOR_SERVICE_RSS_CHANGE, 1);
+    EXPECT_EQ(std::tie(change.rss_file, change.rss_anon, change.old_rss_file),
+              std::make_tuple(1 << 20, 4096, 0));
     EXPECT_STREQ(change.comm, "app");
 
     // Changes summing to 16383 stay quiet; one byte more is reported.
     Inject(Rss(pid, t0 + 5 * kSecond, QUOR_RSS_ANON, 4096 + 10000));
     Inject(Rss(pid, t0 + 5 * kSecond, QUOR_RSS_SHMEM, 6383));
-    EXPECT_EQ(Reports(pid, QUOR_SERVICE_RSS_CHANGE).size(), 1u);
+    (void)LastOf<Change>(pid, QUOR_SERVICE_RSS_CHANGE, 1);
     Inject(Rss(pid, t0 + 5 * kSecond, QUOR_RSS_SWAP, 1));
-    reports = Reports(pid, QUOR_SERVICE_RSS_CHANGE);
-    ASSERT_EQ(reports.size(), 2u);
-    change = reports.back().as<quor_rss_change_event>();
-    EXPECT_EQ(change.old_rss_anon, 4096);
-    EXPECT_EQ(change.rss_anon, 14096);
-    EXPECT_EQ(change.swap, 1);
+    change = LastOf<Change>(pid, QUOR_SERVICE_RSS_CHANGE, 2);
+    EXPECT_EQ(std::tie(change.old_rss_anon, change.rss_anon, change.swap),
+              std::make_tuple(4096, 14096, 1));
 
     // Invalid members and sizes change nothing.
     Inject(Rss(pid, t0 + 6 * kSecond, 4, 1 << 30));
     Inject(Rss(pid, t0 + 6 * kSecond, QUOR_RSS_ANON, -5));
-    EXPECT_EQ(Reports(pid, QUOR_SERVICE_RSS_CHANGE).size(), 2u);
+    (void)LastOf<Change>(pid, QUOR_SERVICE_RSS_CHANGE, 2);
     EXPECT_EQ(TaskOf(pid).rssAnonSize, 14096);
 }
 
@@ -310,7 +279,7 @@ TEST(PipelineTest, KernelThreadsShellsAndLowPidsNeverReportMemory) {
         Inject(Rss(c.pid, t0 + 4 * kSecond, QUOR_RSS_ANON, 64 << 20));
     }
     for (const auto& c : cases) {
-        EXPECT_EQ(Reports(c.pid, QUOR_SERVICE_RSS_CHANGE).size(), 0u) << c.comm;
+        (void)LastOf<quor_rss_change_event>(c.pid, QUOR_SERVICE_RSS_CHANGE, 0);
         EXPECT_EQ(TaskOf(c.pid).rssAnonSize, 64 << 20) << c.comm;
         Inject(Exit(c.pid, t0 + 5 * kSecond, QUOR_TASK_KIND_PROCESS, c.comm));
     }
@@ -327,33 +296,32 @@ TEST(PipelineTest, AProcessEndsOnceWhenTheLossSweepCameBeforeItsExitRecord) {
     EXPECT_FALSE(Registered(pid));
     // Its exit record was only unread, not lost.
     Inject(Exit(pid, 11 * kSecond, QUOR_TASK_KIND_PROCESS, "swept"));
-    EXPECT_EQ(Reports(pid, QUOR_SERVICE_TASK_EXIT).size(), 1u);
+    (void)LastOf<quor_task_exit_event>(pid, QUOR_SERVICE_TASK_EXIT, 1);
     // The pid used again is a new process, which ends for itself.
     Inject(Fork(pid, 77, 12 * kSecond, QUOR_TASK_KIND_PROCESS, "again"));
     Inject(Exit(pid, 13 * kSecond, QUOR_TASK_KIND_PROCESS, "again"));
-    EXPECT_EQ(Reports(pid, QUOR_SERVICE_TASK_EXIT).size(), 2u);
+    (void)LastOf<quor_task_exit_event>(pid, QUOR_SERVICE_TASK_EXIT, 2);
 }
 
 TEST(PipelineTest, ARestartedProducerRunsItsMonitorOnly) {
     QuorBpfService* service = QuorBpfService::GetInstance();
-    const auto ended = [] {
-        return quortest::PollUntil([] { return quortest::ThreadsNamed("BpfServicePGpl") == 0; },
+    const auto gplMonitors = [](int n) {
+        return quortest::PollUntil([n] { return quortest::ThreadsNamed("BpfServicePGpl") == n; },
                                    std::chrono::seconds(10));
     };
-    ASSERT_TRUE(ended());
+    ASSERT_TRUE(gplMonitors(0));
     const size_t fdsBefore = quortest::OpenDescriptors();
     for (int restart = 0; restart < 5; ++restart) {
         service->superviseProducers();
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        ASSERT_TRUE(ended()) << "restart " << restart;
+        ASSERT_TRUE(gplMonitors(0)) << "restart " << restart;
     }
     // Nothing attached again: no descriptor of a programme or hook more.
     EXPECT_EQ(quortest::OpenDescriptors(), fdsBefore);
     // The pin back, one more restart: the GPL monitor serves again.
     ASSERT_EQ(rename(kGplPinAway.c_str(), RINGBUF_MAP_PATHS[RINGBUF_GPL]), 0);
     service->superviseProducers();
-    EXPECT_TRUE(quortest::PollUntil([] { return quortest::ThreadsNamed("BpfServicePGpl") == 1; },
-                                    std::chrono::seconds(10)));
+    EXPECT_TRUE(gplMonitors(1));
     EXPECT_TRUE(quortest::PollUntil(
         [] {
             return quortest::StatusWord(RINGBUF_GPL) ==
@@ -376,7 +344,7 @@ TEST(PipelineTest, RecordsOfUnknownTypesAreSkippedAndPollingGoesOn) {
     ASSERT_TRUE(gEnv->Checkpoint());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(service->unknownRecordCount() - before, 12u);
-    EXPECT_EQ(gEnv->events.count(odd.pid, 9), 0u);
+    EXPECT_TRUE(gEnv->events.of(odd.pid).empty());
 }
 
 TEST(PipelineTest, OverflowIsReportedOnceAndCleared) {
@@ -398,34 +366,24 @@ TEST(PipelineTest, OverflowIsReportedOnceAndCleared) {
 }
 
 // A process running before the service starts, named as a terminal
-// multiplexer names itself (blanks, parentheses), with three threads.
+// multiplexer names itself (blanks, parentheses), with two threads of its
+// own; returns once they exist, so that the service's start-up scan sees them.
 pid_t gOddlyNamed = -1;
-
-// A child named like "tmux: (x) y" with two threads of its own; returns once
-// they exist, so that the service's start-up scan sees them.
 pid_t StartOddlyNamedProcess() {
     int ready[2];
+    char byte = 0;
     if (pipe(ready) != 0) return -1;
     const pid_t child = fork();
-    if (child != 0) {
-        close(ready[1]);
-        char byte = 0;
-        const bool started = child > 0 && read(ready[0], &byte, 1) == 1;
-        close(ready[0]);
-        return started ? child : -1;
-    }
-    close(ready[0]);
+    if (child != 0) return child > 0 && read(ready[0], &byte, 1) == 1 ? child : -1;
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
     (void)prctl(PR_SET_NAME, "tmux: (x) y", 0, 0, 0);
-    for (int i = 0; i < 2; ++i) {
-        pthread_t thread;
+    for (pthread_t thread : {pthread_t{}, pthread_t{}})
         (void)pthread_create(
             &thread, nullptr,
             [](void*) -> void* {
                 for (;;) pause();
             },
             nullptr);
-    }
     (void)!write(ready[1], "r", 1);
     for (;;) pause();
 }
@@ -440,7 +398,7 @@ TEST(PipelineTest, StartupScanRegistersRunningProcessesEvenOddlyNamed) {
     ASSERT_GT(gOddlyNamed, 0);
     const QuorTask task = TaskOf(gOddlyNamed);
     EXPECT_STREQ(task.comm, "tmux: (x) y");
-    EXPECT_GE(quortest::KernelThreadCount(gOddlyNamed), 3);
+    EXPECT_GE(task.threadNum, 3);
     EXPECT_EQ(task.threadNum, quortest::KernelThreadCount(gOddlyNamed));
     EXPECT_GT(task.initTimeStamp, 0);
 }

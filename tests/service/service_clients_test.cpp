@@ -3,19 +3,7 @@
 // EventManager::AppendEvent as the monitors would hand them over.
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
-#include <algorithm>
-#include <atomic>
-#include <future>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "quor/bpf_service_main.h"
-#include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
 #include "service/event_manager.h"
 #include "tests/support/live_service.h"
@@ -46,14 +34,7 @@ struct Received {
     std::mutex mutex;
     std::vector<std::string> records;
 
-    void add(uint32_t, const uint8_t* data, size_t len) {
-        std::lock_guard<std::mutex> lock(mutex);
-        records.emplace_back(reinterpret_cast<const char*>(data), len);
-    }
-    size_t size() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return records.size();
-    }
+    size_t size() { return snapshot().size(); }
     std::vector<std::string> snapshot() {
         std::lock_guard<std::mutex> lock(mutex);
         return records;
@@ -85,8 +66,10 @@ int32_t RawAsk(RawIpcClient* client, uint32_t reqId, uint32_t command, int32_t t
 }
 
 std::unique_ptr<QuorBpfClient> Connect(Received* got) {
-    auto client = std::make_unique<QuorBpfClient>(
-        [got](uint32_t type, const uint8_t* data, size_t len) { got->add(type, data, len); });
+    auto client = std::make_unique<QuorBpfClient>([got](uint32_t, const uint8_t* data, size_t len) {
+        std::lock_guard<std::mutex> lock(got->mutex);
+        got->records.emplace_back(reinterpret_cast<const char*>(data), len);
+    });
     return client->connect(5000) ? std::move(client) : nullptr;
 }
 
@@ -185,11 +168,9 @@ TEST_F(ServiceClientsTest, ResponseFrameLayoutAndShortRequestBody) {
 
     // Twelve body bytes cannot hold the event type: refused, nothing changes.
     ASSERT_TRUE(raw.send(Frame(0, Request(7, 52, 0).substr(16, 12))));
-    uint32_t type = 0;
-    std::string body;
-    ASSERT_TRUE(raw.readFrame(&type, &body));
-    EXPECT_EQ(type, 1u);
-    EXPECT_EQ(body.substr(0, 8), std::string("\x07\0\0\0\xff\xff\xff\xff", 8));
+    ASSERT_TRUE(raw.readExact(40, &response));
+    EXPECT_EQ(response.substr(8, 16),
+              std::string("\x01\0\0\0\x18\0\0\0\x07\0\0\0\xff\xff\xff\xff", 16));
     EXPECT_EQ(Observers(QUOR_SERVICE_THREAD_CHANGE), 1u);
 }
 
@@ -200,10 +181,7 @@ TEST_F(ServiceClientsTest, HostileFramesNeverDisturbAnotherClientsStream) {
     ASSERT_NE(victim, nullptr);
     ASSERT_EQ(Ask(victim.get(), QUOR_BPF_COMMAND_SUBSCRIBE, kType), 0);
 
-    std::string innerTooLong;  // body length 1000 in a 16-byte package
-    PutU32(&innerTooLong, 0);
-    PutU32(&innerTooLong, 1000);
-    innerTooLong.append(8, 'x');
+    const std::string innerTooLong("\0\0\0\0\xe8\x03\0\0xxxxxxxx", 16);  // body length 1000
     const std::vector<std::string> attacks = {
         RawFrame(-16, std::string(64, 'n')),        // negative length
         RawFrame(INT64_MAX, std::string(64, 'h')),  // can never fit
