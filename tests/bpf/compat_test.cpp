@@ -27,31 +27,26 @@ TEST(CompatTest, VersionNumbers) {
 }
 
 TEST(CompatTest, FormsAgainstARunningVersion) {
-    struct Case {
+    const struct {
         const char* compat;
-        const char* running;
-        bool expected;
+        std::vector<const char*> match, miss;
     } cases[] = {
-        {"5.0+", "5.10", true},
-        {"5.0+", "4.19", false},
-        {"6.1+", "6.1", true},
-        {"6.1+", "5.15", false},
-        {"5.4-5.15", "5.10", true},
-        {"5.4-5.15", "5.15", true},
-        {"5.4-5.15", "5.4", true},
-        {"5.4-5.15", "6.1", false},
-        {"5.4-5.15", "4.19", false},
-        {"5.10-", "5.10", true},
-        {"5.10-", "5.15", false},
-        {"5.10", "5.10", true},
-        {"5.10", "5.15", false},
-        {"5.10.3", "5.10", true},
+        {"5.0+", {"5.10"}, {"4.19"}},
+        {"6.1+", {"6.1"}, {"5.15"}},
+        {"5.4-5.15", {"5.10", "5.15", "5.4"}, {"6.1", "4.19"}},
+        {"5.10-", {"5.10"}, {"5.15"}},
+        {"5.10", {"5.10"}, {"5.15"}},
+        {"5.10.3", {"5.10"}, {}},
         // A string ending in "+" or "-" is a one-sided bound even with another "-".
-        {"5.4-5.15-", "5.10", false},
+        {"5.4-5.15-", {}, {"5.10"}},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(MatchesKernelVersion(c.compat, convertVersionToInt(c.running)), c.expected)
-            << c.compat << " on " << c.running;
+        for (const char* running : c.match)
+            EXPECT_TRUE(MatchesKernelVersion(c.compat, convertVersionToInt(running)))
+                << c.compat << " on " << running;
+        for (const char* running : c.miss)
+            EXPECT_FALSE(MatchesKernelVersion(c.compat, convertVersionToInt(running)))
+                << c.compat << " on " << running;
     }
     // Malformed rules never match; the last three would match 5.10 if read leniently.
     for (const char* bad : {"", "+", "-", "5+", "x.y+", "5.4-5.15-6.1", "-5.10", "5.4-x", "junk",

@@ -3,10 +3,8 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <future>
-#include <set>
 
 #include "quor/quorbpf_client.h"
 #include "tests/support/package_server.h"

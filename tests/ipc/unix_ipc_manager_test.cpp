@@ -5,9 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <thread>
-#include <vector>
-
 #include "tests/support/package_server.h"
 
 using namespace quortest;
@@ -27,10 +24,8 @@ public:
 };
 
 std::string ReadEcho(RawIpcClient* client) {
-    uint32_t type = 0;
     std::string body;
-    if (!client->readFrame(&type, &body) || type != 3) return "<none>";
-    return body;
+    return client->readPackage(3, &body) ? body : "<none>";
 }
 
 TEST(UnixIpcManagerTest, FramesSplitAcrossReceivesOrSharingOne) {

@@ -3,11 +3,7 @@
 // is started once, without the kernel side (records enter through
 // EventManager::AppendEvent); its log (stderr) is kept in a file so that the
 // refusals can be checked.
-#include <android-base/properties.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-
-#include <memory>
 
 #include "quor/bpf_service_main.h"
 #include "service/event_manager.h"
@@ -31,12 +27,6 @@ size_t Subscribers() {
 
 bool LogHas(const std::string& text) {
     return WaitFor([&] { return ReadFile(kLogFile).find(text) != std::string::npos; });
-}
-
-bool Answered(RawIpcClient* client, uint32_t reqId) {
-    uint32_t type = 0;
-    std::string body;
-    return client->send(Request(reqId, 51, kType)) && client->readFrame(&type, &body) && type == 1;
 }
 
 // Whether the kernel, as this process sees it, reports a peer's supplementary
@@ -89,7 +79,7 @@ TEST_F(ClientAccessTest, SixtyFifthClientIsRefusedAndTheOthersCarryOn) {
     std::vector<std::unique_ptr<RawIpcClient>> clients;
     for (size_t i = 0; i < kLimit; ++i) {
         clients.push_back(std::make_unique<RawIpcClient>(kSocket));
-        ASSERT_TRUE(Answered(clients.back().get(), i)) << "client " << i;
+        ASSERT_EQ(clients.back()->ask(i, 51, kType), 0) << "client " << i;
     }
     ASSERT_EQ(Subscribers(), kLimit);
 
@@ -106,7 +96,7 @@ TEST_F(ClientAccessTest, SixtyFifthClientIsRefusedAndTheOthersCarryOn) {
     clients.pop_back();
     ASSERT_TRUE(WaitFor([&] { return Subscribers() == kLimit - 1; }));
     RawIpcClient late(kSocket);
-    EXPECT_TRUE(Answered(&late, 1000));
+    EXPECT_EQ(late.ask(1000, 51, kType), 0);
 }
 
 TEST_F(ClientAccessTest, PeersAreJudgedByTheirCredentialsAtAccept) {

@@ -2,17 +2,9 @@
 // client. Synthetic records (pids above pid_max) enter the real ring buffer
 // through the injector; a marker record injected after a batch is the
 // checkpoint that the monitor has handled the batch.
-#include <bpf/bpf.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <map>
-#include <mutex>
 
 #include "diag/quor_bpf_task_manager.h"
 #include "quor/quor_bpf_records.h"

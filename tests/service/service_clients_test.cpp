@@ -1,7 +1,6 @@
 // Clients of the running service: subscriptions, fan-out, hostile and stalled
 // peers. The service never becomes ready, so records enter through
 // EventManager::AppendEvent as the monitors would hand them over.
-#include <android-base/properties.h>
 #include <gtest/gtest.h>
 
 #include "quor/quorbpf_client.h"
@@ -51,18 +50,6 @@ int32_t Ask(QuorBpfClient* client, uint32_t command, int32_t type) {
     }
     if (future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) return INT32_MAX;
     return future.get();
-}
-
-// Raw request; returns the response status (INT32_MIN when none came).
-int32_t RawAsk(RawIpcClient* client, uint32_t reqId, uint32_t command, int32_t type) {
-    if (!client->send(Request(reqId, command, type))) return INT32_MIN;
-    uint32_t packageType = 0;
-    std::string body;
-    if (!client->readFrame(&packageType, &body) || packageType != 1 || body.size() < 8) {
-        return INT32_MIN;
-    }
-    if (GetU32(body, 0) != reqId) return INT32_MIN;
-    return static_cast<int32_t>(GetU32(body, 4));
 }
 
 std::unique_ptr<QuorBpfClient> Connect(Received* got) {
@@ -146,11 +133,11 @@ TEST_F(ServiceClientsTest, OnlyProducedTypesAreSubscribedAndEmptyListsGo) {
 
     // Every produced type is accepted; unsubscribing and closing leave no
     // empty list behind.
-    for (const int32_t type : kAllTypes) ASSERT_EQ(RawAsk(&raw, 1, 51, type), 0) << type;
+    for (const int32_t type : kAllTypes) ASSERT_EQ(raw.ask(1, 51, type), 0) << type;
     EXPECT_EQ(events->CountIndexEntries(), 13u);
-    for (const int32_t type : kAllTypes) ASSERT_EQ(RawAsk(&raw, 2, 52, type), 0) << type;
+    for (const int32_t type : kAllTypes) ASSERT_EQ(raw.ask(2, 52, type), 0) << type;
     EXPECT_EQ(events->CountIndexEntries(), 0u);
-    ASSERT_EQ(RawAsk(&raw, 3, 51, QUOR_SERVICE_RSS_CHANGE), 0);
+    ASSERT_EQ(raw.ask(3, 51, QUOR_SERVICE_RSS_CHANGE), 0);
     raw.close();
     EXPECT_TRUE(WaitFor([&] { return events->CountIndexEntries() == 0; }));
 }
@@ -201,9 +188,8 @@ TEST_F(ServiceClientsTest, HostileFramesNeverDisturbAnotherClientsStream) {
                 raw.send(attack);
                 // Answered or closed: the service has dealt with the attack.
                 raw.send(Request(9, 52, QUOR_EVENT_TASK_INIT));
-                uint32_t type = 0;
                 std::string body;
-                (void)raw.readFrame(&type, &body, 200);
+                (void)raw.readPackage(1, &body, 200);
             }
             rounds.fetch_add(1);
         }
@@ -238,7 +224,7 @@ TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
         int oldFd = -1;
         {
             RawIpcClient first(kSocket);
-            ASSERT_EQ(RawAsk(&first, 1, 51, kOldType), 0);
+            ASSERT_EQ(first.ask(1, 51, kOldType), 0);
             ASSERT_EQ(Observers(kOldType), before.size() + 1);
             oldFd = events->GetEventObservers(kOldType).back();
             if (badPackage) {
@@ -249,17 +235,15 @@ TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
         ASSERT_TRUE(WaitFor([&] { return events->GetEventObservers(kOldType) == before; }));
 
         RawIpcClient second(kSocket);
-        ASSERT_EQ(RawAsk(&second, 2, 51, kNewType), 0);
+        ASSERT_EQ(second.ask(2, 51, kNewType), 0);
         ASSERT_EQ(events->GetEventObservers(kNewType).back(), oldFd) << "descriptor not reused";
 
         Append(Record(kOldType, 1));
         Append(Record(kNewType, 2));
-        uint32_t type = 0;
         std::string body;
-        ASSERT_TRUE(second.readFrame(&type, &body));
-        EXPECT_EQ(type, 3u);
+        ASSERT_TRUE(second.readPackage(3, &body));
         EXPECT_EQ(body, Record(kNewType, 2));
-        ASSERT_EQ(RawAsk(&second, 3, 52, kNewType), 0);
+        ASSERT_EQ(second.ask(3, 52, kNewType), 0);
     }
 }
 
@@ -301,7 +285,7 @@ TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne)
 TEST_F(ServiceClientsTest, StalledReaderLosesItsBacklogInWholeFrames) {
     constexpr int32_t kStalledType = QUOR_EVENT_DMABUF_SIZE;
     RawIpcClient stalled(kSocket);
-    ASSERT_EQ(RawAsk(&stalled, 1, 51, kStalledType), 0);  // and never reads again
+    ASSERT_EQ(stalled.ask(1, 51, kStalledType), 0);  // and never reads again
 
     // Far more than its socket holds; after one read the socket thread meets
     // a full socket and drops the unsent bytes. 116-byte frames let the last
@@ -316,10 +300,8 @@ TEST_F(ServiceClientsTest, StalledReaderLosesItsBacklogInWholeFrames) {
     // Reading again, it gets whole frames only, up to one sent afterwards.
     Append(Record(kStalledType, 777777));
     for (;;) {
-        uint32_t type = 0;
         std::string body;
-        ASSERT_TRUE(stalled.readFrame(&type, &body)) << "the stream lost its framing";
-        ASSERT_EQ(type, 3u);
+        ASSERT_TRUE(stalled.readPackage(3, &body)) << "the stream lost its framing";
         ASSERT_TRUE(body.size() == 48 || body.size() == 100) << body.size();
         uint32_t seq = 0;
         memcpy(&seq, &body[4], 4);

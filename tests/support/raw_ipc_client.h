@@ -125,6 +125,22 @@ public:
         return GetU32(package, 4) == static_cast<uint64_t>(length) - 8;
     }
 
+    // The body of the next frame, which must hold a package of `type`.
+    bool readPackage(uint32_t type, std::string* body, int timeoutMs = 5000) {
+        uint32_t got = 0;
+        return readFrame(&got, body, timeoutMs) && got == type;
+    }
+
+    // Sends a request; its response's status (INT32_MIN when none came).
+    int32_t ask(uint32_t reqId, uint32_t command, int32_t eventType) {
+        std::string body;
+        if (!send(Request(reqId, command, eventType)) || !readPackage(1, &body) ||
+            body.size() < 8 || GetU32(body, 0) != reqId) {
+            return INT32_MIN;
+        }
+        return static_cast<int32_t>(GetU32(body, 4));
+    }
+
     // Takes up to `limit` bytes that have arrived off the socket without
     // waiting (kept for later reads); returns the byte count.
     size_t drainAvailable(size_t limit) {

@@ -3,14 +3,6 @@
 // kernel and service records both report them, the bounded top list, the
 // text format's escaping, listen addresses and the atomic textfile.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <sstream>
-#include <string>
 
 #include "quor/quor_bpf_records.h"
 #include "tests/support/record_builders.h"
