@@ -1,15 +1,13 @@
 // The trace and metrics exports on records of known bytes: what a process's
 // life looks like in the trace, how the exporter counts starts and ends when
-// kernel and service records both report them, the bounded top list, the
-// text format's escaping, listen addresses and the atomic textfile.
+// kernel and service records both report them, the bounded per-process
+// series and the text format's escaping.
 #include <gtest/gtest.h>
 
-#include "quor/quor_bpf_records.h"
+#include <sstream>
+
 #include "tests/support/record_builders.h"
-#include "tools/quorbpfctl/exporter_command.h"
 #include "tools/quorbpfctl/exporter_metrics.h"
-#include "tools/quorbpfctl/metrics_http_server.h"
-#include "tools/quorbpfctl/prometheus_text.h"
 #include "tools/quorbpfctl/trace_model.h"
 #include "tools/quorbpfctl/trace_writer.h"
 
@@ -19,16 +17,12 @@ using namespace quortest;
 
 namespace {
 
+// The lines of `text` that contain `needle`.
 std::string Lines(const std::string& text, const std::string& needle) {
+    std::istringstream in(text);
     std::string out;
-    size_t start = 0;
-    while (start < text.size()) {
-        const size_t end = text.find('\n', start);
-        const std::string line = text.substr(start, end - start);
+    for (std::string line; std::getline(in, line);)
         if (line.find(needle) != std::string::npos) out += line + "\n";
-        if (end == std::string::npos) break;
-        start = end + 1;
-    }
     return out;
 }
 
@@ -38,15 +32,9 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
     FILE* out = open_memstream(&buffer, &size);
     TraceWriter writer(out);
     TraceModel model(&writer, [](int32_t) { return std::string("fromproc"); });
-    TraceProcess shell;
-    shell.pid = 100;
-    shell.ppid = 1;
-    shell.comm = "sh";
-    shell.anon = 4096;
-    TraceProcess child = shell;  // listed before its parent: still grouped with it
-    child.pid = 50;
-    child.ppid = 100;
-    child.comm = "sleep";
+    const TraceProcess shell{100, 1, "sh", 1, 4096};
+    const TraceProcess child{50, 100, "sleep", 1,
+                             4096};  // listed before its parent: still grouped with it
     model.AddRunning({child, shell}, 1000);
     const auto feed = [&](uint32_t type, const uint8_t* data, size_t length) {
         model.OnRecord(type, data, length, 999999999);
