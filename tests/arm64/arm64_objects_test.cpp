@@ -2,6 +2,12 @@
 // read arguments from arm64's registers (the first words of user_pt_regs).
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
+#include <linux/bpf.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <vector>
 
 namespace {
 

@@ -1,8 +1,18 @@
 // Procfs readers against the real /proc (this test process) and against
 // crafted file text.
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <climits>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
 
 #include "bpf/quor_bpf_proc_info.h"
 #include "diag/quor_bpf_time.h"

@@ -1,6 +1,11 @@
 // Attaching the pinned programmes by table and by directory against what the
 // running kernel offers, rows the walk must not count, and the name rules.
+#include <bpf/bpf.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include "bpf/quor_bpf_prog_attach.h"
 #include "service/quor_bpf_service.h"

@@ -1,8 +1,15 @@
 // Runs inside a private mount namespace with a tmpfs on /data.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
+#include <fstream>
 #include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "diag/quor_bpf_error_log.h"
 #include "tests/support/proc_self.h"

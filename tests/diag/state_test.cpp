@@ -1,8 +1,15 @@
 // Runs inside a private mount namespace with a tmpfs on /data.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "diag/quor_bpf_event_names.h"
 #include "diag/quor_bpf_state.h"

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <climits>
+#include <cstdlib>
+#include <string>
+#include <vector>
 
 #include "diag/quor_bpf_strings.h"
 

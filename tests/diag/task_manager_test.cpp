@@ -1,5 +1,15 @@
 // Runs inside a private mount namespace with a tmpfs on /data.
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "diag/quor_bpf_task_manager.h"
 #include "tests/support/proc_self.h"

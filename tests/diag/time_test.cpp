@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
+#include <string>
 
 #include "diag/quor_bpf_time.h"
 

@@ -1,9 +1,18 @@
 // The real quorbpfd as a child: restarted while the pins stay, the next one
 // reuses the pinned maps and a library client is served again after it
 // reconnects; with a pinned map missing, only the monitor needing it fails.
+#include <bpf/bpf.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "quor/quorbpf_client.h"
 #include "service/quor_bpf_service_settings.h"

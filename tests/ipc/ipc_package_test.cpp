@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "ipc/ipc_package_handler.h"
 #include "ipc/ipc_package_manager.h"
 #include "ipc/ipc_req_callback_manager.h"

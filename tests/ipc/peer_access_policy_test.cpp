@@ -4,6 +4,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
 
 TEST(PeerAccessPolicyTest, IdListsTakeWholeIdsAndReportTheRest) {
     std::vector<std::string> rejected;

@@ -1,11 +1,17 @@
 // The programme sets' records, read from their ring buffers while a child
 // forks a thread, touches memory and exits, opens descriptors, and while a
 // real dmabuf is seeded and released; attached by the service's walk.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <algorithm>
+#include <csignal>
 #include <fstream>
+#include <thread>
 
 #include "bpf/quor_bpf_prog_attach.h"
 #include "service/quor_bpf_service.h"

@@ -3,13 +3,25 @@
 // is started once, without the kernel side (records enter through
 // EventManager::AppendEvent); its log (stderr) is kept in a file so that the
 // refusals can be checked.
+#include <android-base/properties.h>
+#include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "quor/bpf_service_main.h"
 #include "service/event_manager.h"
 #include "service/quor_bpf_service.h"
 #include "tests/support/live_service.h"
 #include "tests/support/peer_probe.h"
+#include "tests/support/raw_ipc_client.h"
 
 using namespace Quor::Bpf;
 using namespace quortest;

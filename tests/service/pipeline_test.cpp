@@ -2,9 +2,25 @@
 // client. Synthetic records (pids above pid_max) enter the real ring buffer
 // through the injector; a marker record injected after a batch is the
 // checkpoint that the monitor has handled the batch.
+#include <bpf/bpf.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "diag/quor_bpf_task_manager.h"
 #include "quor/quor_bpf_records.h"

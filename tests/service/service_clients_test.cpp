@@ -1,8 +1,21 @@
 // Clients of the running service: subscriptions, fan-out, hostile and stalled
 // peers. The service never becomes ready, so records enter through
 // EventManager::AppendEvent as the monitors would hand them over.
+#include <android-base/properties.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quor/bpf_service_main.h"
+#include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
 #include "service/event_manager.h"
 #include "tests/support/live_service.h"

@@ -3,7 +3,18 @@
 // re-run single-threaded as `--storm SECONDS`: all are still served at the
 // end, and once they leave, descriptors and heap are back to the baseline.
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "diag/quor_bpf_task_manager.h"
 #include "quor/quorbpf_client.h"

@@ -4,6 +4,14 @@
 // overflow again and again, do not hold up its records, and their overflows
 // are logged at a bounded rate.
 #include <gtest/gtest.h>
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "quor/quorbpf_client.h"
 #include "service/event_manager.h"

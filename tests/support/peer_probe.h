@@ -7,8 +7,12 @@
 
 #include <grp.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 

@@ -12,7 +12,9 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include "tests/support/proc_self.h"
 

@@ -4,6 +4,16 @@
 // counters are checked as at least the workload.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "tests/support/vgem_dmabuf.h"
 #include "tests/tools/ctl_test_support.h"

@@ -3,11 +3,21 @@
 // kernel and service records both report them, the bounded per-process
 // series and the text format's escaping.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <sstream>
+#include <string>
 
+#include "quor/quor_bpf_records.h"
 #include "tests/support/record_builders.h"
+#include "tools/quorbpfctl/exporter_command.h"
 #include "tools/quorbpfctl/exporter_metrics.h"
+#include "tools/quorbpfctl/metrics_http_server.h"
+#include "tools/quorbpfctl/prometheus_text.h"
 #include "tools/quorbpfctl/trace_model.h"
 #include "tools/quorbpfctl/trace_writer.h"
 

@@ -1,12 +1,21 @@
 // The daemon's files as quorbpfctl reads them, finding the daemon, and
 // waiting for a dump a real process writes slowly on a signal.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <fstream>
+#include <string>
+#include <tuple>
 
 #include "tools/quorbpfctl/ctl_exit_codes.h"
 #include "tools/quorbpfctl/daemon_finder.h"
 #include "tools/quorbpfctl/dump_request.h"
+#include "tools/quorbpfctl/rate_plot.h"
 #include "tools/quorbpfctl/state_table.h"
 #include "tools/quorbpfctl/task_dump.h"
 

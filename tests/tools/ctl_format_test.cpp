@@ -1,6 +1,12 @@
 // quorbpfctl's event lines (text and JSON) from records of known bytes, and
 // its command line: type names, numbers and the errors for both.
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <cstring>
+#include <string>
+#include <tuple>
 
 #include "quor/quor_bpf_records.h"
 #include "tests/support/record_builders.h"

@@ -1,8 +1,15 @@
 // The top view's model fed with records of known bytes and a clock of the
 // test's own, and the frame drawn from it.
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
 
+#include <algorithm>
+#include <cstring>
 #include <regex>
+#include <sstream>
+#include <string>
+#include <tuple>
 
 #include "quor/quor_bpf_records.h"
 #include "tests/support/record_builders.h"
