@@ -237,6 +237,28 @@ int RemoveDmabufEntries(const std::vector<int32_t>& sortedPids, int allocateFd, 
     return result;
 }
 
+// Sets the bits of `pids` in the map that tells the kernel's exit programme
+// which pids have a descriptor entry: without its bit a seeded entry would
+// outlive its process. A word is read and written back whole; a bit the
+// programmes set in between is lost, which costs that process's entry a
+// later removal by the service, never a wrong count. Objects without the
+// map check no bits.
+void MarkFdPids(const std::vector<int32_t>& pids) {
+    unique_fd bits(OpenPinnedMap(OPEN_FD_PID_BITS_MAP_PATH, sizeof(uint32_t), sizeof(uint64_t)));
+    if (bits.get() < 0) return;
+    std::map<uint32_t, uint64_t> words;
+    for (const int32_t pid : pids) {
+        if (pid < 0 || pid >= QUOR_FD_PID_BITS) continue;
+        words[static_cast<uint32_t>(pid) / 64] |= uint64_t{1} << (pid % 64);
+    }
+    for (const auto& [index, mask] : words) {
+        uint64_t word = 0;
+        if (bpf_map_lookup_elem(bits.get(), &index, &word) != 0) continue;
+        word |= mask;
+        (void)bpf_map_update_elem(bits.get(), &index, &word, BPF_ANY);
+    }
+}
+
 }  // namespace
 
 int InitBpfMap(QuorBpfDmabufMaps* maps) {
@@ -288,7 +310,8 @@ int InitFdBpfProg(QuorBpfDmabufMaps* maps) {
     // name. The programmes that read these values expect exactly that.
     quor_open_fd_value value;
     memset(&value, 0, sizeof(value));
-    const int rc = ForEachProcPid([&map, &value](const std::string& pidName) {
+    std::vector<int32_t> seeded;
+    const int rc = ForEachProcPid([&map, &value, &seeded](const std::string& pidName) {
         QuorBpfLineReader status;
         if (!status.Open(StringPrintf(TASK_STATUS_TEMPLATE, pidName.c_str()))) return;
         std::string line;
@@ -312,12 +335,17 @@ int InitFdBpfProg(QuorBpfDmabufMaps* maps) {
         if (UpdateMapElem(map.get(), &pid, &value) != 0) {
             QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] update open_fd_caller_map failed! %s",
                   strerror(errno));
+            return;
         }
+        seeded.push_back(pid);
     });
     if (rc != 0) {
         QLOGE(QUOR_TAG_SERVICE, "[QuorBpfService][INIT] read %s failed! %s", PROC_FS_PATH,
               strerror(errno));
     }
+    // Before the scan's end is known: an exit stamped until then is the
+    // service's to clean (ForgetFdEntryOfScanExit), a later one the kernel's.
+    MarkFdPids(seeded);
     maps->fdScanEndNs.store(static_cast<uint64_t>(MonotonicNs()));
     return 0;
 }

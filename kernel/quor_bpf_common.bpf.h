@@ -97,12 +97,11 @@ static __always_inline void quor_report_overflow(void)
  * wake-up must be forced: once a record went unannounced the reader is
  * behind, and the kernel's own (adaptive) rule only wakes a reader that has
  * caught up, so it would never wake again. For the same reason a filling ring
- * buffer forces a wake-up long before it is full, whatever the reader said:
- * announcing needs room for a record. What a storm leaves unannounced when it
- * ends is announced by quor_flush_wakeup(), which the main set runs from its
- * context-switch programme (also a safety net for a reader that stopped
- * without saying so); a set without such a programme must not pace and keeps
- * the adaptive rule, which never strands a record.
+ * buffer wakes such a reader long before it is full. What a storm leaves
+ * unannounced when it ends is announced by quor_flush_wakeup(), which the
+ * main set runs from its context-switch programme (also a safety net for a
+ * reader that stopped without saying so); a set without such a programme
+ * must not pace and keeps the adaptive rule, which never strands a record.
  */
 #define QUOR_WAKEUP_GAP_NS 10000000ULL
 #define QUOR_WAKEUP_FILL_BYTES (64 << 10)
@@ -110,11 +109,16 @@ static __always_inline void quor_report_overflow(void)
 static __always_inline __u64 quor_submit_flags(__u64 now)
 {
 #ifdef QUOR_PACED_WAKEUPS
-    if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >= QUOR_WAKEUP_FILL_BYTES)
-        return BPF_RB_FORCE_WAKEUP;
     __u32 key = QUOR_STATUS_KEY_READER;
     __u64 *reader = bpf_map_lookup_elem(&ringbuf_status, &key);
+    /* A reader that announced itself needs no wake-up from the submit: one
+     * that polls fetches records on its own schedule, one that sleeps is
+     * nudged after the commit (quor_after_submit), one just woken is about
+     * to drain. Not reading the fill level spares the writer a miss on the
+     * consumer's cache line, which the reader writes on every drain. */
     if (reader && *reader != QUOR_READER_UNANNOUNCED) return BPF_RB_NO_WAKEUP;
+    if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >= QUOR_WAKEUP_FILL_BYTES)
+        return BPF_RB_FORCE_WAKEUP;
     key = QUOR_STATUS_KEY_WOKEN_NS;
     __u64 *woken = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!woken) return 0;

@@ -44,24 +44,43 @@ struct {
 } open_fd_caller_map SEC(".maps");
 
 /*
- * The rss filter's state per address space, keyed by the tracepoint's mm_id
- * (a hashed pointer, stable for the life of the mm): the owning process,
- * learnt whenever it changes its own counters, and the sizes last reported.
- * One lookup serves both the owner's own changes and those made from another
- * context (reclaim, fork's page copies, a process reading another's memory).
- * Two live address spaces whose hashes collide share an entry: each takes it
- * over in turn, which costs extra records, never wrong ones.
+ * Which pids may have an entry above (see quor_bpf_records.h). Most processes
+ * of a fork storm never install a descriptor, and looking their pid up at
+ * exit is a cache miss in a table of 32768 buckets; a word of this small
+ * array stays cached. Bits are set and cleared by plain read-modify-write
+ * (older kernels have no atomic OR): a bit lost to another CPU's write of the
+ * same word leaves the entry to the service's cleanup of ended processes,
+ * and a bit left set costs one lookup.
+ */
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __type(key, __u32);
+    __type(value, __u64);
+    __uint(max_entries, QUOR_FD_PID_BITS / 64);
+} open_fd_pid_bits SEC(".maps");
+
+/*
+ * The rss filter's state per address space, in a direct-mapped table indexed
+ * by the low bits of the tracepoint's mm_id (a hashed pointer, stable for the
+ * life of the mm, evenly spread): the owning process, learnt whenever it
+ * changes its own counters, and the sizes last reported. The tracepoint fires
+ * on every page an address space gains or loses, so the common case must be
+ * one array access (which the verifier turns into an address computation),
+ * not a hash lookup. Two live address spaces that share a slot take it over
+ * in turn, which costs extra records, never wrong ones: the slot's owner word
+ * holds the mm_id and the tgid in one 8-byte store, so no reader ever pairs
+ * one address space's id with another's process.
  */
 struct quor_rss_state {
-    __s32 tgid;
-    __u32 reserved;
+    __u64 owner; /* mm_id << 32 | tgid; 0 for an empty slot */
     __s64 size[4]; /* bytes, as last reported */
 };
+#define QUOR_RSS_SLOTS 32768
 struct {
-    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(type, BPF_MAP_TYPE_ARRAY);
     __type(key, __u32);
     __type(value, struct quor_rss_state);
-    __uint(max_entries, 16384);
+    __uint(max_entries, QUOR_RSS_SLOTS);
 } rss_state_map SEC(".maps");
 
 /* Per CPU, the jiffies at which the switch programme last looked at the ring
@@ -90,6 +109,15 @@ struct {
 #define QUOR_FLUSH_GAP_JIFFIES 2
 /* How far back the fork programme looks in the parent's task lists. */
 #define QUOR_FORK_LIST_DEPTH 4
+
+/* The word of open_fd_pid_bits that holds `tgid`'s bit, or null beyond it. */
+static __always_inline __u64 *quor_fd_pid_word(__s32 tgid, __u64 *bit)
+{
+    if (tgid < 0 || tgid >= QUOR_FD_PID_BITS) return 0;
+    __u32 word = (__u32)tgid / 64;
+    *bit = 1ULL << (tgid & 63);
+    return bpf_map_lookup_elem(&open_fd_pid_bits, &word);
+}
 
 /*
  * Whether `child` is among the last QUOR_FORK_LIST_DEPTH entries of the list
@@ -177,9 +205,16 @@ int sched_sched_process_exit(void *ctx)
     __s32 tgid = (__s32)(pid_tgid >> 32);
     int group_dead = quor_exit_is_group_dead(ctx);
 
-    /* A lookup first: it takes no lock, and most processes have no entry. */
-    if (group_dead && bpf_map_lookup_elem(&open_fd_caller_map, &tgid))
-        (void)bpf_map_delete_elem(&open_fd_caller_map, &tgid);
+    if (group_dead) {
+        __u64 bit = 0;
+        __u64 *word = quor_fd_pid_word(tgid, &bit);
+        if (!word || (*word & bit)) {
+            /* A lookup first: it takes no lock, and the entry may be gone. */
+            if (bpf_map_lookup_elem(&open_fd_caller_map, &tgid))
+                (void)bpf_map_delete_elem(&open_fd_caller_map, &tgid);
+            if (word) *word &= ~bit;
+        }
+    }
 
     struct quor_exit_record *rec = QUOR_RESERVE(quor_exit_record, QUOR_EVENT_TASK_EXIT);
     if (!rec) return 0;
@@ -201,7 +236,7 @@ int sched_sched_process_exit(void *ctx)
  * under a page-fault storm, so the kernel filters: a record is written only
  * when a counter has moved QUOR_RSS_MIN_DELTA bytes from the value last
  * reported for it (each record carries the absolute size, so nothing is lost
- * but precision below the step). The common case costs one hash lookup.
+ * but precision below the step). The common case costs one array access.
  * Changes made from another context (curr 0: reclaim, fork's page copies)
  * go to the address space's known owner; those the owner makes itself after
  * leaving the address space are its teardown (exit, exec) and are dropped.
@@ -216,20 +251,26 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
     __s64 size = ctx->size;
     __u32 mm_id = ctx->mm_id;
 
-    struct quor_rss_state *state = bpf_map_lookup_elem(&rss_state_map, &mm_id);
+    __u32 slot = mm_id & (QUOR_RSS_SLOTS - 1);
+    struct quor_rss_state *state = bpf_map_lookup_elem(&rss_state_map, &slot);
+    if (!state) return 0;
+    __u64 owner = state->owner;
+    __s32 tgid;
     if (ctx->curr) {
-        __s32 tgid = quor_current_tgid();
-        if (!state || state->tgid != tgid) {
-            /* A new address space, or one the hash shares with another. */
-            struct quor_rss_state fresh = {.tgid = tgid};
-            (void)bpf_map_update_elem(&rss_state_map, &mm_id, &fresh, BPF_ANY);
-            state = bpf_map_lookup_elem(&rss_state_map, &mm_id);
-            if (!state) return 0;
+        tgid = quor_current_tgid();
+        __u64 mine = (__u64)mm_id << 32 | (__u32)tgid;
+        if (owner != mine) {
+            /* A new address space, or one that shares the slot with another. */
+            state->owner = mine;
+            state->size[0] = state->size[1] = state->size[2] = state->size[3] = 0;
         }
     } else {
-        /* The owner changing an address space it no longer runs on is
-         * tearing it down (exit, exec): not worth a record per page. */
-        if (!state || state->tgid == quor_current_tgid()) return 0;
+        /* Another context (reclaim, fork's page copies) changes the known
+         * owner's memory. The owner changing an address space it no longer
+         * runs on is tearing it down (exit, exec): not worth a record per page. */
+        if ((__u32)(owner >> 32) != mm_id || owner == 0) return 0;
+        tgid = (__s32)(__u32)owner;
+        if (tgid == quor_current_tgid()) return 0;
     }
 
     __s64 delta = size - state->size[member & 3];
@@ -238,7 +279,7 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
 
     struct quor_rss_record *rec = QUOR_RESERVE(quor_rss_record, QUOR_EVENT_RSS_STAT);
     if (!rec) return 0;
-    rec->pid = state->tgid;
+    rec->pid = tgid;
     rec->member = member;
     rec->size = size;
     QUOR_SUBMIT(rec);
@@ -318,6 +359,9 @@ int BPF_KPROBE(enter_fd_install, unsigned int fd)
         (void)bpf_map_update_elem(&open_fd_caller_map, &tgid, &fresh, BPF_NOEXIST);
         value = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
         if (!value) return 0;
+        __u64 bit = 0;
+        __u64 *word = quor_fd_pid_word(tgid, &bit);
+        if (word && !(*word & bit)) *word |= bit;
     }
     __sync_fetch_and_add(&value->open_fds, 1);
     __u64 old_max = value->max_fd;

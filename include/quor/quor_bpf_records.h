@@ -282,6 +282,15 @@ enum quor_status_bits {
 };
 
 /*
+ * map_QuorBpfDefineset_open_fd_pid_bits: an array of __u64 words, bit
+ * (pid % 64) of word (pid / 64) set while open_fd_caller_map may hold an
+ * entry for a pid below QUOR_FD_PID_BITS. Whoever writes an entry sets its
+ * bit; the exit programme looks the map up only for a set bit (or a pid
+ * beyond the bitmap) and clears it.
+ */
+#define QUOR_FD_PID_BITS 65536
+
+/*
  * Value of map_QuorBpfDefineset_open_fd_caller_map, keyed by pid (__s32).
  * The service seeds open_fds from /proc/<pid>/fd; the kernel adds one per
  * installed descriptor (closes are not seen, so it only grows), keeps the

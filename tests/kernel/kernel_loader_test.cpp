@@ -30,7 +30,7 @@ std::set<std::string> ExpectedPins() {
         for (const char* name : names) pins.insert(prefix + name);
     };
     add("map_QuorBpfDefineset_", {"ringbuf_map", "ringbuf_status", "open_fd_caller_map",
-                                  "rss_state_map", "switch_check_map"});
+                                  "open_fd_pid_bits", "rss_state_map", "switch_check_map"});
     add("prog_QuorBpfDefineset_",
         {"tracepoint_sched_sched_switch", "tracepoint_sched_sched_process_exit",
          "tracepoint_sched_sched_process_fork", "tracepoint_kmem_rss_stat",
