@@ -237,18 +237,18 @@ int RemoveDmabufEntries(const std::vector<int32_t>& sortedPids, int allocateFd, 
     return result;
 }
 
-// Sets the bits of `pids` in the map that tells the kernel's exit programme
-// which pids have a descriptor entry: without its bit a seeded entry would
-// outlive its process. A word is read and written back whole; a bit the
-// programmes set in between is lost, which costs that process's entry a
-// later removal by the service, never a wrong count. Objects without the
-// map check no bits.
-void MarkFdPids(const std::vector<int32_t>& pids) {
-    unique_fd bits(OpenPinnedMap(OPEN_FD_PID_BITS_MAP_PATH, sizeof(uint32_t), sizeof(uint64_t)));
+// Sets the bits of `pids` in the pinned bitmap at `bitsPath`, which tells a
+// kernel exit programme which pids have an entry to remove: without its bit a
+// seeded entry would outlive its process. A word is read and written back
+// whole; a bit the programmes set in between is lost, which leaves that
+// process's entry to the service's cleanup of ended processes, never a wrong
+// count. Objects without the bitmap check no bits.
+void MarkPids(const char* bitsPath, const std::vector<int32_t>& pids) {
+    unique_fd bits(OpenPinnedMap(bitsPath, sizeof(uint32_t), sizeof(uint64_t)));
     if (bits.get() < 0) return;
     std::map<uint32_t, uint64_t> words;
     for (const int32_t pid : pids) {
-        if (pid < 0 || pid >= QUOR_FD_PID_BITS) continue;
+        if (pid < 0 || pid >= QUOR_PID_BITS) continue;
         words[static_cast<uint32_t>(pid) / 64] |= uint64_t{1} << (pid % 64);
     }
     for (const auto& [index, mask] : words) {
@@ -345,7 +345,7 @@ int InitFdBpfProg(QuorBpfDmabufMaps* maps) {
     }
     // Before the scan's end is known: an exit stamped until then is the
     // service's to clean (ForgetFdEntryOfScanExit), a later one the kernel's.
-    MarkFdPids(seeded);
+    MarkPids(OPEN_FD_PID_BITS_MAP_PATH, seeded);
     maps->fdScanEndNs.store(static_cast<uint64_t>(MonotonicNs()));
     return 0;
 }
@@ -431,6 +431,9 @@ int InitDmabufBpfProg(QuorBpfDmabufMaps* maps) {
                   strerror(errno));
         }
     }
+    std::vector<int32_t> holders;
+    for (const auto& held : dmabufStatByPid) holders.push_back(held.first);
+    MarkPids(DMABUF_PID_BITS_MAP_PATH, holders);
     for (const auto& [pid, inodes] : processInodes) {
         for (const auto& [inode, count] : inodes) {
             const quor_process_inode_key key{pid, 0, inode};

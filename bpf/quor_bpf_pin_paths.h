@@ -9,6 +9,8 @@ constexpr const char* OPEN_FD_CALLER_MAP_PATH =
     "/sys/fs/bpf/quor/map_QuorBpfDefineset_open_fd_caller_map";
 constexpr const char* OPEN_FD_PID_BITS_MAP_PATH =
     "/sys/fs/bpf/quor/map_QuorBpfDefineset_open_fd_pid_bits";
+constexpr const char* DMABUF_PID_BITS_MAP_PATH =
+    "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_pid_bits";
 constexpr const char* DMABUF_ALLOCATE_MAP_PATH =
     "/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_allocate_map";
 constexpr const char* DMABUF_SIZE_MAP_PATH =

@@ -211,6 +211,53 @@ static __always_inline __s32 quor_current_tgid(void)
     return (__s32)(bpf_get_current_pid_tgid() >> 32);
 }
 
+/*
+ * Pid bitmaps (see QUOR_PID_BITS): which pids may have an entry in a hash
+ * map. Most processes of a fork storm never get one, and looking up their
+ * pid at exit is a cache miss in a table of thousands of buckets, where a
+ * word of a small array stays cached. Bits are set and cleared by plain
+ * read-modify-write (older kernels have no atomic OR): a bit lost to another
+ * CPU's write of the same word leaves the entry to the service's cleanup of
+ * ended processes, and a bit left set costs one lookup.
+ */
+#define QUOR_PID_BITMAP(name)                        \
+    struct {                                         \
+        __uint(type, BPF_MAP_TYPE_ARRAY);            \
+        __type(key, __u32);                          \
+        __type(value, __u64);                        \
+        __uint(max_entries, QUOR_PID_BITS / 64);     \
+    } name SEC(".maps")
+
+/* The word of `bits` that holds `tgid`'s bit, or null beyond the bitmap. */
+static __always_inline __u64 *quor_pid_word(void *bits, __s32 tgid, __u64 *bit)
+{
+    if (tgid < 0 || tgid >= QUOR_PID_BITS) return 0;
+    __u32 word = (__u32)tgid / 64;
+    *bit = 1ULL << (tgid & 63);
+    return bpf_map_lookup_elem(bits, &word);
+}
+
+static __always_inline void quor_pid_mark(void *bits, __s32 tgid)
+{
+    __u64 bit = 0;
+    __u64 *word = quor_pid_word(bits, tgid, &bit);
+    if (word && !(*word & bit)) *word |= bit;
+}
+
+/*
+ * Whether `tgid` may have an entry: its bit is set, or it lies beyond the
+ * bitmap. The bit is cleared, since the caller removes the entry now.
+ */
+static __always_inline int quor_pid_take(void *bits, __s32 tgid)
+{
+    __u64 bit = 0;
+    __u64 *word = quor_pid_word(bits, tgid, &bit);
+    if (!word) return 1;
+    if (!(*word & bit)) return 0;
+    *word &= ~bit;
+    return 1;
+}
+
 /* The layout of the exit tracepoint since the kernel records group_dead. */
 struct trace_event_raw_sched_process_exit___group {
     bool group_dead;

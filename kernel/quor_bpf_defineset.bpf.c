@@ -43,21 +43,6 @@ struct {
     __uint(max_entries, 32768);
 } open_fd_caller_map SEC(".maps");
 
-/*
- * Which pids may have an entry above (see quor_bpf_records.h). Most processes
- * of a fork storm never install a descriptor, and looking their pid up at
- * exit is a cache miss in a table of 32768 buckets; a word of this small
- * array stays cached. Bits are set and cleared by plain read-modify-write
- * (older kernels have no atomic OR): a bit lost to another CPU's write of the
- * same word leaves the entry to the service's cleanup of ended processes,
- * and a bit left set costs one lookup.
- */
-struct {
-    __uint(type, BPF_MAP_TYPE_ARRAY);
-    __type(key, __u32);
-    __type(value, __u64);
-    __uint(max_entries, QUOR_FD_PID_BITS / 64);
-} open_fd_pid_bits SEC(".maps");
 
 /*
  * The rss filter's state per address space, in a direct-mapped table indexed
@@ -97,6 +82,9 @@ struct {
 #define QUOR_PACED_WAKEUPS
 #include "quor_bpf_common.bpf.h"
 
+/* Which pids may have an entry in open_fd_caller_map. */
+QUOR_PID_BITMAP(open_fd_pid_bits);
+
 /* An rss record is written when a counter moved this far from its last report. */
 #define QUOR_RSS_MIN_DELTA (16 * 1024)
 /* A fd_update record is written each time a process's highest descriptor
@@ -109,15 +97,6 @@ struct {
 #define QUOR_FLUSH_GAP_JIFFIES 2
 /* How far back the fork programme looks in the parent's task lists. */
 #define QUOR_FORK_LIST_DEPTH 4
-
-/* The word of open_fd_pid_bits that holds `tgid`'s bit, or null beyond it. */
-static __always_inline __u64 *quor_fd_pid_word(__s32 tgid, __u64 *bit)
-{
-    if (tgid < 0 || tgid >= QUOR_FD_PID_BITS) return 0;
-    __u32 word = (__u32)tgid / 64;
-    *bit = 1ULL << (tgid & 63);
-    return bpf_map_lookup_elem(&open_fd_pid_bits, &word);
-}
 
 /*
  * Whether `child` is among the last QUOR_FORK_LIST_DEPTH entries of the list
@@ -205,16 +184,10 @@ int sched_sched_process_exit(void *ctx)
     __s32 tgid = (__s32)(pid_tgid >> 32);
     int group_dead = quor_exit_is_group_dead(ctx);
 
-    if (group_dead) {
-        __u64 bit = 0;
-        __u64 *word = quor_fd_pid_word(tgid, &bit);
-        if (!word || (*word & bit)) {
-            /* A lookup first: it takes no lock, and the entry may be gone. */
-            if (bpf_map_lookup_elem(&open_fd_caller_map, &tgid))
-                (void)bpf_map_delete_elem(&open_fd_caller_map, &tgid);
-            if (word) *word &= ~bit;
-        }
-    }
+    /* A lookup before the delete: it takes no lock, and the entry may be gone. */
+    if (group_dead && quor_pid_take(&open_fd_pid_bits, tgid) &&
+        bpf_map_lookup_elem(&open_fd_caller_map, &tgid))
+        (void)bpf_map_delete_elem(&open_fd_caller_map, &tgid);
 
     struct quor_exit_record *rec = QUOR_RESERVE(quor_exit_record, QUOR_EVENT_TASK_EXIT);
     if (!rec) return 0;
@@ -359,9 +332,7 @@ int BPF_KPROBE(enter_fd_install, unsigned int fd)
         (void)bpf_map_update_elem(&open_fd_caller_map, &tgid, &fresh, BPF_NOEXIST);
         value = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
         if (!value) return 0;
-        __u64 bit = 0;
-        __u64 *word = quor_fd_pid_word(tgid, &bit);
-        if (word && !(*word & bit)) *word |= bit;
+        quor_pid_mark(&open_fd_pid_bits, tgid);
     }
     __sync_fetch_and_add(&value->open_fds, 1);
     __u64 old_max = value->max_fd;

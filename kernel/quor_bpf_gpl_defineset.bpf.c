@@ -17,6 +17,7 @@
  *   process_inode_map           (pid, inode) -> descriptors on that buffer
  *   process_mmap_infos          (pid, start) -> inode; seeded and cleaned by
  *                               the service, no hook here maps buffers
+ *   dmabuf_pid_bits             which pids may have a dmabuf_size_map entry
  * The second field of dmabuf_stat is unused by the kernel (left 0).
  */
 #include "vmlinux.h"
@@ -78,6 +79,9 @@ struct {
 
 #include "quor_bpf_common.bpf.h"
 
+/* Which pids may have an entry in dmabuf_size_map. */
+QUOR_PID_BITMAP(dmabuf_pid_bits);
+
 static __always_inline void quor_emit_dmabuf_size(__s32 pid, __u64 total)
 {
     if (!quor_gate(0)) return;
@@ -120,6 +124,7 @@ static __always_inline __u64 quor_add_total(__s32 pid, __s64 size)
     } else {
         (void)bpf_map_update_elem(&dmabuf_size_map, &pid, &fresh, BPF_ANY);
         (void)bpf_map_update_elem(&dmabuf_perprocess_size_map, &pid, &fresh, BPF_ANY);
+        quor_pid_mark(&dmabuf_pid_bits, pid);
     }
     return total;
 }
@@ -132,6 +137,7 @@ int sched_sched_process_exit(void *ctx)
     if (!quor_exit_is_group_dead(ctx)) return 0;
 
     __s32 tgid = quor_current_tgid();
+    if (!quor_pid_take(&dmabuf_pid_bits, tgid)) return 0;
     struct dmabuf_stat *stat = bpf_map_lookup_elem(&dmabuf_size_map, &tgid);
     if (!stat) return 0;
     (void)bpf_map_delete_elem(&dmabuf_size_map, &tgid);

@@ -282,13 +282,14 @@ enum quor_status_bits {
 };
 
 /*
- * map_QuorBpfDefineset_open_fd_pid_bits: an array of __u64 words, bit
- * (pid % 64) of word (pid / 64) set while open_fd_caller_map may hold an
- * entry for a pid below QUOR_FD_PID_BITS. Whoever writes an entry sets its
- * bit; the exit programme looks the map up only for a set bit (or a pid
- * beyond the bitmap) and clears it.
+ * map_QuorBpfDefineset_open_fd_pid_bits and map_QuorBpfGplDefineset_
+ * dmabuf_pid_bits: arrays of __u64 words, bit (pid % 64) of word (pid / 64)
+ * set while open_fd_caller_map, respectively dmabuf_size_map, may hold an
+ * entry for a pid below QUOR_PID_BITS. Whoever writes an entry sets its bit;
+ * the exit programmes look the map up only for a set bit (or a pid beyond
+ * the bitmap) and clear it.
  */
-#define QUOR_FD_PID_BITS 65536
+#define QUOR_PID_BITS 65536
 
 /*
  * Value of map_QuorBpfDefineset_open_fd_caller_map, keyed by pid (__s32).

@@ -8,6 +8,7 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -63,6 +64,7 @@ protected:
         }
     }
     void TearDown() override {
+        if (!bitsPin_.empty()) (void)unlink(bitsPin_.c_str());
         for (int i = 0; i < kMapCount; ++i) {
             (void)unlink(kMaps[i].pin);
             if (fds_[i] >= 0) close(fds_[i]);
@@ -86,7 +88,29 @@ protected:
         return value;
     }
 
+    // Pins an empty pid bitmap at `pin`, as the programme sets define it.
+    void PinPidBits(const char* pin) {
+        bits_.reset(bpf_map_create(BPF_MAP_TYPE_ARRAY, nullptr, 4, 8, QUOR_PID_BITS / 64, nullptr));
+        ASSERT_GE(bits_.get(), 0) << strerror(errno);
+        ASSERT_EQ(bpf_obj_pin(bits_.get(), pin), 0) << strerror(errno);
+        bitsPin_ = pin;
+    }
+    // The pids below 64 * `words` whose bit is set.
+    std::vector<int32_t> MarkedPids(uint32_t words) const {
+        std::vector<int32_t> pids;
+        for (uint32_t index = 0; index < words; ++index) {
+            uint64_t word = 0;
+            (void)bpf_map_lookup_elem(bits_.get(), &index, &word);
+            for (int bit = 0; bit < 64; ++bit) {
+                if (word & (uint64_t{1} << bit)) pids.push_back(index * 64 + bit);
+            }
+        }
+        return pids;
+    }
+
     int fds_[kMapCount] = {-1, -1, -1, -1, -1, -1};
+    android::base::unique_fd bits_;
+    std::string bitsPin_;
 };
 
 // pid 100 holds two buffers (one through two descriptors) and maps both;
@@ -128,6 +152,7 @@ void BuildDmabufTree(FakeProc* proc) {
 }  // namespace
 
 TEST_F(DmabufMapsTest, SeedsBuffersHoldersAndMappingsFromProc) {
+    PinPidBits("/sys/fs/bpf/quor/map_QuorBpfGplDefineset_dmabuf_pid_bits");
     FakeProc proc;
     BuildDmabufTree(&proc);
     ChildRun run;
@@ -152,6 +177,11 @@ TEST_F(DmabufMapsTest, SeedsBuffersHoldersAndMappingsFromProc) {
         EXPECT_EQ(Value<dmabuf_stat>(id, int32_t{100}).reserved, 0u);
         EXPECT_EQ(Value<dmabuf_stat>(id, int32_t{200}).total_size, 8192u);
     }
+    // Holders are marked for the kernel's exit programme; 300 holds nothing.
+    const std::vector<int32_t> marked = MarkedPids(8);
+    for (const int32_t pid : {100, 200})
+        EXPECT_EQ(std::count(marked.begin(), marked.end(), pid), 1);
+    EXPECT_EQ(std::count(marked.begin(), marked.end(), 300), 0);
     EXPECT_EQ(Count(kInode), 3u);
     const auto holds = [this](int32_t pid, uint64_t inode) {
         return Value<uint64_t>(kInode, quor_process_inode_key{pid, 0, inode});

@@ -35,9 +35,9 @@ std::set<std::string> ExpectedPins() {
         {"tracepoint_sched_sched_switch", "tracepoint_sched_sched_process_exit",
          "tracepoint_sched_sched_process_fork", "tracepoint_kmem_rss_stat",
          "kprobe_enter_fd_install"});
-    add("map_QuorBpfGplDefineset_",
-        {"ringbuf_map", "ringbuf_status", "dmabuf_allocate_map", "dmabuf_size_map",
-         "dmabuf_perprocess_size_map", "process_inode_map", "process_mmap_infos"});
+    add("map_QuorBpfGplDefineset_", {"ringbuf_map", "ringbuf_status", "dmabuf_allocate_map",
+                                     "dmabuf_size_map", "dmabuf_perprocess_size_map",
+                                     "process_inode_map", "process_mmap_infos", "dmabuf_pid_bits"});
     add("prog_QuorBpfGplDefineset_",
         {"tracepoint_sched_sched_process_exit", "tracepoint_cgroup_cgroup_attach_task",
          "kprobe_dma_buf_file_release", "kprobe_dma_buf_stats_setup"});
