@@ -5,8 +5,9 @@
  *   sched_sched_process_exit   exit records (type 3), and forgets the
  *                              descriptor count of a process that ended
  *   kmem_rss_stat              rss records (type 1), filtered in the kernel
- *   sched_sched_switch         refreshes the status map's ring-buffer figures
- *                              at most once a second, nothing else
+ *   sched_sched_switch         for a reader that does not announce how it
+ *                              waits: flushes wake-ups and refreshes the
+ *                              status map's ring-buffer figures
  *   enter_fd_install           descriptor accounting, fd_update records (type 6)
  *
  * Licence: the fork and exit programmes read the task structure
@@ -261,17 +262,19 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx)
 }
 
 /*
- * Runs on every context switch. Once a tick per CPU at most it reads the ring
- * buffer's fill level; otherwise it only reads the status word and the
- * jiffies. With records waiting, every QUOR_FLUSH_GAP_JIFFIES
- * (and QUOR_WAKEUP_GAP_NS since the last wake-up) at most it wakes the reader,
- * unless that says it polls, for records that a storm left unannounced (see
- * quor_submit_flags): a
- * storm's tail thus waits for the gap and the next switch on any CPU, never
- * for a count of switches that an idle system takes seconds to reach. At
- * most once a second it also copies the ring buffer's figures into the
- * status map (keys 1 to 4), so that the service and a person reading the
- * pinned map see how full the ring buffer runs even when nothing was lost.
+ * Runs on every context switch, so its common case is two loads from the
+ * status map: a reader that announced how it waits (the service's) needs
+ * nothing from it. For a reader that says nothing (or one just woken),
+ * once a tick per CPU at most it reads the ring buffer's fill level; with
+ * records waiting, every QUOR_FLUSH_GAP_JIFFIES (and QUOR_WAKEUP_GAP_NS since
+ * the last wake-up) at most it wakes the reader for records that a storm left
+ * unannounced (see quor_submit_flags): a storm's tail thus waits for the gap
+ * and the next switch on any CPU, never for a count of switches that an idle
+ * system takes seconds to reach. At most once a second it also copies the
+ * ring buffer's figures into the status map (keys 1 to 4), so that a person
+ * reading the pinned map sees how full the ring buffer runs; with the service
+ * reading, those keys are written when a reservation fails, which is when
+ * the service reads them.
  */
 SEC("tracepoint/sched/sched_switch")
 int sched_sched_switch(void *ctx)
@@ -279,6 +282,13 @@ int sched_sched_switch(void *ctx)
     __u32 key = QUOR_STATUS_KEY_FLAGS;
     __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &key);
     if (!flags || !(*flags & QUOR_STATUS_CORE_ON)) return 0;
+    key = QUOR_STATUS_KEY_READER;
+    __u64 *reader = bpf_map_lookup_elem(&ringbuf_status, &key);
+    if (!reader) return 0;
+    /* One that polls fetches records on its own; one that sleeps is nudged by
+     * the first record committed afterwards. A reader woken but not yet
+     * polling keeps the net below, in case its nudge found no room. */
+    if (*reader == QUOR_READER_POLLING || *reader == QUOR_READER_SLEEPING) return 0;
 
     /* Jiffies cost a load; the ring buffer's positions and the monotonic
      * clock cost far more under a storm or on a virtual machine. */
@@ -296,11 +306,7 @@ int sched_sched_switch(void *ctx)
     if (ticks - *flushed < QUOR_FLUSH_GAP_JIFFIES) return 0;
     *flushed = ticks;
     __u64 now = bpf_ktime_get_ns();
-    /* A polling reader fetches waiting records on its own within its round:
-     * waking it would only cost an interrupt. */
-    key = QUOR_STATUS_KEY_READER;
-    __u64 *reader = bpf_map_lookup_elem(&ringbuf_status, &key);
-    if (!reader || *reader != QUOR_READER_POLLING) quor_flush_wakeup(now);
+    quor_flush_wakeup(now);
 
     key = QUOR_STATUS_KEY_REFRESHED_NS;
     __u64 *refreshed = bpf_map_lookup_elem(&ringbuf_status, &key);
