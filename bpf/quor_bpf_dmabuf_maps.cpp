@@ -199,6 +199,10 @@ void ScanDmabufMappings(const std::string& pidName, int32_t pid, QuorBpfDmabufMa
     if (!mappings.empty()) tables->processMmaps[pid].insert(mappings.begin(), mappings.end());
 }
 
+// Up to this many ended processes are removed from a pid-keyed map by one
+// delete each; more by a walk of the map.
+constexpr size_t kDeletesPerPidUpTo = 64;
+
 // Removes what the maps hold of the processes in `sortedPids`: their
 // per-process entries, their totals, their descriptor count and the buffers
 // they were last seen holding. A descriptor of -1 is skipped.
@@ -229,10 +233,24 @@ int RemoveDmabufEntries(const std::vector<int32_t>& sortedPids, int allocateFd, 
         };
         if (DeleteKeys<uint64_t>(allocateFd, heldByDoomed, "dmabufAllocateMap") != 0) result = -1;
     }
-    for (const int32_t pid : sortedPids) {
-        if (DeletePidKey(sizeFd, pid, "dmabufSizeMap") != 0) result = -1;
-        if (DeletePidKey(perprocessFd, pid, "dmabufPerprocessSizeMap") != 0) result = -1;
-        if (DeletePidKey(openFdFd, pid, "open_fd_caller_map") != 0) result = -1;
+    // The pid-keyed maps: a delete per pid for a few pids; for many (a storm's
+    // second of exits, most of which left no entry) one walk over the entries,
+    // which are the live processes that have one.
+    const struct {
+        int fd;
+        const char* name;
+    } pidMaps[] = {{sizeFd, "dmabufSizeMap"},
+                   {perprocessFd, "dmabufPerprocessSizeMap"},
+                   {openFdFd, "open_fd_caller_map"}};
+    for (const auto& map : pidMaps) {
+        if (map.fd < 0) continue;
+        if (sortedPids.size() > kDeletesPerPidUpTo) {
+            if (DeleteKeys<int32_t>(map.fd, doomed, map.name) != 0) result = -1;
+            continue;
+        }
+        for (const int32_t pid : sortedPids) {
+            if (DeletePidKey(map.fd, pid, map.name) != 0) result = -1;
+        }
     }
     return result;
 }

@@ -21,6 +21,7 @@
 #include <android-base/unique_fd.h>
 
 #include <atomic>
+#include <bitset>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -203,10 +204,14 @@ private:
     // (quor_bpf_service_handlers.cpp). A walk of those maps scans every
     // bucket, so exits are gathered and cleaned up together at most once a
     // second, or at once when a gathered pid is forked again.
+    // Every fork asks whether its pid is gathered, so the pids below
+    // QUOR_PID_BITS are also kept as bits.
     void scheduleDmabufCleanup(int32_t pid);
     void flushDmabufCleanup(int32_t reusedPid);
+    std::vector<int32_t> takeDmabufCleanup();  // under dmabufCleanupMutex_
     std::mutex dmabufCleanupMutex_;
     std::vector<int32_t> dmabufCleanupPids_;
+    std::bitset<QUOR_PID_BITS> dmabufCleanupPending_;
     int64_t dmabufCleanupAtMs_ = 0;
 
     // Takes a live process's thread count from procfs (reapLostExits()).

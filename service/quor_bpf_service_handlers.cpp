@@ -297,15 +297,25 @@ void QuorBpfService::scheduleDmabufCleanup(int32_t pid) {
     {
         std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
         dmabufCleanupPids_.push_back(pid);
+        if (pid >= 0 && pid < QUOR_PID_BITS) dmabufCleanupPending_.set(pid);
         const int64_t now = MonotonicMs();
         if (now - dmabufCleanupAtMs_ < kDmabufCleanupIntervalMs &&
             dmabufCleanupPids_.size() < kDmabufCleanupMaxPending) {
             return;
         }
         dmabufCleanupAtMs_ = now;
-        due.swap(dmabufCleanupPids_);
+        due = takeDmabufCleanup();
     }
     (void)cleanUpDmabufMaps(due);
+}
+
+std::vector<int32_t> QuorBpfService::takeDmabufCleanup() {
+    std::vector<int32_t> due;
+    due.swap(dmabufCleanupPids_);
+    for (const int32_t pid : due) {
+        if (pid >= 0 && pid < QUOR_PID_BITS) dmabufCleanupPending_.reset(pid);
+    }
+    return due;
 }
 
 void QuorBpfService::flushDueDmabufCleanup() {
@@ -318,7 +328,7 @@ void QuorBpfService::flushDueDmabufCleanup() {
             return;
         }
         dmabufCleanupAtMs_ = MonotonicMs();
-        due.swap(dmabufCleanupPids_);
+        due = takeDmabufCleanup();
     }
     (void)cleanUpDmabufMaps(due);
 }
@@ -327,12 +337,13 @@ void QuorBpfService::flushDmabufCleanup(int32_t reusedPid) {
     std::vector<int32_t> due;
     {
         std::lock_guard<std::mutex> lock(dmabufCleanupMutex_);
-        if (std::find(dmabufCleanupPids_.begin(), dmabufCleanupPids_.end(), reusedPid) ==
-            dmabufCleanupPids_.end()) {
-            return;
-        }
+        const bool pending = reusedPid >= 0 && reusedPid < QUOR_PID_BITS
+                                 ? dmabufCleanupPending_.test(reusedPid)
+                                 : std::find(dmabufCleanupPids_.begin(), dmabufCleanupPids_.end(),
+                                             reusedPid) != dmabufCleanupPids_.end();
+        if (!pending) return;
         dmabufCleanupAtMs_ = MonotonicMs();
-        due.swap(dmabufCleanupPids_);
+        due = takeDmabufCleanup();
     }
     (void)cleanUpDmabufMaps(due);
 }
