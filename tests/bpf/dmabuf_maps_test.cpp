@@ -284,9 +284,16 @@ TEST_F(DmabufMapsTest, CleanUpRemovesOnlyThatProcess) {
 }
 
 TEST_F(DmabufMapsTest, OpenDescriptorCountsOfRealProcesses) {
+    PinPidBits("/sys/fs/bpf/quor/map_QuorBpfDefineset_open_fd_pid_bits");
     QuorBpfService* service = QuorBpfService::GetInstance();
     const int32_t self = getpid();
     ASSERT_EQ(service->initFdBpfProg(), 0);
+    // Seeded pids are marked for the kernel's exit programme, which looks up
+    // only marked pids; pid 0 is no process.
+    const std::vector<int32_t> marked = MarkedPids(QUOR_PID_BITS / 64);
+    EXPECT_EQ(std::count(marked.begin(), marked.end(), self), self < QUOR_PID_BITS ? 1 : 0);
+    EXPECT_EQ(std::count(marked.begin(), marked.end(), 0), 0);
+    EXPECT_EQ(marked.size(), Count(kOpenFd));
     const auto before = Value<quor_open_fd_value>(kOpenFd, self);
     std::vector<int> extra;
     for (int i = 0; i < 25; ++i) extra.push_back(eventfd(0, EFD_CLOEXEC));
