@@ -94,7 +94,7 @@ void IpcPackageManager::appendRespIpcPackage(QuorRespIpcPackage* resp) {
     memset(block + 24, 0, 8);
     if (resp->dataSize != 0 && resp->data != nullptr)
         memcpy(block + 32, resp->data, resp->dataSize);
-    appendPackage(QuorIpcPackage{size, block}, kErrorRespQueueFull, "[AppendRespIpc]");
+    appendPackage(Bare(QuorIpcPackage{size, block}), kErrorRespQueueFull, "[AppendRespIpc]");
 }
 
 void IpcPackageManager::appendReqIpcPackage(QuorReqIpcPackage* req) {
@@ -111,7 +111,7 @@ void IpcPackageManager::appendReqIpcPackage(QuorReqIpcPackage* req) {
     PutU32(block + 12, req->command);
     PutU32(block + 16, req->dataSize);
     if (req->dataSize != 0 && req->data != nullptr) memcpy(block + 20, req->data, req->dataSize);
-    appendPackage(QuorIpcPackage{size, block}, kErrorReqQueueFull, "[AppendReqIpc]");
+    appendPackage(Bare(QuorIpcPackage{size, block}), kErrorReqQueueFull, "[AppendReqIpc]");
 }
 
 void IpcPackageManager::buildAndAppendIpcPackage(char* data, unsigned long size) {
@@ -121,7 +121,7 @@ void IpcPackageManager::buildAndAppendIpcPackage(char* data, unsigned long size)
         return;
     }
     if (size != 0) memcpy(block, data, size);
-    appendPackage(QuorIpcPackage{size, block}, kErrorRawQueueFull, "[BuildAndAppendIpc]");
+    appendPackage(Bare(QuorIpcPackage{size, block}), kErrorRawQueueFull, "[BuildAndAppendIpc]");
 }
 
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned int type, char* data,
@@ -129,7 +129,7 @@ bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned int type, char* 
     if (type > IPC_PACKAGE_TYPE_MAX) return false;
     const QuorIpcPackage package = BuildSharedSecondIpcPackage(type, data, len);
     if (package.packageData == nullptr) return false;
-    (void)appendPackage(package, kErrorSecondQueueFull, "[AppendSecondIpc]");
+    (void)appendPackage(Bare(package), kErrorSecondQueueFull, "[AppendSecondIpc]");
     return true;
 }
 
@@ -153,7 +153,42 @@ size_t IpcPackageManager::appendSharedIpcPackage(const QuorIpcPackage& package,
                                                  Overflow* overflow) {
     if (package.packageData == nullptr) return 0;
     RetainBlock(package.packageData);
-    return appendPackage(package, kErrorSecondQueueFull, "[AppendSecondIpc]", overflow);
+    return appendPackage(Bare(package), kErrorSecondQueueFull, "[AppendSecondIpc]", overflow);
+}
+
+QuorIpcPackage IpcPackageManager::BuildSharedFrames(const char* frames, uint64_t size,
+                                                    uint32_t* count) {
+    // The filling walks the run by its length fields: they must describe it
+    // exactly, each frame at least a package header long.
+    *count = 0;
+    for (uint64_t at = 0; at < size;) {
+        if (size - at < IPC_FRAME_HEADER_SIZE + IPC_PACKAGE_HEADER_SIZE) return {0, nullptr};
+        const int64_t length = IpcReadS64(frames + at);
+        if (length < IPC_PACKAGE_HEADER_SIZE ||
+            static_cast<uint64_t>(length) > size - at - IPC_FRAME_HEADER_SIZE ||
+            *count == UINT32_MAX) {
+            *count = 0;
+            return {0, nullptr};
+        }
+        at += IPC_FRAME_HEADER_SIZE + static_cast<uint64_t>(length);
+        ++*count;
+    }
+    if (*count == 0) return {0, nullptr};
+    char* block = AllocateBlock(size);
+    if (block == nullptr) {
+        QLOGE(QUOR_TAG_UTILS, "[AppendSecondIpc] allocate memory failed! %s", strerror(errno));
+        return QuorIpcPackage{0, nullptr};
+    }
+    if (size != 0) memcpy(block, frames, size);
+    return QuorIpcPackage{size, block};
+}
+
+size_t IpcPackageManager::appendSharedFrames(const QuorIpcPackage& frames, uint32_t count,
+                                             Overflow* overflow) {
+    if (frames.packageData == nullptr || count == 0) return 0;
+    RetainBlock(frames.packageData);
+    return appendPackage(Entry{frames.packageData, 0, frames.packageSize, count, true},
+                         kErrorSecondQueueFull, "[AppendSecondIpc]", overflow);
 }
 
 void IpcPackageManager::FinishOverflow(Overflow* overflow) {
@@ -178,32 +213,36 @@ void IpcPackageManager::ReleaseSharedIpcPackage(const QuorIpcPackage& package) {
     if (package.packageData != nullptr) ReleaseBlock(package.packageData);
 }
 
-size_t IpcPackageManager::appendPackage(QuorIpcPackage package, int errorCode,
-                                        const char* logPrefix, Overflow* overflow) {
+size_t IpcPackageManager::appendPackage(Entry entry, int errorCode, const char* logPrefix,
+                                        Overflow* overflow) {
     bool overflowed = false;
     size_t queuedBefore = 0;
-    QuorIpcPackage retiring[kRetirePerAppend];
+    Entry retiring[kRetirePerAppend];
     size_t retiringCount = 0;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        queuedBefore = queue_.size();
-        if (queue_.size() > QUEUE_HIGH_WATER) {
+        queuedBefore = queued_;
+        // As if each package were appended by itself: the first one to find
+        // more than QUEUE_HIGH_WATER queued drops the oldest until
+        // QUEUE_LOW_WATER remain, and the rest are added behind it.
+        if (queued_ + entry.frames - 1 > QUEUE_HIGH_WATER) {
+            const size_t before = queued_ > QUEUE_HIGH_WATER ? 0 : QUEUE_HIGH_WATER + 1 - queued_;
+            const size_t excess = queued_ + before - QUEUE_LOW_WATER;
             // Moved aside, not released: releasing thousands of packages at
             // once would hold up this producer (and every queue after this
             // one). Each later append releases a few of them.
-            const auto keep = queue_.end() - static_cast<std::ptrdiff_t>(QUEUE_LOW_WATER);
-            retired_.insert(retired_.end(), queue_.begin(), keep);
-            queue_.erase(queue_.begin(), keep);
+            dropOldestLocked(excess < queued_ ? excess : queued_);
             overflowed = true;
         }
-        queue_.push_back(package);
-        count_.store(queue_.size(), std::memory_order_relaxed);
+        queue_.push_back(entry);
+        queued_ += entry.frames;
+        count_.store(queued_, std::memory_order_relaxed);
         while (retiringCount < kRetirePerAppend && !retired_.empty()) {
             retiring[retiringCount++] = retired_.front();
             retired_.pop_front();
         }
     }
-    for (size_t i = 0; i < retiringCount; ++i) ReleaseBlock(retiring[i].packageData);
+    for (size_t i = 0; i < retiringCount; ++i) ReleaseBlock(retiring[i].block);
     // Waiters register under the mutex, so one that waits for this package
     // is counted by now; without waiters the wake-up call is saved.
     if (waiters_.load(std::memory_order_relaxed) != 0) cv_.notify_all();
@@ -219,26 +258,74 @@ size_t IpcPackageManager::appendPackage(QuorIpcPackage package, int errorCode,
     return queuedBefore;
 }
 
+void IpcPackageManager::dropOldestLocked(size_t count) {
+    while (count != 0 && !queue_.empty()) {
+        Entry& front = queue_.front();
+        if (front.frames <= count) {
+            count -= front.frames;
+            queued_ -= front.frames;
+            retired_.push_back(front);
+            queue_.pop_front();
+            continue;
+        }
+        // Part of a run goes: its block stays held for the rest.
+        while (count != 0) {
+            const uint64_t frame = FirstFrameSize(front);
+            front.offset += frame;
+            front.size -= frame;
+            front.frames -= 1;
+            queued_ -= 1;
+            count -= 1;
+        }
+    }
+}
+
+uint64_t IpcPackageManager::FirstFrameSize(const Entry& entry) {
+    if (!entry.framed) return entry.size + IPC_FRAME_HEADER_SIZE;
+    // The frames were built by this process: each length is that of a
+    // package inside the run.
+    return IPC_FRAME_HEADER_SIZE + static_cast<uint64_t>(IpcReadS64(entry.block + entry.offset));
+}
+
 void IpcPackageManager::popFront() {
-    ReleaseBlock(queue_.front().packageData);
+    queued_ -= queue_.front().frames;
+    ReleaseBlock(queue_.front().block);
     queue_.pop_front();
 }
 
+void IpcPackageManager::popFrontFrame() {
+    Entry& front = queue_.front();
+    if (front.frames <= 1) {
+        popFront();
+        return;
+    }
+    const uint64_t frame = FirstFrameSize(front);
+    front.offset += frame;
+    front.size -= frame;
+    front.frames -= 1;
+    queued_ -= 1;
+}
+
 void IpcPackageManager::moveFrontToBuffer(BufferState* state) {
-    const QuorIpcPackage& package = queue_.front();
-    const int64_t length = static_cast<int64_t>(package.packageSize);
+    const Entry& front = queue_.front();
     char* at = state->buffer + state->bufferDataCursor;
-    memcpy(at, &length, sizeof(length));
-    memcpy(at + IPC_FRAME_HEADER_SIZE, package.packageData, package.packageSize);
-    state->bufferDataCursor += IPC_FRAME_HEADER_SIZE + length;
-    popFront();
+    const uint64_t frame = FirstFrameSize(front);
+    if (front.framed) {
+        memcpy(at, front.block + front.offset, frame);
+    } else {
+        const int64_t length = static_cast<int64_t>(front.size);
+        memcpy(at, &length, sizeof(length));
+        memcpy(at + IPC_FRAME_HEADER_SIZE, front.block + front.offset, front.size);
+    }
+    state->bufferDataCursor += static_cast<int64_t>(frame);
+    popFrontFrame();
 }
 
 IpcPackageManager::FillStep IpcPackageManager::fillNextLocked(BufferState* state) {
     if (queue_.empty()) return FillStep::kEmpty;
-    const uint64_t frameSize = queue_.front().packageSize + IPC_FRAME_HEADER_SIZE;
+    const uint64_t frameSize = FirstFrameSize(queue_.front());
     if (frameSize > static_cast<uint64_t>(state->bufferSize)) {
-        popFront();
+        popFrontFrame();
         return FillStep::kDamaged;
     }
     if (frameSize > static_cast<uint64_t>(state->bufferSize - state->bufferDataCursor)) {
@@ -253,7 +340,7 @@ bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* state) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         step = fillNextLocked(state);
-        count_.store(queue_.size(), std::memory_order_relaxed);
+        count_.store(queued_, std::memory_order_relaxed);
     }
     if (step == FillStep::kDamaged) {
         RecordBpfServiceErrorInfo(kErrorFillNextDamaged,
@@ -265,12 +352,12 @@ bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* state) {
 
 size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* state) {
     // The producers contend for the queue's mutex, so it is held only to take
-    // the packages that fit off the queue (a few pointers each); the copying
+    // the entries that fit off the queue (a few words each); the copying
     // into the buffer and the freeing happen after it is released.
     constexpr size_t kTakeAtOnce = 256;
     size_t filled = 0;
     for (;;) {
-        QuorIpcPackage taken[kTakeAtOnce];
+        Entry taken[kTakeAtOnce];
         size_t count = 0;
         size_t dropped = 0;
         bool more = false;  // stopped only because `taken` was full
@@ -278,12 +365,13 @@ size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* state) {
             std::lock_guard<std::mutex> lock(mutex_);
             int64_t room = state->bufferSize - state->bufferDataCursor;
             while (!queue_.empty()) {
-                const uint64_t frameSize = queue_.front().packageSize + IPC_FRAME_HEADER_SIZE;
+                Entry& front = queue_.front();
+                const uint64_t frameSize = FirstFrameSize(front);
                 if (frameSize > static_cast<uint64_t>(state->bufferSize)) {
                     // It can never be sent. Filling goes on behind it: a
                     // buffer left empty here would make the writer give up
                     // write interest while packages are still queued.
-                    popFront();
+                    popFrontFrame();
                     ++dropped;
                     continue;
                 }
@@ -292,21 +380,52 @@ size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* state) {
                     more = true;
                     break;
                 }
-                room -= static_cast<int64_t>(frameSize);
-                taken[count++] = queue_.front();
-                queue_.pop_front();
+                const uint64_t whole = front.framed ? front.size : frameSize;
+                if (whole <= static_cast<uint64_t>(room)) {
+                    room -= static_cast<int64_t>(whole);
+                    queued_ -= front.frames;
+                    taken[count++] = front;
+                    queue_.pop_front();
+                    continue;
+                }
+                // The whole frames of a run that fit; the rest stays first.
+                Entry part = front;
+                part.size = 0;
+                part.frames = 0;
+                uint64_t next = frameSize;
+                do {
+                    part.size += next;
+                    part.frames += 1;
+                    room -= static_cast<int64_t>(next);
+                    next =
+                        IPC_FRAME_HEADER_SIZE +
+                        static_cast<uint64_t>(IpcReadS64(front.block + front.offset + part.size));
+                } while (next <= static_cast<uint64_t>(room));
+                RetainBlock(front.block);
+                front.offset += part.size;
+                front.size -= part.size;
+                front.frames -= part.frames;
+                queued_ -= part.frames;
+                taken[count++] = part;
+                break;
             }
-            count_.store(queue_.size(), std::memory_order_relaxed);
+            count_.store(queued_, std::memory_order_relaxed);
         }
         for (size_t i = 0; i < count; ++i) {
-            const int64_t length = static_cast<int64_t>(taken[i].packageSize);
+            const Entry& entry = taken[i];
             char* at = state->buffer + state->bufferDataCursor;
-            memcpy(at, &length, sizeof(length));
-            memcpy(at + IPC_FRAME_HEADER_SIZE, taken[i].packageData, taken[i].packageSize);
-            state->bufferDataCursor += IPC_FRAME_HEADER_SIZE + length;
-            ReleaseBlock(taken[i].packageData);
+            if (entry.framed) {
+                memcpy(at, entry.block + entry.offset, entry.size);
+                state->bufferDataCursor += static_cast<int64_t>(entry.size);
+            } else {
+                const int64_t length = static_cast<int64_t>(entry.size);
+                memcpy(at, &length, sizeof(length));
+                memcpy(at + IPC_FRAME_HEADER_SIZE, entry.block + entry.offset, entry.size);
+                state->bufferDataCursor += IPC_FRAME_HEADER_SIZE + length;
+            }
+            filled += entry.frames;
+            ReleaseBlock(entry.block);
         }
-        filled += count;
         if (dropped != 0) {
             RecordBpfServiceErrorInfo(kErrorFillNextDamaged,
                                       "fillNextIpcPackageToBuffer ipc package damaged");
@@ -322,16 +441,15 @@ bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* state) {
         std::lock_guard<std::mutex> lock(mutex_);
         if (queue_.empty()) return false;
         while (!queue_.empty()) {
-            const uint64_t frameSize = queue_.front().packageSize + IPC_FRAME_HEADER_SIZE;
+            const uint64_t frameSize = FirstFrameSize(queue_.front());
             if (frameSize > static_cast<uint64_t>(state->bufferSize - state->bufferDataCursor))
                 break;
             moveFrontToBuffer(state);
         }
-        const bool neverFits =
-            !queue_.empty() && queue_.front().packageSize + IPC_FRAME_HEADER_SIZE >
-                                   static_cast<uint64_t>(state->bufferSize);
-        if (neverFits) popFront();
-        count_.store(queue_.size(), std::memory_order_relaxed);
+        const bool neverFits = !queue_.empty() && FirstFrameSize(queue_.front()) >
+                                                      static_cast<uint64_t>(state->bufferSize);
+        if (neverFits) popFrontFrame();
+        count_.store(queued_, std::memory_order_relaxed);
         if (!neverFits) return true;
     }
     RecordBpfServiceErrorInfo(kErrorFillAllDamaged, "fillIpcPackageToBuffer ipc package damaged");
@@ -354,9 +472,9 @@ void IpcPackageManager::notifyEventReady() {
 
 size_t IpcPackageManager::dropAllIpcPackages() {
     std::lock_guard<std::mutex> lock(mutex_);
-    const size_t dropped = queue_.size();
+    const size_t dropped = queued_;
     while (!queue_.empty()) popFront();
-    for (const QuorIpcPackage& package : retired_) ReleaseBlock(package.packageData);
+    for (const Entry& entry : retired_) ReleaseBlock(entry.block);
     retired_.clear();
     count_.store(0, std::memory_order_relaxed);
     return dropped;

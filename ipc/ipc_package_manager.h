@@ -18,6 +18,12 @@
 //   for (each queue) queue.appendSharedIpcPackage(p);
 //   IpcPackageManager::ReleaseSharedIpcPackage(p);
 //
+// A run of records bound for the same queues can be shared the same way as
+// one block of ready frames (BuildSharedFrames, appendSharedFrames): one
+// queue entry and one copy per queue for the whole run. Every bound counts
+// packages, whichever way they were queued: a run of n frames is n packages,
+// and the overflow rule and the filling treat it frame by frame.
+//
 // Threading: any number of producers and one consumer; every queue operation
 // takes the queue's own mutex and no other lock while holding it.
 // getIpcPackageCount() and notifyEventReady() take no lock.
@@ -26,6 +32,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 
@@ -74,6 +81,17 @@ public:
     // interval, each counting those held back.
     static void FinishOverflow(Overflow* overflow);
     static void ReleaseSharedIpcPackage(const QuorIpcPackage& package);
+    // `size` bytes of whole frames (each an 8-byte length and its typed
+    // package), copied into one block to be queued on several queues;
+    // *count is set to the number of frames. packageData is null when the
+    // bytes are not whole frames or there is no memory. The builder holds it
+    // until ReleaseSharedIpcPackage.
+    static QuorIpcPackage BuildSharedFrames(const char* frames, uint64_t size, uint32_t* count);
+    // Queues a hold on a block of `count` frames from BuildSharedFrames;
+    // otherwise as appendSharedIpcPackage (the overflow rule as if each frame
+    // had been appended by itself).
+    size_t appendSharedFrames(const QuorIpcPackage& frames, uint32_t count,
+                              Overflow* overflow = nullptr);
 
     // Moves the front package into the buffer as one frame. False when the
     // queue is empty, when the frame does not fit the room left (it stays
@@ -95,26 +113,46 @@ public:
     size_t dropAllIpcPackages();
 
 private:
-    // Queues a built package; errorCode and logPrefix name the caller in the
+    // One queue entry: a bare typed package (framed on the way out) or a run
+    // of ready frames, [offset, offset + size) of a shared block.
+    struct Entry {
+        char* block;
+        uint64_t offset;
+        uint64_t size;
+        uint32_t frames;  // packages it counts for; 1 for a bare package
+        bool framed;
+    };
+    static Entry Bare(const QuorIpcPackage& package) {
+        return Entry{package.packageData, 0, package.packageSize, 1, false};
+    }
+    // Queues a built entry; errorCode and logPrefix name the caller in the
     // overflow record. Returns the number of packages queued before it. With
     // `overflow` given, an overflow is left there instead of finished here.
-    size_t appendPackage(QuorIpcPackage package, int errorCode, const char* logPrefix,
+    size_t appendPackage(Entry entry, int errorCode, const char* logPrefix,
                          Overflow* overflow = nullptr);
+    // Drops the `count` oldest packages (the caller holds mutex_).
+    void dropOldestLocked(size_t count);
+    // Bytes of the front entry's first frame, header included.
+    static uint64_t FirstFrameSize(const Entry& entry);
     static void ReportOverflow(int errorCode, const char* logPrefix, size_t queues);
     // One step of fillNextIpcPackageToBuffer; the caller holds mutex_.
     enum class FillStep { kFilled, kNoRoom, kEmpty, kDamaged };
     FillStep fillNextLocked(BufferState* state);
-    // Copies the front package as one frame; the caller holds mutex_ and has
+    // Copies the front entry's first frame; the caller holds mutex_ and has
     // checked that it fits.
     void moveFrontToBuffer(BufferState* state);
+    // Removes the front entry's first frame (the whole entry when it was the
+    // last).
+    void popFrontFrame();
     void popFront();
 
     std::mutex mutex_;
-    std::deque<QuorIpcPackage> queue_;
-    // Packages the overflow rule dropped, released a few per append (and all
+    std::deque<Entry> queue_;
+    size_t queued_ = 0;  // packages in queue_
+    // Entries the overflow rule dropped, released a few per append (and all
     // when the queue is emptied): never thousands at once on a producer.
     static constexpr size_t kRetirePerAppend = 8;
-    std::deque<QuorIpcPackage> retired_;
+    std::deque<Entry> retired_;
     std::condition_variable cv_;
     std::atomic<unsigned long> count_{0};
     std::atomic<int> waiters_{0};  // threads in waitEventReady

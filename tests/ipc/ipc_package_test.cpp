@@ -127,6 +127,27 @@ TEST_F(IpcPackageTest, QueueOverflowDropsTheOldestHalfOnce) {
     int first = 0;
     memcpy(&first, &storage[16], 4);
     EXPECT_EQ(first, 5001);
+
+    // A shared run counts frame by frame: 9999 queued and a run of three is
+    // three appends, the third of which finds 10001 and drops the 5001 oldest.
+    IpcPackageManager runs;
+    for (int i = 0; i < 9999; ++i) {
+        memcpy(record, &i, 4);
+        ASSERT_TRUE(runs.buildAndAppendSecondIpcPackage(3, record, 4));
+    }
+    const std::string three = Frame(3, "abcd") + Frame(3, "efgh") + Frame(3, "ijkl");
+    uint32_t frames = 0;
+    const QuorIpcPackage run =
+        IpcPackageManager::BuildSharedFrames(three.data(), three.size(), &frames);
+    ASSERT_EQ(frames, 3u);
+    EXPECT_EQ(runs.appendSharedFrames(run, frames), 9999u);
+    IpcPackageManager::ReleaseSharedIpcPackage(run);
+    EXPECT_EQ(runs.getIpcPackageCount(), 5001u);
+    EXPECT_EQ(ErrorRecords(4), 2);
+    buffer.bufferDataCursor = 0;
+    ASSERT_TRUE(runs.fillNextIpcPackageToBuffer(&buffer));
+    memcpy(&first, &storage[16], 4);
+    EXPECT_EQ(first, 5001);
 }
 
 TEST_F(IpcPackageTest, FillingNeverCutsAFrame) {
@@ -174,6 +195,27 @@ TEST_F(IpcPackageTest, FillingNeverCutsAFrame) {
     queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
     buffer.bufferDataCursor = 0;
     EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 1u);  // dropped first, then filled
+    EXPECT_EQ(queue.getIpcPackageCount(), 0u);
+
+    // A run of ready frames is cut between frames, never inside one, and
+    // bytes that are not whole frames are no run.
+    const std::string run = Frame(3, small) + Frame(3, small) + Frame(3, small);
+    uint32_t frames = 0;
+    EXPECT_EQ(IpcPackageManager::BuildSharedFrames(run.data(), run.size() - 1, &frames).packageData,
+              nullptr);
+    const QuorIpcPackage shared =
+        IpcPackageManager::BuildSharedFrames(run.data(), run.size(), &frames);
+    ASSERT_EQ(frames, 3u);
+    queue.appendSharedFrames(shared, frames);
+    IpcPackageManager::ReleaseSharedIpcPackage(shared);
+    EXPECT_EQ(queue.getIpcPackageCount(), 3u);
+    buffer.bufferDataCursor = 16;  // room for two of the three
+    EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
+    EXPECT_EQ(storage.substr(16, 48), run.substr(0, 48));
+    EXPECT_EQ(queue.getIpcPackageCount(), 1u);
+    buffer.bufferDataCursor = 0;
+    EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
+    EXPECT_EQ(storage.substr(0, 24), Frame(3, small));
     EXPECT_EQ(queue.getIpcPackageCount(), 0u);
 }
 
