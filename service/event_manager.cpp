@@ -1,6 +1,7 @@
 #include "service/event_manager.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "diag/quor_bpf_log.h"
 #include "ipc/unix_ipc_manager.h"
@@ -14,6 +15,10 @@ std::mutex EventManager::quorRawEventManagerLock;
 namespace {
 
 constexpr size_t kRenoticeEvery = 256;
+
+// Set on the threads whose records wait in the pending run until they
+// publish it.
+thread_local bool tBatching = false;
 
 void EraseValue(std::vector<int>* values, int value) {
     values->erase(std::remove(values->begin(), values->end(), value), values->end());
@@ -34,79 +39,160 @@ EventManager* EventManager::GetInstance() {
 }
 
 void EventManager::AddObserverEvent(int fd, int eventType) {
-    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
-    std::vector<int>& types = observers_[fd];
-    if (std::find(types.begin(), types.end(), eventType) != types.end()) return;
-    types.push_back(eventType);
-    events_[eventType].push_back(fd);
+    IpcPackageManager::Overflow overflow;
+    {
+        std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+        // Whatever was appended before the change reaches its clients as
+        // if it had been queued at once (and before this request's answer).
+        publishLocked(&overflow);
+        std::vector<int>& types = observers_[fd];
+        if (std::find(types.begin(), types.end(), eventType) == types.end()) {
+            types.push_back(eventType);
+            events_[eventType].push_back(fd);
+        }
+    }
+    IpcPackageManager::FinishOverflow(&overflow);
 }
 
 void EventManager::DelObserverEvent(int fd, int eventType) {
-    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
-    // Empty lists go at once: a client naming ever new types must not leave
-    // an entry behind for each.
-    auto observer = observers_.find(fd);
-    if (observer != observers_.end()) {
-        EraseValue(&observer->second, eventType);
-        if (observer->second.empty()) observers_.erase(observer);
+    IpcPackageManager::Overflow overflow;
+    {
+        std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+        publishLocked(&overflow);
+        // Empty lists go at once: a client naming ever new types must not
+        // leave an entry behind for each.
+        auto observer = observers_.find(fd);
+        if (observer != observers_.end()) {
+            EraseValue(&observer->second, eventType);
+            if (observer->second.empty()) observers_.erase(observer);
+        }
+        auto event = events_.find(eventType);
+        if (event != events_.end()) {
+            EraseValue(&event->second, fd);
+            if (event->second.empty()) events_.erase(event);
+        }
     }
-    auto event = events_.find(eventType);
-    if (event != events_.end()) {
-        EraseValue(&event->second, fd);
-        if (event->second.empty()) events_.erase(event);
-    }
+    IpcPackageManager::FinishOverflow(&overflow);
 }
 
 void EventManager::EraseObserver(int fd) {
-    std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
-    auto observer = observers_.find(fd);
-    if (observer == observers_.end()) return;
-    for (const int type : observer->second) {
-        auto event = events_.find(type);
-        if (event == events_.end()) continue;
-        EraseValue(&event->second, fd);
-        if (event->second.empty()) events_.erase(event);
+    IpcPackageManager::Overflow overflow;
+    {
+        std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+        // A run still naming fd must not outlive its client: the descriptor
+        // number may come back as someone else's.
+        publishLocked(&overflow);
+        auto observer = observers_.find(fd);
+        if (observer != observers_.end()) {
+            for (const int type : observer->second) {
+                auto event = events_.find(type);
+                if (event == events_.end()) continue;
+                EraseValue(&event->second, fd);
+                if (event->second.empty()) events_.erase(event);
+            }
+            observers_.erase(observer);
+        }
     }
-    observers_.erase(observer);
+    IpcPackageManager::FinishOverflow(&overflow);
+}
+
+IpcPackageManager* EventManager::clientLocked(int fd) {
+    auto client = clients_->find(fd);
+    if (client != clients_->end()) return &client->second;
+    QLOGE(QUOR_TAG_SERVICE, "[EventManager][AppendEvent] no client for subscriber fd %d", fd);
+    return nullptr;
+}
+
+void EventManager::notifyLocked(int fd, size_t queuedBefore, size_t added) {
+    // A queue that already held packages has its write pending: the socket
+    // thread drains queues to empty before it gives up write interest, so
+    // an empty queue needs the notice. Every so often a busy one gets it
+    // too, in case its connection gave up writing after a socket error.
+    if (server_ == nullptr) return;
+    if (queuedBefore == 0 ||
+        queuedBefore / kRenoticeEvery != (queuedBefore + added) / kRenoticeEvery) {
+        (void)server_->notifyNeedWriteData(fd);
+    }
+}
+
+void EventManager::publishLocked(IpcPackageManager::Overflow* overflow) {
+    if (pendingFrames_ == 0) return;
+    const size_t bytes = pendingBytes_;
+    pendingBytes_ = 0;
+    pendingFrames_ = 0;
+    if (clients_ == nullptr) return;
+    uint32_t frames = 0;
+    const QuorIpcPackage run = IpcPackageManager::BuildSharedFrames(pending_.get(), bytes, &frames);
+    if (run.packageData == nullptr) return;
+    for (const int fd : pendingFds_) {
+        IpcPackageManager* queue = clientLocked(fd);
+        if (queue == nullptr) continue;
+        notifyLocked(fd, queue->appendSharedFrames(run, frames, overflow), frames);
+    }
+    IpcPackageManager::ReleaseSharedIpcPackage(run);
+}
+
+void EventManager::BatchThisThread() {
+    tBatching = true;
+}
+
+void EventManager::PublishPending() {
+    IpcPackageManager::Overflow overflow;
+    {
+        std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
+        publishLocked(&overflow);
+    }
+    IpcPackageManager::FinishOverflow(&overflow);
+}
+
+void EventManager::appendAloneLocked(char* data, unsigned long len, const std::vector<int>& fds,
+                                     IpcPackageManager::Overflow* overflow) {
+    // Built once for every subscriber.
+    const QuorIpcPackage package =
+        IpcPackageManager::BuildSharedSecondIpcPackage(IPC_PACKAGE_EVENT, data, len);
+    if (package.packageData == nullptr) return;
+    for (const int fd : fds) {
+        IpcPackageManager* queue = clientLocked(fd);
+        if (queue == nullptr) continue;
+        notifyLocked(fd, queue->appendSharedIpcPackage(package, overflow), 1);
+    }
+    IpcPackageManager::ReleaseSharedIpcPackage(package);
 }
 
 int EventManager::AppendEvent(char* data, unsigned long len) {
     if (data == nullptr || len < sizeof(int32_t)) return 0;  // no type to route by
     const int32_t type = IpcReadS32(data);
-    QuorIpcPackage package{0, nullptr};
     IpcPackageManager::Overflow overflow;
     {
         // Most records have no subscriber: one lookup, nothing built. One
-        // lock for the whole fan-out: building the package is a copy into a
-        // block from this thread's own cache, shorter than a second lock.
+        // lock for the whole fan-out: framing the record into the pending
+        // run is a short copy, shorter than a second lock.
         std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
         if (events_.empty()) return 0;
         auto event = events_.find(type);
         if (event == events_.end() || event->second.empty() || clients_ == nullptr) return 0;
-        // Built once for every subscriber.
-        package = IpcPackageManager::BuildSharedSecondIpcPackage(IPC_PACKAGE_EVENT, data, len);
-        if (package.packageData == nullptr) return 0;
-        {
-            for (const int fd : event->second) {
-                auto client = clients_->find(fd);
-                if (client == clients_->end()) {
-                    QLOGE(QUOR_TAG_SERVICE,
-                          "[EventManager][AppendEvent] no client for subscriber fd %d", fd);
-                    continue;
-                }
-                // A queue that already held packages has its write pending:
-                // the socket thread drains queues to empty before it gives up
-                // write interest, so an empty queue needs the notice. Every
-                // so often a busy one gets it too, in case its connection
-                // gave up writing after a socket error.
-                const size_t queued = client->second.appendSharedIpcPackage(package, &overflow);
-                if ((queued == 0 || queued % kRenoticeEvery == 0) && server_ != nullptr) {
-                    (void)server_->notifyNeedWriteData(fd);
-                }
-            }
+        const std::vector<int>& fds = event->second;
+        const size_t frame = IPC_FRAME_HEADER_SIZE + IPC_PACKAGE_HEADER_SIZE + len;
+        if (pendingFrames_ != 0 && (pendingBytes_ + frame > kRunBytes || pendingFds_ != fds)) {
+            publishLocked(&overflow);
+        }
+        if (frame > kRunBytes) {
+            appendAloneLocked(data, len, fds, &overflow);
+        } else {
+            if (pendingFrames_ == 0) pendingFds_ = fds;
+            char* at = pending_.get() + pendingBytes_;
+            const int64_t length = static_cast<int64_t>(IPC_PACKAGE_HEADER_SIZE + len);
+            const uint32_t packageType = IPC_PACKAGE_EVENT;
+            const uint32_t body = static_cast<uint32_t>(len);
+            memcpy(at, &length, sizeof(length));
+            memcpy(at + IPC_FRAME_HEADER_SIZE, &packageType, sizeof(packageType));
+            memcpy(at + IPC_FRAME_HEADER_SIZE + 4, &body, sizeof(body));
+            memcpy(at + IPC_FRAME_HEADER_SIZE + IPC_PACKAGE_HEADER_SIZE, data, len);
+            pendingBytes_ += frame;
+            pendingFrames_ += 1;
+            if (!tBatching) publishLocked(&overflow);
         }
     }
-    IpcPackageManager::ReleaseSharedIpcPackage(package);
     // Every producer and client waits for the fan-out lock: the queues that
     // overflowed are reported only now.
     if (overflow.queues != 0) IpcPackageManager::FinishOverflow(&overflow);

@@ -9,6 +9,18 @@
 // subscribed to the record's type (its first 32-bit field) and asks the
 // socket server to write.
 //
+// A producer that hands over records in batches (a ring-buffer reader
+// draining what has come since its last round) says so once
+// (BatchThisThread) and calls PublishPending after each batch: its records
+// bound for the same clients are framed one after the other into a pending
+// run, which is queued on all of them at once, with one notice to the
+// socket server per client, when the batch ends, when the run is full, when
+// a record for other clients comes and before any subscription changes.
+// Each client's share of a batch then costs one queue entry, one copy and
+// one wake-up instead of one per record. Any other thread's records are
+// queued at once. Records reach each client in the order they were
+// appended.
+//
 // Wiring: the service, holding quorRawEventManagerLock, sets the client map
 // (descriptor -> outgoing queue) and the server once at construction.
 //
@@ -20,6 +32,7 @@
 #include <atomic>
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -42,9 +55,19 @@ public:
     void EraseObserver(int fd);
     // Queues the record for every subscriber of its type; returns 0.
     int AppendEvent(char* data, unsigned long len);
+    // Records appended by the calling thread wait for its PublishPending
+    // (or a full run) from now on.
+    void BatchThisThread();
+    // Queues the pending run on its clients' queues now.
+    void PublishPending();
 
-    // The caller holds quorRawEventManagerLock.
-    void setClientMapLocked(ClientMap* clients) { clients_ = clients; }
+    // The caller holds quorRawEventManagerLock. A pending run belongs to the
+    // clients of the map it was built for: it goes with it.
+    void setClientMapLocked(ClientMap* clients) {
+        pendingBytes_ = 0;
+        pendingFrames_ = 0;
+        clients_ = clients;
+    }
     void setServerLocked(UnixIpcManager* server) { server_ = server; }
 
     // Types fd subscribed to, in subscription order.
@@ -58,10 +81,29 @@ public:
 private:
     EventManager() = default;
 
+    // The caller holds the lock; overflows are left in *overflow.
+    void publishLocked(IpcPackageManager::Overflow* overflow);
+    // Queues one record on every client in `fds` by itself (records too
+    // large for a run).
+    void appendAloneLocked(char* data, unsigned long len, const std::vector<int>& fds,
+                           IpcPackageManager::Overflow* overflow);
+    // fd's queue; null, with a log, when fd is no client of the server.
+    IpcPackageManager* clientLocked(int fd);
+    // Asks the server to write to fd when its queue was empty (or now and
+    // then while it fills).
+    void notifyLocked(int fd, size_t queuedBefore, size_t added);
+
     ClientMap* clients_ = nullptr;
     std::map<int, std::vector<int>> observers_;  // fd -> event types
     std::map<int, std::vector<int>> events_;     // event type -> fds
     UnixIpcManager* server_ = nullptr;
+
+    // The pending run: whole frames for pendingFds_, in append order.
+    static constexpr size_t kRunBytes = 16384;
+    std::unique_ptr<char[]> pending_{new char[kRunBytes]};
+    size_t pendingBytes_ = 0;
+    uint32_t pendingFrames_ = 0;
+    std::vector<int> pendingFds_;
 
     // Read without the lock on every record; created under it.
     static std::atomic<EventManager*> instance;

@@ -200,6 +200,8 @@ int QuorBpfService::runMonitor(int index) {
     AnnouncedWait announced(rb, statusFd.get(),
                             lowLatency ? kLowLatencyPollIntervalNs : kPollIntervalNs);
     if (announces && lowLatency) (void)prctl(PR_SET_TIMERSLACK, kPollTimerSlackNs, 0, 0, 0);
+    // A round's records go to the clients together, after the round.
+    EventManager::GetInstance()->BatchThisThread();
     int consecutiveErrors = 0;
     while (true) {
         if (!running_.load()) {
@@ -211,6 +213,7 @@ int QuorBpfService::runMonitor(int index) {
             return 0;
         }
         const int ret = announces ? announced.round() : ring_buffer__poll(rb, -1);
+        EventManager::GetInstance()->PublishPending();
         if (ret >= 0) {
             // Empty polling rounds are not counted as polls.
             if (ret > 0 || !announces) {
