@@ -173,13 +173,17 @@ int EventManager::AppendEvent(char* data, unsigned long len) {
         if (event == events_.end() || event->second.empty() || clients_ == nullptr) return 0;
         const std::vector<int>& fds = event->second;
         const size_t frame = IPC_FRAME_HEADER_SIZE + IPC_PACKAGE_HEADER_SIZE + len;
-        if (pendingFrames_ != 0 && (pendingBytes_ + frame > kRunBytes || pendingFds_ != fds)) {
+        // The subscribers of one type stay the same while a run is pending
+        // (a change publishes it first): only another type's are compared.
+        if (pendingFrames_ != 0 &&
+            (pendingBytes_ + frame > kRunBytes || (type != pendingType_ && pendingFds_ != fds))) {
             publishLocked(&overflow);
         }
         if (frame > kRunBytes) {
             appendAloneLocked(data, len, fds, &overflow);
         } else {
             if (pendingFrames_ == 0) pendingFds_ = fds;
+            pendingType_ = type;
             char* at = pending_.get() + pendingBytes_;
             const int64_t length = static_cast<int64_t>(IPC_PACKAGE_HEADER_SIZE + len);
             const uint32_t packageType = IPC_PACKAGE_EVENT;

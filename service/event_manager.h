@@ -104,6 +104,7 @@ private:
     size_t pendingBytes_ = 0;
     uint32_t pendingFrames_ = 0;
     std::vector<int> pendingFds_;
+    int32_t pendingType_ = 0;  // of the run's last record
 
     // Read without the lock on every record; created under it.
     static std::atomic<EventManager*> instance;
