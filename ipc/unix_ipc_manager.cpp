@@ -565,8 +565,16 @@ UnixIpcManager::SendResult UnixIpcManager::ensureDataSend(int fd, WriteChannel* 
             return SendResult::kDropped;
         }
         channel->tryCount += 1;
-        QLOGW(name.c_str(), "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s",
-              channel->tryCount, strerror(err));
+        // A client that reads slower than it is sent to fills its socket
+        // again and again (a busy stream does so every 32 KiB): one line
+        // each would cost more than the send.
+        uint64_t heldBack = 0;
+        if (socketFullLog.allow(&heldBack)) {
+            QLOGW(name.c_str(),
+                  "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s (%llu more not "
+                  "logged)",
+                  channel->tryCount, strerror(err), Held(heldBack));
+        }
         if (channel->tryCount >= kEagainBeforeLastTry) {
             // Waiting here would stall every other connection of this loop:
             // the last try comes from the loop a second later, or earlier as

@@ -208,6 +208,8 @@ private:
     std::function<bool(int, std::string*)> serverFilter;
     // A burst, then one report a second.
     Quor::Bpf::RateLimiter peerFaultLog{10, std::chrono::seconds(1)};
+    // Full sockets met while sending (loop thread): the same.
+    Quor::Bpf::RateLimiter socketFullLog{10, std::chrono::seconds(1)};
 
     // Server mode, loop thread: a failed bind is tried again after a pause
     // that doubles up to a bound; a failed accept pauses the listening
