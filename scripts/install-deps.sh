@@ -12,7 +12,7 @@ PACKAGES="
   android-libbase-dev android-liblog-dev android-libcutils-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libmicrohttpd-dev
-  util-linux iproute2 procps tmux clang-format python3 python3-prometheus-client
+  util-linux iproute2 procps clang-format python3 python3-prometheus-client
   linux-perf
 "
 
