@@ -74,7 +74,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int32_t kBenchPid = 4000001;  // above any pid_max: never a real process
 constexpr int kRepetitions = 5;
-constexpr int64_t kThroughputRecords = 200000;
+// Records per throughput round (QUOR_BENCH_RECORDS overrides it, e.g. for a
+// profile); the latency rounds are left out when QUOR_BENCH_NO_LATENCY is set.
+int64_t gThroughputRecords = 1000000;
+bool gLatencyRounds = true;
 constexpr int64_t kMaxBacklog = 6000;
 constexpr int kClientCount = 8;
 constexpr uint32_t kMaxChunk = 1024;
@@ -427,18 +430,18 @@ bool ServiceRounds(quor_test::RecordInjector* injector, bool lowLatency, Repetit
     }
     const uint32_t paced = QUOR_INJECT_PACED;
     ThroughputResult warmUp;
-    bool ok = ThroughputRound(injector, paced, clients.Receivers(1), cpu, kThroughputRecords / 10,
+    bool ok = ThroughputRound(injector, paced, clients.Receivers(1), cpu, gThroughputRecords / 10,
                               &warmUp);
     if (ok && !lowLatency) {
-        ok = ThroughputRound(injector, paced, clients.Receivers(1), cpu, kThroughputRecords,
+        ok = ThroughputRound(injector, paced, clients.Receivers(1), cpu, gThroughputRecords,
                              &rep->one) &&
              clients.Subscribe(1, kClientCount, true) &&
              ThroughputRound(injector, paced, clients.Receivers(kClientCount), cpu,
-                             kThroughputRecords, &rep->eight) &&
+                             gThroughputRecords, &rep->eight) &&
              clients.Subscribe(1, kClientCount, false);
     }
     LatencyResult* latency = lowLatency ? rep->lowLatency : rep->latency;
-    for (int i = 0; ok && i < kRateCount; ++i) {
+    for (int i = 0; ok && gLatencyRounds && i < kRateCount; ++i) {
         ok = LatencyRound(injector, paced, clients.Receivers(1)[0], kRates[i], &latency[i]);
     }
     clients.Disconnect();
@@ -458,9 +461,9 @@ bool BaselineRounds(quor_test::RecordInjector* injector, Repetition* rep, std::s
         auto cpu = [&consumer] { return consumer.CpuNs(); };
         ThroughputResult warmUp;
         bool ok =
-            ThroughputRound(injector, 0, {&receiver}, cpu, kThroughputRecords / 10, &warmUp) &&
-            ThroughputRound(injector, 0, {&receiver}, cpu, kThroughputRecords, &rep->baseline);
-        for (int i = 0; ok && i < kRateCount; ++i) {
+            ThroughputRound(injector, 0, {&receiver}, cpu, gThroughputRecords / 10, &warmUp) &&
+            ThroughputRound(injector, 0, {&receiver}, cpu, gThroughputRecords, &rep->baseline);
+        for (int i = 0; ok && gLatencyRounds && i < kRateCount; ++i) {
             ok = LatencyRound(injector, 0, &receiver, kRates[i], &rep->baselineLatency[i]);
         }
         if (!ok) {
@@ -480,7 +483,7 @@ bool BaselineRounds(quor_test::RecordInjector* injector, Repetition* rep, std::s
         return false;
     }
     auto cpu = [&consumer] { return consumer.CpuNs(); };
-    if (!ThroughputRound(injector, 0, receivers, cpu, kThroughputRecords, &rep->baselineEight)) {
+    if (!ThroughputRound(injector, 0, receivers, cpu, gThroughputRecords, &rep->baselineEight)) {
         *error = "the 8-socket baseline round failed";
         return false;
     }
@@ -574,6 +577,8 @@ int main() {
     // QUOR_BENCH_REPS overrides the repetitions (e.g. for a profile).
     const char* repsText = getenv("QUOR_BENCH_REPS");
     const int repetitions = repsText != nullptr ? atoi(repsText) : kRepetitions;
+    if (const char* records = getenv("QUOR_BENCH_RECORDS")) gThroughputRecords = atoll(records);
+    gLatencyRounds = getenv("QUOR_BENCH_NO_LATENCY") == nullptr;
     std::vector<Repetition> reps;
     for (int i = 0; i < repetitions; ++i) {
         Repetition rep;

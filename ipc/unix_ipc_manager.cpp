@@ -25,9 +25,8 @@ namespace {
 
 constexpr const char* kDefaultName = "BpfUtils";
 constexpr int32_t kErrorSendRetriesExhausted = 1;
-// EAGAIN results tolerated before a stalled peer gets its last try...
-constexpr int kEagainBeforeLastTry = 10;
-// ...which comes this much later.
+// A peer whose socket stays full this long gets its last try: then what is
+// left of the batch is dropped.
 constexpr int kLastTryDelayMs = 1000;
 // A name that cannot be bound is tried again after a pause that starts here
 // and doubles up to the bound.
@@ -566,7 +565,7 @@ UnixIpcManager::SendResult UnixIpcManager::ensureDataSend(int fd, WriteChannel* 
         }
         channel->tryCount += 1;
         // A client that reads slower than it is sent to fills its socket
-        // again and again (a busy stream does so every 32 KiB): one line
+        // again and again (a busy stream does so every 64 KiB): one line
         // each would cost more than the send.
         uint64_t heldBack = 0;
         if (socketFullLog.allow(&heldBack)) {
@@ -575,15 +574,14 @@ UnixIpcManager::SendResult UnixIpcManager::ensureDataSend(int fd, WriteChannel* 
                   "logged)",
                   channel->tryCount, strerror(err), Held(heldBack));
         }
-        if (channel->tryCount >= kEagainBeforeLastTry) {
-            // Waiting here would stall every other connection of this loop:
-            // the last try comes from the loop a second later, or earlier as
-            // soon as the socket drains.
-            channel->lastTryAtMs = MonotonicMs() + kLastTryDelayMs;
-            (void)epollManager->scheduleWriteRetry(fd, kLastTryDelayMs);
-            return SendResult::kWaiting;
-        }
-        sched_yield();
+        // The loop serves the other connections meanwhile: write interest
+        // stays, so the peer's next read wakes this one again, and a peer
+        // that never reads gets its last try from the loop a second later.
+        // Retrying here (yielding between tries) would keep the loop on one
+        // full socket while the others' readers sit idle.
+        channel->lastTryAtMs = MonotonicMs() + kLastTryDelayMs;
+        (void)epollManager->scheduleWriteRetry(fd, kLastTryDelayMs);
+        return SendResult::kWaiting;
     }
 }
 

@@ -155,7 +155,7 @@ private:
         BufferState state{};
         std::mutex mutex;  // held for a whole write callback
         int tryCount = 0;  // EAGAIN results since the last progress
-        // Set once ten EAGAINs came in a row: the last try is due then
+        // Set when a send finds the socket full: the last try is due then
         // (monotonic ms); 0 when no send is stalled.
         int64_t lastTryAtMs = 0;
     };
