@@ -60,6 +60,18 @@ void QuorBpfDataState::RecordEvent(int32_t type, int32_t count) {
     counter += static_cast<uint32_t>(count);
 }
 
+void QuorBpfDataState::RecordEvents(Tally* tally) {
+    if (!tally->any) return;
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        const int64_t now = clock_();
+        if (now != lastSecond) advanceTo(now);
+        uint32_t* slot = counts[head % HISTORY_SECONDS];
+        for (int type = 0; type < QUOR_STAT_SLOTS; ++type) slot[type] += tally->counts[type];
+    }
+    *tally = Tally();
+}
+
 void QuorBpfDataState::advanceTo(int64_t now) {
     const int64_t delta = now - lastSecond;
     lastSecond = now;

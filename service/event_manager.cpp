@@ -50,6 +50,7 @@ void EventManager::AddObserverEvent(int fd, int eventType) {
             types.push_back(eventType);
             events_[eventType].push_back(fd);
         }
+        anySubscriber_.store(true, std::memory_order_release);
     }
     IpcPackageManager::FinishOverflow(&overflow);
 }
@@ -71,6 +72,7 @@ void EventManager::DelObserverEvent(int fd, int eventType) {
             EraseValue(&event->second, fd);
             if (event->second.empty()) events_.erase(event);
         }
+        anySubscriber_.store(!events_.empty(), std::memory_order_release);
     }
     IpcPackageManager::FinishOverflow(&overflow);
 }
@@ -92,6 +94,7 @@ void EventManager::EraseObserver(int fd) {
             }
             observers_.erase(observer);
         }
+        anySubscriber_.store(!events_.empty(), std::memory_order_release);
     }
     IpcPackageManager::FinishOverflow(&overflow);
 }
@@ -161,6 +164,9 @@ void EventManager::appendAloneLocked(char* data, unsigned long len, const std::v
 
 int EventManager::AppendEvent(char* data, unsigned long len) {
     if (data == nullptr || len < sizeof(int32_t)) return 0;  // no type to route by
+    // With no subscriber at all (a device nobody watches) a record costs no
+    // lock; a subscription made meanwhile starts with the next record.
+    if (!anySubscriber_.load(std::memory_order_acquire)) return 0;
     const int32_t type = IpcReadS32(data);
     IpcPackageManager::Overflow overflow;
     {
@@ -168,7 +174,6 @@ int EventManager::AppendEvent(char* data, unsigned long len) {
         // lock for the whole fan-out: framing the record into the pending
         // run is a short copy, shorter than a second lock.
         std::lock_guard<std::mutex> lock(quorRawEventManagerLock);
-        if (events_.empty()) return 0;
         auto event = events_.find(type);
         if (event == events_.end() || event->second.empty() || clients_ == nullptr) return 0;
         const std::vector<int>& fds = event->second;

@@ -97,6 +97,8 @@ private:
     std::map<int, std::vector<int>> observers_;  // fd -> event types
     std::map<int, std::vector<int>> events_;     // event type -> fds
     UnixIpcManager* server_ = nullptr;
+    // Whether events_ holds anything; written under the lock, read without.
+    std::atomic<bool> anySubscriber_{false};
 
     // The pending run: whole frames for pendingFds_, in append order.
     static constexpr size_t kRunBytes = 16384;

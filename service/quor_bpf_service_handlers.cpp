@@ -237,11 +237,12 @@ struct RssUpdate {
                                SubAbs(task.rssAnonSize, task.rssAnonOldSize) +
                                SubAbs(task.rssSwapSize, task.rssSwapOldSize) +
                                SubAbs(task.rssShmemSize, task.rssShmemOldSize);
+        // Cheapest first: most records move a process by less than a report.
+        if (change < kRssReportBytes) return;
         if (ExcludedFromRssReports(task)) return;
         if (static_cast<int64_t>(rec->header.timestamp_ns) - task.createTime < kSettleTimeNs) {
             return;
         }
-        if (change < kRssReportBytes) return;
         event = {QUOR_SERVICE_RSS_CHANGE,
                  task.pid,
                  task.ppid,

@@ -46,6 +46,10 @@ constexpr int kBusyRoundRecords = 512;
 constexpr long kPollTimerSlackNs = 10000;
 constexpr int kIdlePollsBeforeSleep = 2;
 
+// A monitor thread's records of the current round are counted here and go
+// to the statistics together after the round; null on other threads.
+thread_local QuorBpfDataState::Tally* tRoundTally = nullptr;
+
 // The service rides in libbpf's context pointer, so that a record costs no
 // singleton lookup (that takes servicelock); the handler's own ctx stays null.
 int RingBufferCallback(void* ctx, void* data, size_t size) {
@@ -212,6 +216,8 @@ int QuorBpfService::runMonitor(int index) {
     if (announces && lowLatency) (void)prctl(PR_SET_TIMERSLACK, kPollTimerSlackNs, 0, 0, 0);
     // A round's records go to the clients together, after the round.
     EventManager::GetInstance()->BatchThisThread();
+    QuorBpfDataState::Tally tally;
+    tRoundTally = &tally;
     int consecutiveErrors = 0;
     while (true) {
         if (!running_.load()) {
@@ -220,15 +226,15 @@ int QuorBpfService::runMonitor(int index) {
             // otherwise.
             if (announces) AnnounceReader(statusFd.get(), QUOR_READER_UNANNOUNCED);
             ring_buffer__free(rb);
+            tRoundTally = nullptr;
             return 0;
         }
         const int ret = announces ? announced.round() : ring_buffer__poll(rb, -1);
         EventManager::GetInstance()->PublishPending();
+        // Empty polling rounds are not counted as polls.
+        if (ret > 0 || (ret == 0 && !announces)) tally.add(QUOR_EVENT_POLL_COUNT);
+        QuorBpfDataState::GetInstance()->RecordEvents(&tally);
         if (ret >= 0) {
-            // Empty polling rounds are not counted as polls.
-            if (ret > 0 || !announces) {
-                QuorBpfDataState::GetInstance()->RecordEvent(QUOR_EVENT_POLL_COUNT, 1);
-            }
             (void)checkBpfRingBuffStatus(index, false);
             if (index == RINGBUF_MAIN) flushDueDmabufCleanup();
             consecutiveErrors = 0;
@@ -244,6 +250,7 @@ int QuorBpfService::runMonitor(int index) {
         if (consecutiveErrors++ >= kMaxConsecutivePollErrors) {
             if (announces) AnnounceReader(statusFd.get(), QUOR_READER_UNANNOUNCED);
             ring_buffer__free(rb);
+            tRoundTally = nullptr;
             return -1;
         }
     }
@@ -255,7 +262,11 @@ int QuorBpfService::handleBpfRingBuffEvent(void* /*ctx*/, void* data, size_t siz
     if (data == nullptr || size < sizeof(uint32_t)) return -1;
     uint32_t type = 0;
     memcpy(&type, data, sizeof(type));
-    QuorBpfDataState::GetInstance()->RecordEvent(static_cast<int>(type), 1);
+    if (tRoundTally != nullptr) {
+        tRoundTally->add(type);
+    } else {
+        QuorBpfDataState::GetInstance()->RecordEvent(static_cast<int>(type), 1);
+    }
     if (type > QUOR_EVENT_KERNEL_MAX) {
         // Skipped, not failed: a failing callback makes the poll fail, and a
         // few such records in a row would end the monitor. A newer kernel
