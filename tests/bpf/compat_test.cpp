@@ -1,11 +1,9 @@
 // The kernel compatibility rule: its four forms, the version arithmetic, and
 // malformed strings, which never match.
-#include <android-base/properties.h>
 #include <gtest/gtest.h>
 
 #include "bpf/quor_bpf_compat.h"
 
-using Quor::Bpf::CheckBpfCompatibility;
 using Quor::Bpf::convertVersionToInt;
 using Quor::Bpf::MatchesKernelVersion;
 
@@ -53,20 +51,6 @@ TEST(CompatTest, FormsAgainstARunningVersion) {
                             "0+", "x-9.0", "9-"}) {
         EXPECT_FALSE(MatchesKernelVersion(bad, convertVersionToInt("5.10"))) << bad;
     }
-}
-
-TEST(CompatTest, RunningVersionComesFromTheProperty) {
-    android::base::SetProperty("ro.kernel.version", "5.10");
-    EXPECT_TRUE(CheckBpfCompatibility("5.0+"));
-    EXPECT_FALSE(CheckBpfCompatibility("6.1+"));
-    // Unset reads as 0.0: lower bounds fail, upper bounds hold.
-    android::base::SetProperty("ro.kernel.version", "");
-    EXPECT_FALSE(CheckBpfCompatibility("5.0+"));
-    EXPECT_TRUE(CheckBpfCompatibility("5.10-"));
-    // A property that is no version matches nothing.
-    android::base::SetProperty("ro.kernel.version", "unknown");
-    EXPECT_FALSE(CheckBpfCompatibility("5.10-"));
-    EXPECT_FALSE(CheckBpfCompatibility("0.0+"));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // child with it mounted over /proc in a mount namespace of its own.
 #pragma once
 
-#include <dirent.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -15,7 +14,6 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 class FakeProc {
 public:
@@ -25,9 +23,6 @@ public:
         root_ = dir;
     }
     ~FakeProc() { (void)system(("rm -rf '" + root_ + "'").c_str()); }
-    FakeProc(const FakeProc&) = delete;
-    FakeProc& operator=(const FakeProc&) = delete;
-
     const std::string& root() const { return root_; }
     // Paths are relative to the root; missing parent directories are made.
     void File(const std::string& rel, const std::string& text) {
@@ -39,21 +34,8 @@ public:
             throw std::runtime_error("symlink " + rel);
         }
     }
-    void Dir(const std::string& rel) { (void)Parents(rel + "/"); }
-    // The all-digit entries in readdir order, the order the service's walks visit them.
-    std::vector<std::string> PidOrder() const {
-        std::vector<std::string> pids;
-        DIR* dir = opendir(root_.c_str());
-        while (const dirent* entry = dir == nullptr ? nullptr : readdir(dir)) {
-            const std::string name = entry->d_name;
-            if (name.find_first_not_of("0123456789") == std::string::npos) pids.push_back(name);
-        }
-        if (dir != nullptr) closedir(dir);
-        return pids;
-    }
 
 private:
-    // The full path of `rel`, its parent directories made.
     std::string Parents(const std::string& rel) const {
         const std::string path = root_ + "/" + rel;
         for (size_t slash = path.find('/', 1); slash != std::string::npos;

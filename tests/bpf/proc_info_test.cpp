@@ -71,7 +71,7 @@ TEST(FdinfoTest, FirstKeyedLineOrZeroAndNoDescriptorLeft) {
     EXPECT_EQ(CountEntries("/proc/self/fd"), fdsBefore);
 }
 
-TEST(ProcessInfoTest, ReadsThisProcessFromRealProc) {
+TEST(ProcessInfoTest, ReadsThisProcessFromRealProcAndLeavesAVanishedOneAlone) {
     const int64_t before = GetSystemBootNanosencondsTime();
     quor_task_init_record record;
     ASSERT_TRUE(ReadTaskInitRecord(std::to_string(getpid()), &record));
@@ -95,6 +95,17 @@ TEST(ProcessInfoTest, ReadsThisProcessFromRealProc) {
     EXPECT_EQ(std::make_tuple(info.pid, info.ppid), std::make_tuple(getpid(), getppid()));
     EXPECT_STREQ(info.comm, record.comm);
 
+    // A process that is gone: the output stays as it was.
+    const pid_t gone = fork();
+    if (gone == 0) _exit(0);
+    ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
+    memset(&info, 0x5a, sizeof(info));
+    EXPECT_EQ(QuorBpfService::GetInstance()->getProcessInfo(gone, &info), -1);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&info), sizeof(info)),
+              std::string(sizeof(info), 0x5a));
+    quor_task_init_record goneRecord;
+    EXPECT_FALSE(ReadTaskInitRecord(std::to_string(gone), &goneRecord));
+
     std::set<std::string> pids;
     ASSERT_EQ(ForEachProcPid([&pids](const std::string& name) { pids.insert(name); }), 0);
     EXPECT_EQ(pids.count(std::to_string(getpid())), 1u);
@@ -106,19 +117,6 @@ TEST(ProcessInfoTest, ReadsThisProcessFromRealProc) {
     if (OwnStatThreadsField() == "0")
         GTEST_SKIP() << "this process's stat file is an emulator's synthetic copy";
     EXPECT_EQ(record.thread_count, static_cast<int32_t>(CountEntries("/proc/self/task")));
-}
-
-TEST(ProcessInfoTest, VanishedProcessLeavesOutputUntouched) {
-    const pid_t gone = fork();
-    if (gone == 0) _exit(0);
-    ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
-    UpdateProcessExdata info;
-    memset(&info, 0x5a, sizeof(info));
-    EXPECT_EQ(QuorBpfService::GetInstance()->getProcessInfo(gone, &info), -1);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&info), sizeof(info)),
-              std::string(sizeof(info), 0x5a));
-    quor_task_init_record record;
-    EXPECT_FALSE(ReadTaskInitRecord(std::to_string(gone), &record));
 }
 
 TEST(ProcessInfoTest, CraftedStatusAndStatText) {

@@ -102,7 +102,7 @@ TEST_F(LoaderTest, PinsExactlyTheNamesTheServiceOpensAndUnloadsOnlyThose) {
     EXPECT_EQ(unlink((kDir + "map_Other_thing").c_str()), 0);
 }
 
-TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContents) {
+TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContentsButReplacesMisshapenOnes) {
     ASSERT_EQ(Load(), 0);
     int fd = bpf_obj_get((kDir + kFdMap).c_str());
     ASSERT_GE(fd, 0);
@@ -135,13 +135,13 @@ TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContents) {
     EXPECT_EQ(bpf_map_lookup_elem(fd, &key, &value), 0);
     EXPECT_EQ(value.open_fds, 7u);
     close(fd);
-}
 
-TEST_F(LoaderTest, PinnedMapOfAnotherShapeIsReplaced) {
+    // A pinned map of another shape is replaced.
+    ASSERT_EQ(unlink((kDir + kFdMap).c_str()), 0);
     PinMap(BPF_MAP_TYPE_HASH, 8, kFdMap);
     ASSERT_EQ(Load(), 0);
     EXPECT_TRUE(Contains(report_.removed, kFdMap));
-    const int fd = bpf_obj_get((kDir + kFdMap).c_str());
+    fd = bpf_obj_get((kDir + kFdMap).c_str());
     ASSERT_GE(fd, 0);
     bpf_map_info info = {};
     __u32 len = sizeof(info);

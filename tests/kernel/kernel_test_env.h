@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -33,16 +34,12 @@ inline bool KernelHasKprobes() {
 
 // Whether the kernel has a function of that name to probe.
 inline bool KernelHasFunction(const std::string& name) {
-    FILE* f = fopen("/proc/kallsyms", "re");
-    if (f == nullptr) return false;
-    char line[512];
-    char symbol[256];
-    bool found = false;
-    while (!found && fgets(line, sizeof(line), f) != nullptr) {
-        found = sscanf(line, "%*s %*s %255s", symbol) == 1 && name == symbol;
+    std::ifstream symbols("/proc/kallsyms");
+    for (std::string address, type, symbol; symbols >> address >> type >> symbol;) {
+        if (symbol == name) return true;
+        symbols.ignore(4096, '\n');  // a module's name may follow
     }
-    fclose(f);
-    return found;
+    return false;
 }
 
 inline bool TracepointExists(const std::string& subsystem, const std::string& event) {

@@ -15,7 +15,6 @@
 #include "tools/quorbpfctl/ctl_exit_codes.h"
 #include "tools/quorbpfctl/daemon_finder.h"
 #include "tools/quorbpfctl/dump_request.h"
-#include "tools/quorbpfctl/rate_plot.h"
 #include "tools/quorbpfctl/state_table.h"
 #include "tools/quorbpfctl/task_dump.h"
 
@@ -57,11 +56,6 @@ std::string Row(bool full, const char* comm, int pid, long anonKb) {
     std::string name = comm;
     name.resize(std::max<size_t>(16, name.size()), ' ');
     return name + row;
-}
-
-std::string FullDump(const char* comm) {
-    return std::string(kHeader) + kFullColumns + Row(true, comm, 1, 1) + Row(true, comm, 2, 2) +
-           Row(true, comm, 3, 3);
 }
 
 TEST(TaskDumpTest, ParsesBothVariantsWithAwkwardNamesAndRejectsTheRest) {
@@ -176,61 +170,6 @@ TEST(DaemonFinderTest, PidFileFirstWhileItNamesTheDaemonThenTheProcessList) {
     EXPECT_EQ(DaemonFinder(proc, "nothing").Find(0, "/nonexistent").exitCode, kExitNotRunning);
 }
 
-// A stand-in daemon: on each `signo` it replaces the file the way the real
-// dump thread does (remove, create, write), but slowly and in two parts, so a
-// reader that trusts the first bytes fails. The signal stays blocked and is
-// taken with sigwait(), so a request sent early is kept, neither lost nor
-// fatal; the handler only makes it show in SigCgt.
-pid_t StartSlowWriter(const std::string& path, int signo, const std::string& contents) {
-    sigset_t set;
-    sigset_t old;
-    sigemptyset(&set);
-    sigaddset(&set, signo);
-    pthread_sigmask(SIG_BLOCK, &set, &old);
-    const pid_t child = fork();
-    if (child != 0) {
-        pthread_sigmask(SIG_SETMASK, &old, nullptr);
-        return child;
-    }
-    signal(signo, [](int) {});
-    for (int taken = 0; sigwait(&set, &taken) == 0;) {
-        (void)remove(path.c_str());
-        FILE* out = fopen(path.c_str(), "we");
-        if (out == nullptr) _exit(1);
-        const size_t half = contents.size() / 2;
-        fwrite(contents.data(), 1, half, out);
-        fflush(out);
-        usleep(300 * 1000);
-        fwrite(contents.data() + half, 1, contents.size() - half, out);
-        fclose(out);
-    }
-    _exit(1);
-}
-
-TEST(DumpRequestTest, WaitsForTheWholeNewFile) {
-    const std::string path = TempDir() + "/DUMPTASK_INFO";
-    const std::string full = FullDump("a");
-    // An old, complete file is there already: it must not be taken for the answer.
-    WriteText(path, FullDump("old"));
-    const int signo = SIGRTMIN + 20;
-    const pid_t writer = StartSlowWriter(path, signo, full);
-    // A second request gets a second, fresh file.
-    for (int request = 0; request < 2; ++request) {
-        std::string contents;
-        std::string error;
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(DumpRequest(writer, signo, path, 10000)
-                      .Run([](const std::string& text) { return TaskDumpComplete(text, true); },
-                           &contents, &error),
-                  kExitOk)
-            << error;
-        EXPECT_EQ(contents, full);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    }
-    kill(writer, SIGKILL);
-    waitpid(writer, nullptr, 0);
-}
-
 // Whether the kernel's SigCgt mask for `pid` has `signo`, read without the code under test.
 bool KernelReportsHandler(pid_t pid, int signo) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
@@ -241,29 +180,72 @@ bool KernelReportsHandler(pid_t pid, int signo) {
     return false;
 }
 
-TEST(DumpRequestTest, NeverSignalsAProcessWithoutAHandlerAndTimesOut) {
-    const std::string path = TempDir() + "/bpfservice_state.csv";
-    const pid_t child = fork();  // no handler: the default action would end it
-    if (child == 0) {
+// A stand-in daemon on each `signo` replaces the file the way the real dump
+// thread does (remove, create, write), but slowly and in two parts, so a
+// reader that trusts the first bytes fails. The signal stays blocked and is
+// taken with sigwait(), so a request sent early is kept, neither lost nor
+// fatal; the handler only makes it show in SigCgt. A process without a
+// handler is never signalled (the default action would end it): the request
+// times out, and one for a process that is gone fails at once.
+TEST(DumpRequestTest, WaitsForTheWholeNewFileAndSignalsOnlyAHandler) {
+    const std::string path = TempDir() + "/DUMPTASK_INFO";
+    const auto dump = [](const char* comm) {
+        return std::string(kHeader) + kFullColumns + Row(true, comm, 1, 1) + Row(true, comm, 2, 2) +
+               Row(true, comm, 3, 3);
+    };
+    const std::string full = dump("a");
+    // An old, complete file is there already: it must not be taken for the answer.
+    WriteText(path, dump("old"));
+    const int signo = SIGRTMIN + 20;
+    sigset_t set, old;
+    sigemptyset(&set);
+    sigaddset(&set, signo);
+    pthread_sigmask(SIG_BLOCK, &set, &old);
+    const pid_t writer = fork();
+    if (writer == 0) {
+        signal(signo, [](int) {});
+        for (int taken = 0; sigwait(&set, &taken) == 0;) {
+            (void)remove(path.c_str());
+            FILE* out = fopen(path.c_str(), "we");
+            if (out == nullptr) _exit(1);
+            fwrite(full.data(), 1, full.size() / 2, out);
+            fflush(out);
+            usleep(300 * 1000);
+            fputs(full.c_str() + full.size() / 2, out);
+            fclose(out);
+        }
+        _exit(1);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    const pid_t idle = fork();  // no handler
+    if (idle == 0) {
         for (;;) pause();
     }
-    std::string contents;
-    std::string error;
-    const int signo = SIGRTMIN + 21;
-    const auto request = [&] {
-        return DumpRequest(child, signo, path, 1000)
-            .Run([](const std::string&) { return true; }, &contents, &error);
+    std::string contents, error;
+    const auto request = [&](pid_t pid, int timeoutMs) {
+        return DumpRequest(pid, pid == writer ? signo : signo + 1, path, timeoutMs)
+            .Run([](const std::string& text) { return TaskDumpComplete(text, true); }, &contents,
+                 &error);
     };
-    // qemu-user catches every signal itself to forward it to the guest.
-    const bool emulated = KernelReportsHandler(child, signo);
-    if (!emulated) {
-        EXPECT_EQ(request(), kExitTimeout);
-        EXPECT_NE(error.find("does not handle signal"), std::string::npos) << error;
-        EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0) << "the child was killed by the signal";
+    // A second request gets a second, fresh file.
+    for (int round = 0; round < 2; ++round) {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(request(writer, 10000), kExitOk) << error;
+        EXPECT_EQ(contents, full);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     }
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    EXPECT_EQ(request(), kExitNotRunning) << "a process that is gone";
+    // qemu-user catches every signal itself to forward it to the guest.
+    const bool emulated = KernelReportsHandler(idle, signo + 1);
+    if (!emulated) {
+        EXPECT_EQ(request(idle, 1000), kExitTimeout);
+        EXPECT_NE(error.find("does not handle signal"), std::string::npos) << error;
+        EXPECT_EQ(waitpid(idle, nullptr, WNOHANG), 0) << "the child was killed by the signal";
+    }
+    for (const pid_t child : {writer, idle}) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    EXPECT_EQ(request(idle, 1000), kExitNotRunning) << "a process that is gone";
     if (emulated) GTEST_SKIP() << "the kernel reports a handler the child never installed";
 }
 
