@@ -2,6 +2,8 @@
 // and bytes of another type.
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "quor/quorbpf_event_views.h"
@@ -49,6 +51,18 @@ TEST(EventViewsTest, RefusesShortOrForeignBytes) {
     EXPECT_EQ(QuorEventTypeByName("nonsense"), -1);
     for (uint32_t type : {static_cast<uint32_t>(QUOR_EVENT_POLL_COUNT), 50000u, 50005u})
         EXPECT_FALSE(IsSubscribableEventType(type)) << type;
+}
+
+// Adding a type to the list means documenting its record.
+TEST(EventViewsTest, EveryTypeInTheListIsDocumented) {
+    std::ifstream file(QUOR_SOURCE_DIR "/docs/records.md");
+    ASSERT_TRUE(file) << "docs/records.md";
+    const std::string doc((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    for (const QuorEventTypeInfo& info : kQuorEventTypes) {
+        const std::string row = "| " + std::to_string(info.type) + " | `" + info.name + "` |";
+        EXPECT_NE(doc.find(row), std::string::npos) << row;
+        EXPECT_NE(doc.find(std::string("`") + info.record + "`"), std::string::npos) << info.record;
+    }
 }
 
 }  // namespace
