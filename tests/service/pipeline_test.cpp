@@ -4,8 +4,6 @@
 // checkpoint that the monitor has handled the batch.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -13,9 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -295,12 +291,11 @@ TEST(PipelineTest, KernelThreadsShellsAndLowPidsNeverReportMemory) {
 }
 
 TEST(PipelineTest, AProcessEndsOnceWhenTheLossSweepCameBeforeItsExitRecord) {
-    QuorBpfService* service = QuorBpfService::GetInstance();
     const int32_t pid = kFakePidBase + 40;  // no such process: the sweep ends it
     Inject(Fork(pid, 77, 10 * kSecond, QUOR_TASK_KIND_PROCESS, "swept"));
     ASSERT_TRUE(gEnv->Checkpoint());
     ASSERT_TRUE(Registered(pid));
-    EXPECT_GE(service->reapLostExits(), 1u);
+    EXPECT_GE(QuorBpfService::GetInstance()->reapLostExits(), 1u);
     EXPECT_FALSE(Registered(pid));
     // Its exit record was only unread, not lost.
     Inject(Exit(pid, 11 * kSecond, QUOR_TASK_KIND_PROCESS, "swept"));
@@ -373,53 +368,17 @@ TEST(PipelineTest, OverflowIsReportedOnceAndCleared) {
     EXPECT_FALSE(service->enableCoreBpf(2, true));
 }
 
-// A process running before the service starts, named as a terminal
-// multiplexer names itself (blanks, parentheses), with two threads of its
-// own; returns once they exist, so that the service's start-up scan sees them.
-pid_t gOddlyNamed = -1;
-pid_t StartOddlyNamedProcess() {
-    int ready[2];
-    char byte = 0;
-    if (pipe(ready) != 0) return -1;
-    const pid_t child = fork();
-    if (child != 0) return child > 0 && read(ready[0], &byte, 1) == 1 ? child : -1;
-    (void)prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
-    (void)prctl(PR_SET_NAME, "tmux: (x) y", 0, 0, 0);
-    for (pthread_t thread : {pthread_t{}, pthread_t{}})
-        (void)pthread_create(
-            &thread, nullptr,
-            [](void*) -> void* {
-                for (;;) pause();
-            },
-            nullptr);
-    (void)!write(ready[1], "r", 1);
-    for (;;) pause();
-}
-
-// The registry agrees with the kernel (a sanitizer's runtime may add threads
-// of its own to the child, so the kernel's count is the reference).
-TEST(PipelineTest, StartupScanRegistersRunningProcessesEvenOddlyNamed) {
+TEST(PipelineTest, StartupScanRegistersRunningProcesses) {
     const QuorTask self = TaskOf(getpid());
     EXPECT_EQ(self.ppid, getppid());
     EXPECT_GT(self.rssAnonSize + self.rssFileSize, 0);
+    EXPECT_GT(self.initTimeStamp, 0);
     EXPECT_TRUE(Registered(1));
-    ASSERT_GT(gOddlyNamed, 0);
-    const QuorTask task = TaskOf(gOddlyNamed);
-    EXPECT_STREQ(task.comm, "tmux: (x) y");
-    EXPECT_GE(task.threadNum, 3);
-    EXPECT_EQ(task.threadNum, quortest::KernelThreadCount(gOddlyNamed));
-    EXPECT_GT(task.initTimeStamp, 0);
 }
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
-    gOddlyNamed = StartOddlyNamedProcess();
     gEnv = new PipelineEnvironment();
     ::testing::AddGlobalTestEnvironment(gEnv);
-    const int result = RUN_ALL_TESTS();
-    if (gOddlyNamed > 0) {
-        kill(gOddlyNamed, SIGKILL);
-        (void)waitpid(gOddlyNamed, nullptr, 0);
-    }
-    return result;
+    return RUN_ALL_TESTS();
 }
