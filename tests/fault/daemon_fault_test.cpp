@@ -33,7 +33,7 @@ constexpr int32_t kMarkerType = QUOR_EVENT_CGROUP_ATTACH;
 // One quorbpfd run, its stderr in kLogFile (appended across runs).
 class Daemon {
 public:
-    explicit Daemon(std::vector<std::string> args) {
+    explicit Daemon(std::vector<std::string> args = {}) {
         std::vector<char*> argv = {const_cast<char*>(QUORBPFD_PATH)};
         for (std::string& a : args) argv.push_back(&a[0]);
         argv.push_back(nullptr);
@@ -143,21 +143,27 @@ protected:
 
 }  // namespace
 
+// A quit request (SIGQUIT) stops the first daemon as SIGTERM would: exit
+// code 0, no core, pid file gone.
 TEST_F(DaemonFaultTest, RestartWhilePinsStayKeepsKernelStateAndServesAgain) {
+    constexpr const char* kPidFile = "/data/quorbpfd_test.pid";
     MarkerClient client;
-    auto daemon = std::make_unique<Daemon>(std::vector<std::string>{});
+    auto daemon = std::make_unique<Daemon>(std::vector<std::string>{"--pid-file", kPidFile});
     ASSERT_TRUE(daemon->running());
     ASSERT_TRUE(client.connect());
     ASSERT_TRUE(client.markerArrives(RINGBUF_MAP_PATHS[RINGBUF_MAIN]));
     const uint32_t ringId = MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]);
     const uint32_t statusId = MapId(RINGBUF_STATUS_PATHS[RINGBUF_MAIN]);
     ASSERT_NE(ringId, 0u);
+    ASSERT_FALSE(ReadFile(kPidFile).empty());
 
-    ASSERT_EQ(daemon->stop(), 0);
+    ASSERT_EQ(daemon->stop(SIGQUIT), 0);
+    EXPECT_TRUE(ReadFile(kPidFile).empty());
+    EXPECT_TRUE(LogHas("Quit received, stopping"));
     // The pins outlive the daemon; the next one reuses them, and the client
     // reconnects and subscribes again by itself.
     EXPECT_EQ(MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]), ringId);
-    daemon = std::make_unique<Daemon>(std::vector<std::string>{});
+    daemon = std::make_unique<Daemon>();
     ASSERT_TRUE(daemon->running());
     EXPECT_TRUE(PollUntil([&] { return client.connections() > 1; }, std::chrono::seconds(30)));
     EXPECT_TRUE(client.markerArrives(RINGBUF_MAP_PATHS[RINGBUF_MAIN]));
@@ -193,15 +199,4 @@ TEST_F(DaemonFaultTest, MissingPinnedMapFailsOnlyItsMonitor) {
         EXPECT_EQ(daemon.stop(), 0);
         (void)QuorBpfLoader::Unload("/sys/fs/bpf/quor/", &report);
     }
-}
-
-TEST_F(DaemonFaultTest, QuitSignalStopsTheDaemonCleanly) {
-    constexpr const char* kPidFile = "/data/quorbpfd_quit_test.pid";
-    Daemon daemon({"--no-load", "--property", "sys.quor_bpf_ready=0", "--pid-file", kPidFile});
-    ASSERT_TRUE(daemon.running());
-    ASSERT_TRUE(PollUntil([&] { return !ReadFile(kPidFile).empty(); }, std::chrono::seconds(30)));
-    // A quit request is a stop request: exit code 0, no core, pid file gone.
-    EXPECT_EQ(daemon.stop(SIGQUIT), 0);
-    EXPECT_TRUE(ReadFile(kPidFile).empty());
-    EXPECT_TRUE(LogHas("Quit received, stopping"));
 }
