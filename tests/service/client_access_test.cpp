@@ -7,7 +7,9 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,7 +22,6 @@
 #include "service/event_manager.h"
 #include "service/quor_bpf_service.h"
 #include "tests/support/live_service.h"
-#include "tests/support/peer_probe.h"
 #include "tests/support/raw_ipc_client.h"
 
 using namespace Quor::Bpf;
@@ -60,6 +61,38 @@ bool PeerGroupsReported() {
     int status = 0;
     return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
            WEXITSTATUS(status) == 0;
+}
+
+// Connects as another user: a forked child takes the given credentials,
+// connects, sends a subscription request and reports whether an answer came
+// back (accepted) or the service closed the connection without one
+// (refused). The child uses system calls only, so it is safe to fork from a
+// multi-threaded test.
+enum class ProbeResult { kAccepted, kRefused, kError };  // 0, 1, 2 in test output
+
+ProbeResult ProbeAs(uid_t uid, gid_t gid, const std::vector<gid_t>& groups) {
+    const std::string request = Request(7, 51, 2);
+    sockaddr_un addr;
+    const socklen_t addrLen = AbstractAddress(kSocket, &addr);
+    const pid_t child = fork();
+    if (child < 0) return ProbeResult::kError;
+    if (child == 0) {
+        const int fd =
+            setgroups(groups.size(), groups.data()) != 0 || setgid(gid) != 0 || setuid(uid) != 0
+                ? -1
+                : socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), addrLen) != 0) _exit(2);
+        if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(request.size())) {
+            _exit(1);  // already closed
+        }
+        pollfd p = {fd, POLLIN, 0};
+        char reply[64];
+        _exit(poll(&p, 1, 5000) != 1 ? 2 : recv(fd, reply, sizeof(reply), 0) > 0 ? 0 : 1);
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return ProbeResult::kError;
+    return static_cast<ProbeResult>(std::min(WEXITSTATUS(status), 2));
 }
 
 class ClientAccessTest : public ::testing::Test {
@@ -136,7 +169,7 @@ TEST_F(ClientAccessTest, PeersAreJudgedByTheirCredentialsAtAccept) {
             notJudged += std::string(notJudged.empty() ? "" : ", ") + c.what;
             continue;
         }
-        const ProbeResult result = ProbeAs(kSocket, c.uid, c.gid, c.groups);
+        const ProbeResult result = ProbeAs(c.uid, c.gid, c.groups);
         EXPECT_EQ(result, c.expected) << c.what << ": " << static_cast<int>(result);
     }
     EXPECT_TRUE(LogHas("uid 65533 gid 65533 is not allowed"));

@@ -12,9 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <string>
-#include <thread>
 
 #include "tests/support/proc_self.h"
 
@@ -111,8 +109,9 @@ public:
         return true;
     }
 
-    // One whole frame: its package type and body (checked against L).
-    bool readFrame(uint32_t* type, std::string* body, int timeoutMs = 5000) {
+    // The body of the next frame, which must hold a package of `type` whose
+    // body length agrees with the frame's.
+    bool readPackage(uint32_t type, std::string* body, int timeoutMs = 5000) {
         std::string header, package;
         if (!readExact(8, &header, timeoutMs)) return false;
         int64_t length;
@@ -122,15 +121,9 @@ public:
             pending_.insert(0, header);  // whole frames or nothing
             return false;
         }
-        *type = GetU32(package, 0);
         *body = package.substr(8);
-        return GetU32(package, 4) == static_cast<uint64_t>(length) - 8;
-    }
-
-    // The body of the next frame, which must hold a package of `type`.
-    bool readPackage(uint32_t type, std::string* body, int timeoutMs = 5000) {
-        uint32_t got = 0;
-        return readFrame(&got, body, timeoutMs) && got == type;
+        return GetU32(package, 0) == type &&
+               GetU32(package, 4) == static_cast<uint64_t>(length) - 8;
     }
 
     // Sends a request; its response's status (INT32_MIN when none came).
