@@ -1,23 +1,19 @@
 // Runs inside a private mount namespace with a tmpfs on /data. Signal
 // dispositions are process-wide, so this file has a process of its own.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <mutex>
 #include <random>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "diag/quor_bpf_dump_signals.h"
 #include "diag/quor_bpf_state.h"
 #include "diag/quor_bpf_task_manager.h"
 #include "tests/support/proc_self.h"
-#include "tests/support/raw_ipc_client.h"
 
 using namespace Quor::Bpf;
 

@@ -1,11 +1,9 @@
 // Runs inside a private mount namespace with a tmpfs on /data.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>

@@ -34,11 +34,8 @@ TEST(TimeBaseTest, BaseIsZeroUntilInitThenBootTime) {
     EXPECT_EQ(GetBasetime(), 0);
     // A boot time that cannot be read fails and leaves the base alone.
     char path[] = "/tmp/quor_stat.XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    const char garbage[] = "cpu 1 2 3\nbtime soon\n";
-    ASSERT_EQ(write(fd, garbage, sizeof(garbage) - 1), static_cast<ssize_t>(sizeof(garbage) - 1));
-    close(fd);
+    ASSERT_EQ(close(mkstemp(path)), 0);
+    std::ofstream(path) << "cpu 1 2 3\nbtime soon\n";
     errno = 0;
     EXPECT_FALSE(InitBasetimeFrom(path));
     EXPECT_EQ(errno, EINVAL);

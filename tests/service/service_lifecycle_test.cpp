@@ -2,18 +2,14 @@
 // test. Runs in private namespaces: it writes under /data and listens on the
 // service's abstract socket.
 #include <android-base/properties.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <future>
-#include <string>
 #include <thread>
 
 #include "diag/quor_bpf_time.h"
 #include "quor/bpf_service_main.h"
 #include "tests/support/proc_self.h"
-#include "tests/support/raw_ipc_client.h"
 
 using namespace Quor::Bpf;
 using android::base::SetProperty;

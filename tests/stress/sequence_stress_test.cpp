@@ -10,7 +10,6 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "quor/quorbpf_client.h"
