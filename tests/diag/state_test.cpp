@@ -106,11 +106,8 @@ TEST_F(StateTest, WindowKeeps1800SecondsAndReusedSlotsStartEmpty) {
     auto rows = ReadRows();
     ASSERT_EQ(rows.size(), 1u + 1800u);
     EXPECT_EQ(rows[0], kHeaderNames + "1999, 200 ");
-    EXPECT_EQ(Numbers(rows[1])[5], 1999);
-    EXPECT_EQ(Numbers(rows[1800])[5], 200);
-    for (size_t r = 1; r < rows.size(); ++r) {
-        ASSERT_EQ(Numbers(rows[r])[0], 2000 - static_cast<long long>(r)) << r;
-    }
+    for (size_t r = 1; r < rows.size(); ++r)
+        ASSERT_EQ(Numbers(rows[r])[5], 2000 - static_cast<long long>(r)) << r;
 
     // A jump far beyond the window (the time base is set after start-up)
     // clears the window once instead of once per skipped second.
