@@ -40,37 +40,31 @@ void Append(const std::string& record) {
     EventManager::GetInstance()->AppendEvent(&copy[0], copy.size());
 }
 
-// Collects what a library client receives.
-struct Received {
+// A library client that keeps what it receives.
+struct LibClient {
     std::mutex mutex;
     std::vector<std::string> records;
+    QuorBpfClient client{[this](uint32_t, const uint8_t* data, size_t len) {
+        std::lock_guard<std::mutex> lock(mutex);
+        records.emplace_back(reinterpret_cast<const char*>(data), len);
+    }};
 
-    size_t size() { return snapshot().size(); }
     std::vector<std::string> snapshot() {
         std::lock_guard<std::mutex> lock(mutex);
         return records;
     }
-};
-
-// Sends a request through the library and waits for its status.
-int32_t Ask(QuorBpfClient* client, uint32_t command, int32_t type) {
-    auto answer = std::make_shared<std::promise<int32_t>>();
-    auto future = answer->get_future();
-    if (!client->sendRequest(command, type,
-                             [answer](int32_t status) { answer->set_value(status); })) {
-        return INT32_MIN;
+    size_t size() { return snapshot().size(); }
+    // Sends a request and waits for its status.
+    int32_t ask(uint32_t command, int32_t type) {
+        auto answer = std::make_shared<std::promise<int32_t>>();
+        auto future = answer->get_future();
+        if (!client.sendRequest(command, type,
+                                [answer](int32_t status) { answer->set_value(status); }))
+            return INT32_MIN;
+        return future.wait_for(std::chrono::seconds(5)) == std::future_status::ready ? future.get()
+                                                                                     : INT32_MAX;
     }
-    if (future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) return INT32_MAX;
-    return future.get();
-}
-
-std::unique_ptr<QuorBpfClient> Connect(Received* got) {
-    auto client = std::make_unique<QuorBpfClient>([got](uint32_t, const uint8_t* data, size_t len) {
-        std::lock_guard<std::mutex> lock(got->mutex);
-        got->records.emplace_back(reinterpret_cast<const char*>(data), len);
-    });
-    return client->connect(5000) ? std::move(client) : nullptr;
-}
+};
 
 size_t Observers(int32_t type) {
     return EventManager::GetInstance()->GetEventObservers(type).size();
@@ -87,14 +81,13 @@ protected:
 };
 
 TEST_F(ServiceClientsTest, SubscribeReceiveUnsubscribeAndUnknownCommand) {
-    Received got;
-    auto client = Connect(&got);
-    ASSERT_NE(client, nullptr);
+    LibClient got;
+    ASSERT_TRUE(got.client.connect(5000));
 
-    ASSERT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
-    ASSERT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_TASK_NEW), 0);
-    EXPECT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);  // twice
-    EXPECT_EQ(Ask(client.get(), 77, QUOR_EVENT_TASK_CREATE), -1);
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_TASK_NEW), 0);
+    EXPECT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);  // twice
+    EXPECT_EQ(got.ask(77, QUOR_EVENT_TASK_CREATE), -1);
 
     const std::string fork = Record(QUOR_EVENT_TASK_CREATE, 1, sizeof(quor_fork_record));
     const std::string composed = Record(QUOR_SERVICE_TASK_NEW, 3, sizeof(quor_task_new_event));
@@ -104,8 +97,8 @@ TEST_F(ServiceClientsTest, SubscribeReceiveUnsubscribeAndUnknownCommand) {
     ASSERT_TRUE(WaitFor([&] { return got.size() == 2; }));
     EXPECT_EQ(got.snapshot(), (std::vector<std::string>{fork, composed}));
 
-    ASSERT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
-    EXPECT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_DMABUF_SIZE), 0);
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
+    EXPECT_EQ(got.ask(QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_DMABUF_SIZE), 0);
     Append(fork);
     Append(composed);  // still subscribed: marks the end of what may arrive
     ASSERT_TRUE(WaitFor([&] { return got.size() == 3; }));
@@ -150,10 +143,9 @@ TEST_F(ServiceClientsTest, OnlyProducedTypesAreSubscribedAndEmptyListsGo) {
 
 TEST_F(ServiceClientsTest, HostileFramesNeverDisturbAnotherClientsStream) {
     constexpr int32_t kType = QUOR_EVENT_CGROUP_ATTACH;
-    Received got;
-    auto victim = Connect(&got);
-    ASSERT_NE(victim, nullptr);
-    ASSERT_EQ(Ask(victim.get(), QUOR_BPF_COMMAND_SUBSCRIBE, kType), 0);
+    LibClient got;
+    ASSERT_TRUE(got.client.connect(5000));
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, kType), 0);
 
     const std::string innerTooLong("\0\0\0\0\xe8\x03\0\0xxxxxxxx", 16);  // body length 1000
     const std::vector<std::string> attacks = {
@@ -198,7 +190,7 @@ TEST_F(ServiceClientsTest, HostileFramesNeverDisturbAnotherClientsStream) {
     EXPECT_TRUE(ErrorLogCount(2) > 0);  // the damaged frames were recorded
     // Every hostile subscriber is gone again; the victim is the one left.
     EXPECT_TRUE(WaitFor([&] { return Observers(kType) == 1; }));
-    EXPECT_EQ(Ask(victim.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_RSS_CHANGE), 0);
+    EXPECT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_RSS_CHANGE), 0);
 }
 
 TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
@@ -237,9 +229,8 @@ TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
 // A client that floods requests and never reads its answers: its full
 // socket costs the socket thread little, and another client is answered.
 TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne) {
-    Received got;
-    auto reader = Connect(&got);
-    ASSERT_NE(reader, nullptr);
+    LibClient got;
+    ASSERT_TRUE(got.client.connect(5000));
     RawIpcClient flooder(kSocket);
     timeval patience = {0, 100000};
     ASSERT_EQ(setsockopt(flooder.fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience)), 0);
@@ -258,7 +249,7 @@ TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne)
     int answered = 0;
     for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
          std::chrono::steady_clock::now() < end; ++answered) {
-        ASSERT_EQ(Ask(reader.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_EXIT), 0);
+        ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_EXIT), 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     const long cpuMs = ThreadCpuMs("BpfServiceTr") - cpuBefore;
