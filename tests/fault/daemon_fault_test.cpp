@@ -159,7 +159,6 @@ TEST_F(DaemonFaultTest, RestartWhilePinsStayKeepsKernelStateAndServesAgain) {
 
     ASSERT_EQ(daemon->stop(SIGQUIT), 0);
     EXPECT_TRUE(ReadFile(kPidFile).empty());
-    EXPECT_TRUE(LogHas("Quit received, stopping"));
     // The pins outlive the daemon; the next one reuses them, and the client
     // reconnects and subscribes again by itself.
     EXPECT_EQ(MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]), ringId);
@@ -169,7 +168,6 @@ TEST_F(DaemonFaultTest, RestartWhilePinsStayKeepsKernelStateAndServesAgain) {
     EXPECT_TRUE(client.markerArrives(RINGBUF_MAP_PATHS[RINGBUF_MAIN]));
     EXPECT_EQ(MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]), ringId);
     EXPECT_EQ(MapId(RINGBUF_STATUS_PATHS[RINGBUF_MAIN]), statusId);
-    EXPECT_TRUE(LogHas("reused  map_QuorBpfDefineset_ringbuf_map"));
     EXPECT_EQ(daemon->stop(), 0);
 }
 
