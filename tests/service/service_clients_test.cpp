@@ -1,9 +1,10 @@
-// Clients of the running service: subscriptions, fan-out, hostile and stalled
-// peers. The service never becomes ready, so records enter through
-// EventManager::AppendEvent as the monitors would hand them over.
+// The service's lifecycle and its clients: subscriptions, fan-out, hostile
+// and stalled peers. The service becomes ready only at the end, so records
+// enter through EventManager::AppendEvent as the monitors would hand them over.
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <future>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "diag/quor_bpf_time.h"
 #include "quor/bpf_service_main.h"
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
@@ -22,6 +24,7 @@
 
 using namespace Quor::Bpf;
 using namespace quortest;
+using android::base::SetProperty;
 
 namespace {
 
@@ -70,13 +73,36 @@ size_t Observers(int32_t type) {
     return EventManager::GetInstance()->GetEventObservers(type).size();
 }
 
+// The service singleton lives once per process: the suite starts it (after a
+// start the disable property refuses) and stops it at the end, after it
+// became ready.
 class ServiceClientsTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework"), 0);
-        android::base::SetProperty("sys.quor_bpf_ready", "0");
+        ASSERT_EQ(WaitBpfService(), -1);  // nothing started yet
+        ASSERT_EQ(StopBpfService(), -1);
+        SetProperty("persist.sys.stability.bpfframework.disable", "1");
+        ASSERT_EQ(BpfServiceMain(), 0);
+        EXPECT_EQ(ThreadsNamed("BpfServicePoll"), 0);
+        SetProperty("persist.sys.stability.bpfframework.disable", "11");  // only "1" disables
+        ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework && "
+                         "echo previous > /data/quorlog/stability/quorbpfframework/error.log"),
+                  0);
+        SetProperty("sys.quor_bpf_ready", "0");
         ASSERT_EQ(BpfServiceMain(), 1);
+        EXPECT_EQ(access("/data/quorlog/stability/quorbpfframework/error.old.log", F_OK), 0);
         ASSERT_TRUE(WaitFor([] { return RawIpcClient(kSocket).connected(); }));
+    }
+    static void TearDownTestSuite() {
+        // Never ready so far: the producer kept waiting and prepared nothing.
+        EXPECT_EQ(GetBasetime(), 0);
+        EXPECT_EQ(ThreadsNamed("BpfServicePGpl"), 0);
+        SetProperty("sys.quor_bpf_ready", "1");
+        EXPECT_TRUE(WaitFor([] { return GetBasetime() != 0; }));
+        EXPECT_EQ(StopBpfService(), 0);
+        auto joined = std::async(std::launch::async, [] { return WaitBpfService(); });
+        ASSERT_EQ(joined.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_EQ(joined.get(), 0);
     }
 };
 
