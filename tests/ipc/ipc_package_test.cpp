@@ -88,10 +88,7 @@ TEST_F(IpcPackageTest, HandlerDispatchesWholePackagesOnly) {
 
     // A body length beyond its frame, and a package shorter than its header,
     // are bad: reported without reading past the frame.
-    std::string lying;
-    quortest::PutU32(&lying, 3);
-    quortest::PutU32(&lying, 1000);
-    lying += "abcd";
+    const std::string lying("\3\0\0\0\xe8\3\0\0abcd", 12);  // type 3, body length 1000
     for (const std::string& bad : {RawFrame(12, lying), RawFrame(4, "abcd")}) {
         Buffer frame(bad + Frame(3, "after"));
         EXPECT_FALSE(handler.handleAllIpcPackageInBuffer(7, &frame.state));
@@ -216,9 +213,7 @@ TEST_F(IpcPackageTest, ResponsesFindTheirRequestOnce) {
         requests.addIpcReqCallBack(requests.getReqId(), nullptr);
         return 0;
     }));
-    std::string body;
-    quortest::PutU32(&body, 1);
-    quortest::PutU32(&body, static_cast<uint32_t>(-1));
+    std::string body("\1\0\0\0\xff\xff\xff\xff", 8);  // request 1, status -1
     body.append(16, '\0');
     auto* resp = reinterpret_cast<QuorRespIpcPackage*>(&body[0]);
     EXPECT_TRUE(requests.handleReqCallBack(resp));
