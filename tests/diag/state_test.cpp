@@ -3,8 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -13,6 +11,7 @@
 
 #include "diag/quor_bpf_event_names.h"
 #include "diag/quor_bpf_state.h"
+#include "tests/support/proc_self.h"
 
 using namespace Quor::Bpf;
 
@@ -30,8 +29,7 @@ int64_t FakeClock() {
 
 // Lines of the state file without their "\r\n" (asserts every line has one).
 std::vector<std::string> ReadRows() {
-    std::ifstream in(kStateFile, std::ios::binary);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string text = quortest::ReadFile(kStateFile);
     std::vector<std::string> rows;
     size_t start = 0;
     for (size_t end; (end = text.find("\r\n", start)) != std::string::npos; start = end + 2) {

@@ -141,7 +141,7 @@ TEST_F(ServiceClientsTest, OnlyProducedTypesAreSubscribedAndEmptyListsGo) {
     std::string response;
     ASSERT_TRUE(raw.readExact(40, &response));
     std::string expected;
-    for (uint32_t word : {1u, 24u, 5u, 0u}) PutU32(&expected, word);
+    for (uint32_t word : {1u, 24u, 5u, 0u}) Put(&expected, word);
     EXPECT_EQ(response, RawFrame(32, expected + std::string(16, '\0')));
     // Twelve body bytes cannot hold the event type: refused, nothing changes.
     ASSERT_TRUE(raw.send(Frame(0, Request(7, 52, 0).substr(16, 12))));

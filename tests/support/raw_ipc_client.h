@@ -22,9 +22,6 @@ template <typename T>
 void Put(std::string* out, T v) {
     out->append(reinterpret_cast<const char*>(&v), sizeof(v));
 }
-inline void PutU32(std::string* out, uint32_t v) {
-    Put(out, v);
-}
 inline uint32_t GetU32(const std::string& s, size_t at) {
     uint32_t v;
     memcpy(&v, s.data() + at, 4);
