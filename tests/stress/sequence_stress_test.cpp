@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -51,6 +51,8 @@ double Ms(Clock::duration d) {
 
 class GapReader {
 public:
+    explicit GapReader(uint64_t capacity)
+        : arrivals_(new Clock::time_point[capacity]), capacity_(capacity) {}
     bool start() { return client_.connect(5000) && Subscribed(client_, kType); }
 
     Gaps run(int ms) {
@@ -60,8 +62,8 @@ public:
         quor_dmabuf_update_record record = {};
         record.header.type = kType;
         record.pid = 4000000;
-        arrivals(true);
-        const uint64_t total = uint64_t{kPerMs} * ms;
+        arrived_.store(0);
+        const uint64_t total = std::min<uint64_t>(uint64_t{kPerMs} * ms, capacity_);
         Gaps gaps;
         auto last = Clock::now();
         auto next = last;
@@ -75,33 +77,25 @@ public:
             gaps.injector = std::max(gaps.injector, now - last);
             last = now;
         }
-        EXPECT_TRUE(PollUntil([&] { return arrivals() >= total; }, std::chrono::seconds(30)))
-            << arrivals() << " of " << total << " records reached the reader";
-        std::lock_guard<std::mutex> lock(mutex_);
-        gaps.reader = longest_;
+        EXPECT_TRUE(PollUntil([&] { return arrived_.load() >= total; }, std::chrono::seconds(30)))
+            << arrived_.load() << " of " << total << " records reached the reader";
+        for (uint64_t i = 1; i < std::min<uint64_t>(arrived_.load(), total); ++i) {
+            gaps.reader = std::max(gaps.reader, arrivals_[i] - arrivals_[i - 1]);
+        }
         return gaps;
     }
 
 private:
-    uint64_t arrivals(bool reset = false) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (reset) {
-            arrived_ = 0;
-            longest_ = Clock::duration(0);
-        }
-        return arrived_;
-    }
-
-    std::mutex mutex_;
-    uint64_t arrived_ = 0;
-    Clock::time_point last_;
-    Clock::duration longest_{0};
+    std::unique_ptr<Clock::time_point[]> arrivals_;
+    const uint64_t capacity_;
+    std::atomic<uint64_t> arrived_{0};
     QuorBpfClient client_{[this](uint32_t type, const uint8_t*, size_t) {
         if (static_cast<int32_t>(type) != kType) return;
-        const auto now = Clock::now();
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (arrived_++ > 0) longest_ = std::max(longest_, now - last_);
-        last_ = now;
+        // Acquire: a new run's reset of the count orders the previous run's
+        // reads of the arrival times before this write.
+        const uint64_t at = arrived_.load(std::memory_order_acquire);
+        if (at < capacity_) arrivals_[at] = Clock::now();
+        arrived_.store(at + 1, std::memory_order_release);
     }};
 };
 
@@ -113,7 +107,7 @@ TEST(SequenceStressTest, SixtyThreeStalledClientsDoNotHoldUpAReader) {
     ASSERT_TRUE(
         PollUntil([] { return EventManager::GetInstance()->GetEventObservers(kType).empty(); },
                   std::chrono::seconds(30)));
-    GapReader reader;
+    GapReader reader(20 * kMs);
     ASSERT_TRUE(reader.start());
     const Gaps alone = reader.run(kMs / 2);
 
