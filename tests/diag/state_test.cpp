@@ -3,8 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -13,6 +11,7 @@
 
 #include "diag/quor_bpf_event_names.h"
 #include "diag/quor_bpf_state.h"
+#include "tests/support/proc_self.h"
 
 using namespace Quor::Bpf;
 
@@ -30,8 +29,7 @@ int64_t FakeClock() {
 
 // Lines of the state file without their "\r\n" (asserts every line has one).
 std::vector<std::string> ReadRows() {
-    std::ifstream in(kStateFile, std::ios::binary);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string text = quortest::ReadFile(kStateFile);
     std::vector<std::string> rows;
     size_t start = 0;
     for (size_t end; (end = text.find("\r\n", start)) != std::string::npos; start = end + 2) {
@@ -83,18 +81,13 @@ TEST_F(StateTest, DumpSignalBeforeTheTimeBaseKeepsTheWindowSmall) {
 }
 
 TEST_F(StateTest, CountsPerTypePollsApartAndBadTypesIgnored) {
-    state->DumpState();
-    auto rows = ReadRows();
-    ASSERT_EQ(rows.size(), 2u);  // a fresh state has one second
-    EXPECT_EQ(rows[0], kHeaderNames + "0, 0 ");
-    EXPECT_EQ(rows[1], "0, 0, 0, 0, 0, 0, 0, 0, 0, 0, ");
-
     // Polls (8) are not part of the event sum; 9 and negatives are outside the table.
     const int events[][2] = {{0, 1}, {0, 41}, {3, 2}, {7, 1}, {8, 5}, {9, 1}, {-1, 1}, {-8, 100}};
     for (const auto& e : events) state->RecordEvent(e[0], e[1]);
     state->DumpState();
-    rows = ReadRows();
-    ASSERT_EQ(rows.size(), 2u);
+    const auto rows = ReadRows();
+    ASSERT_EQ(rows.size(), 2u);  // a fresh state has one second
+    EXPECT_EQ(rows[0], kHeaderNames + "0, 0 ");
     EXPECT_EQ(rows[1], "45, 42, 0, 0, 2, 0, 0, 0, 1, 5, ");
     // Nor are their names read from outside the name table.
     for (int type : {9, -1, 1 << 30}) EXPECT_STREQ(EventTypeName(type), "UNKNOW") << type;
@@ -111,11 +104,8 @@ TEST_F(StateTest, WindowKeeps1800SecondsAndReusedSlotsStartEmpty) {
     auto rows = ReadRows();
     ASSERT_EQ(rows.size(), 1u + 1800u);
     EXPECT_EQ(rows[0], kHeaderNames + "1999, 200 ");
-    EXPECT_EQ(Numbers(rows[1])[5], 1999);
-    EXPECT_EQ(Numbers(rows[1800])[5], 200);
-    for (size_t r = 1; r < rows.size(); ++r) {
-        ASSERT_EQ(Numbers(rows[r])[0], 2000 - static_cast<long long>(r)) << r;
-    }
+    for (size_t r = 1; r < rows.size(); ++r)
+        ASSERT_EQ(Numbers(rows[r])[5], 2000 - static_cast<long long>(r)) << r;
 
     // A jump far beyond the window (the time base is set after start-up)
     // clears the window once instead of once per skipped second.

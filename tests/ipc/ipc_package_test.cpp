@@ -88,10 +88,7 @@ TEST_F(IpcPackageTest, HandlerDispatchesWholePackagesOnly) {
 
     // A body length beyond its frame, and a package shorter than its header,
     // are bad: reported without reading past the frame.
-    std::string lying;
-    quortest::PutU32(&lying, 3);
-    quortest::PutU32(&lying, 1000);
-    lying += "abcd";
+    const std::string lying("\3\0\0\0\xe8\3\0\0abcd", 12);  // type 3, body length 1000
     for (const std::string& bad : {RawFrame(12, lying), RawFrame(4, "abcd")}) {
         Buffer frame(bad + Frame(3, "after"));
         EXPECT_FALSE(handler.handleAllIpcPackageInBuffer(7, &frame.state));
@@ -103,38 +100,34 @@ TEST_F(IpcPackageTest, HandlerDispatchesWholePackagesOnly) {
 }
 
 TEST_F(IpcPackageTest, QueueOverflowDropsTheOldestHalfOnce) {
+    char record[4];
+    const auto append = [&record](IpcPackageManager* queue, int from, int to) {
+        for (int i = from; i < to; ++i) {
+            memcpy(record, &i, 4);
+            ASSERT_TRUE(queue->buildAndAppendSecondIpcPackage(3, record, 4));
+        }
+    };
+    std::string storage(32768, '\0');
+    const auto oldest = [&storage](IpcPackageManager* queue) {
+        BufferState buffer{0, 0, 32768, &storage[0]};
+        int first = -1;
+        if (queue->fillNextIpcPackageToBuffer(&buffer)) memcpy(&first, &storage[16], 4);
+        return first;
+    };
     IpcPackageManager queue;
-    char record[4] = {1, 2, 3, 4};
-    for (int i = 0; i < 10000; ++i) {
-        memcpy(record, &i, 4);
-        ASSERT_TRUE(queue.buildAndAppendSecondIpcPackage(3, record, 4));
-    }
-    ASSERT_TRUE(queue.buildAndAppendSecondIpcPackage(3, record, 4));
-    EXPECT_EQ(queue.getIpcPackageCount(), 10001u);
+    append(&queue, 0, 10001);
     EXPECT_EQ(ErrorRecords(4), 0u);
-    int last = 10001;
-    memcpy(record, &last, 4);
-    ASSERT_TRUE(queue.buildAndAppendSecondIpcPackage(3, record, 4));
+    append(&queue, 10001, 10002);  // the 10002nd drops the 5001 oldest
     EXPECT_EQ(queue.getIpcPackageCount(), 5001u);
     EXPECT_EQ(ErrorRecords(4), 1u);
     EXPECT_FALSE(queue.buildAndAppendSecondIpcPackage(4, record, 4));
     EXPECT_EQ(queue.getIpcPackageCount(), 5001u);
+    EXPECT_EQ(oldest(&queue), 5001);
 
-    // The 5001 oldest went: 5001 ... 9999, 9999 again and 10001 are left.
-    std::string storage(32768, '\0');
-    BufferState buffer{0, 0, 32768, &storage[0]};
-    ASSERT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
-    int first = 0;
-    memcpy(&first, &storage[16], 4);
-    EXPECT_EQ(first, 5001);
-
-    // A shared run counts frame by frame: 9999 queued and a run of three is
-    // three appends, the third of which finds 10001 and drops the 5001 oldest.
+    // A shared run counts frame by frame: with 9999 queued, the third frame
+    // of a run of three finds 10001 and drops the 5001 oldest.
     IpcPackageManager runs;
-    for (int i = 0; i < 9999; ++i) {
-        memcpy(record, &i, 4);
-        ASSERT_TRUE(runs.buildAndAppendSecondIpcPackage(3, record, 4));
-    }
+    append(&runs, 0, 9999);
     const std::string three = Frame(3, "abcd") + Frame(3, "efgh") + Frame(3, "ijkl");
     uint32_t frames = 0;
     const QuorIpcPackage run =
@@ -143,31 +136,28 @@ TEST_F(IpcPackageTest, QueueOverflowDropsTheOldestHalfOnce) {
     EXPECT_EQ(runs.appendSharedFrames(run, frames), 9999u);
     IpcPackageManager::ReleaseSharedIpcPackage(run);
     EXPECT_EQ(runs.getIpcPackageCount(), 5001u);
-    EXPECT_EQ(ErrorRecords(4), 2);
-    buffer.bufferDataCursor = 0;
-    ASSERT_TRUE(runs.fillNextIpcPackageToBuffer(&buffer));
-    memcpy(&first, &storage[16], 4);
-    EXPECT_EQ(first, 5001);
+    EXPECT_EQ(ErrorRecords(4), 2u);
+    EXPECT_EQ(oldest(&runs), 5001);
 }
 
 TEST_F(IpcPackageTest, FillingNeverCutsAFrame) {
     std::string storage(64, '\0');
     BufferState buffer{0, 0, 64, &storage[0]};
     IpcPackageManager queue;
-    std::string body(48, 'b');  // package of 56 bytes: a frame of exactly 64
-    queue.buildAndAppendSecondIpcPackage(3, &body[0], body.size());
-    std::string small(8, 's');
-    queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
-
+    const std::string exact(48, 'b');  // package of 56 bytes: a frame of exactly 64
+    const std::string small(8, 's');
+    const std::string tooBig(49, 'x');  // a 65-byte frame can never be sent
+    const auto push = [&queue](std::initializer_list<std::string> bodies) {
+        for (std::string body : bodies)
+            queue.buildAndAppendSecondIpcPackage(3, &body[0], body.size());
+    };
+    push({exact, small});
     EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
-    EXPECT_EQ(buffer.bufferDataCursor, 64);
-    EXPECT_EQ(storage, Frame(3, body));
+    EXPECT_EQ(storage, Frame(3, exact));
     EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));  // no room: stays first
     EXPECT_EQ(queue.getIpcPackageCount(), 1u);
-
     buffer.bufferDataCursor = 0;
-    std::string tooBig(49, 'x');  // a 65-byte frame can never be sent
-    queue.buildAndAppendSecondIpcPackage(3, &tooBig[0], tooBig.size());
+    push({tooBig});
     EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));   // the small one
     EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));  // dropped
     EXPECT_EQ(queue.getIpcPackageCount(), 0u);
@@ -175,7 +165,7 @@ TEST_F(IpcPackageTest, FillingNeverCutsAFrame) {
 
     // Filling in one go: as many whole frames as fit, in order.
     buffer.bufferDataCursor = 0;
-    for (int i = 0; i < 5; ++i) queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
+    push({small, small, small, small, small});
     EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer));
     EXPECT_EQ(buffer.bufferDataCursor, 48);  // three frames of 24 would not fit
     EXPECT_EQ(queue.getIpcPackageCount(), 3u);
@@ -184,15 +174,10 @@ TEST_F(IpcPackageTest, FillingNeverCutsAFrame) {
     // the writer must not see an empty buffer while packages are queued.
     buffer.bufferDataCursor = 0;
     (void)queue.dropAllIpcPackages();
-    queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
-    queue.buildAndAppendSecondIpcPackage(3, &tooBig[0], tooBig.size());
-    queue.buildAndAppendSecondIpcPackage(3, &tooBig[0], tooBig.size());
-    queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
+    push({small, tooBig, tooBig, small});
     EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
     EXPECT_EQ(storage.substr(0, 48), Frame(3, small) + Frame(3, small));
-    EXPECT_EQ(queue.getIpcPackageCount(), 0u);
-    queue.buildAndAppendSecondIpcPackage(3, &tooBig[0], tooBig.size());
-    queue.buildAndAppendSecondIpcPackage(3, &small[0], small.size());
+    push({tooBig, small});
     buffer.bufferDataCursor = 0;
     EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 1u);  // dropped first, then filled
     EXPECT_EQ(queue.getIpcPackageCount(), 0u);
@@ -208,15 +193,10 @@ TEST_F(IpcPackageTest, FillingNeverCutsAFrame) {
     ASSERT_EQ(frames, 3u);
     queue.appendSharedFrames(shared, frames);
     IpcPackageManager::ReleaseSharedIpcPackage(shared);
-    EXPECT_EQ(queue.getIpcPackageCount(), 3u);
     buffer.bufferDataCursor = 16;  // room for two of the three
     EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
     EXPECT_EQ(storage.substr(16, 48), run.substr(0, 48));
     EXPECT_EQ(queue.getIpcPackageCount(), 1u);
-    buffer.bufferDataCursor = 0;
-    EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
-    EXPECT_EQ(storage.substr(0, 24), Frame(3, small));
-    EXPECT_EQ(queue.getIpcPackageCount(), 0u);
 }
 
 TEST_F(IpcPackageTest, ResponsesFindTheirRequestOnce) {
@@ -233,9 +213,7 @@ TEST_F(IpcPackageTest, ResponsesFindTheirRequestOnce) {
         requests.addIpcReqCallBack(requests.getReqId(), nullptr);
         return 0;
     }));
-    std::string body;
-    quortest::PutU32(&body, 1);
-    quortest::PutU32(&body, static_cast<uint32_t>(-1));
+    std::string body("\1\0\0\0\xff\xff\xff\xff", 8);  // request 1, status -1
     body.append(16, '\0');
     auto* resp = reinterpret_cast<QuorRespIpcPackage*>(&body[0]);
     EXPECT_TRUE(requests.handleReqCallBack(resp));

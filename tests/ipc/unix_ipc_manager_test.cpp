@@ -65,66 +65,24 @@ TEST(UnixIpcManagerTest, FramesSplitAcrossReceivesOrSharingOne) {
     EXPECT_EQ(ReadEcho(&client), "tail");
 }
 
-// A client-mode endpoint with counters.
-struct CountingClient {
-    CountingClient() {
-        IpcHandlerState handlers;
-        handlers.keepUnusedBytes = true;
-        handlers.closeOnReadFailure = true;
-        handlers.readHandler = [](int, BufferState* buffer) {
-            buffer->bufferCursor = buffer->bufferDataCursor;
-            return 0;
-        };
-        handlers.connectionHandler = [this](int) {
-            connections.fetch_add(1);
-            return 0;
-        };
-        handlers.closeHandler = [this](int) {
-            closes.fetch_add(1);
-            return 0;
-        };
-        ipc = std::make_unique<UnixIpcManager>(false, 32768, kSocket, handlers, 4, 16);
-        ipc->setConnectRetryInterval(20);
-        ipc->setConnectFailureObserver([this](int) {
-            failures.fetch_add(1);
-            return keepTrying.load();
-        });
-    }
-    std::atomic<int> connections{0};
-    std::atomic<int> closes{0};
+// Waiting to retry a connection must not hold up the endpoint's end (the
+// library client waits 5 s between attempts).
+TEST(UnixIpcManagerTest, StoppingEndsTheWaitBetweenConnectionAttempts) {
     std::atomic<int> failures{0};
-    std::atomic<bool> keepTrying{true};
-    std::unique_ptr<UnixIpcManager> ipc;
-};
-
-TEST(UnixIpcManagerTest, ClientModeWaitsForTheServerAndReconnects) {
-    CountingClient client;
-    ASSERT_TRUE(client.ipc->start());
-    ASSERT_TRUE(WaitFor([&] { return client.failures.load() >= 3; }));  // nobody listens yet
-
-    auto server = std::make_unique<EchoServer>();
-    ASSERT_TRUE(WaitFor([&] { return client.connections.load() == 1 && server->clients() == 1; }));
-
-    server.reset();  // the server goes away and comes back
-    ASSERT_TRUE(WaitFor([&] { return client.closes.load() == 1; }));
-    server = std::make_unique<EchoServer>();
-    ASSERT_TRUE(WaitFor([&] { return client.connections.load() == 2 && server->clients() == 1; }));
-}
-
-TEST(UnixIpcManagerTest, StoppingEndsConnectionAttempts) {
-    auto client = std::make_unique<CountingClient>();
-    ASSERT_TRUE(client->ipc->start());
-    ASSERT_TRUE(WaitFor([&] { return client->failures.load() >= 1; }));
-    client->ipc->setConnectRetryInterval(60000);
+    auto client = std::make_unique<UnixIpcManager>(false, 32768, kSocket, IpcHandlerState(), 4, 16);
+    client->setConnectRetryInterval(20);
+    client->setConnectFailureObserver([&failures](int) {
+        failures.fetch_add(1);
+        return true;
+    });
+    ASSERT_TRUE(client->start());
+    ASSERT_TRUE(WaitFor([&] { return failures.load() >= 1; }));  // nobody listens
+    client->setConnectRetryInterval(60000);
+    const int failed = failures.load();
+    ASSERT_TRUE(WaitFor([&] { return failures.load() > failed; }));  // now waits a minute
     const auto before = std::chrono::steady_clock::now();
-    client.reset();  // destroyed while it waits to retry: the wait ends at once
+    client.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
-
-    CountingClient givesUp;
-    givesUp.keepTrying.store(false);
-    ASSERT_TRUE(givesUp.ipc->start());
-    ASSERT_TRUE(WaitFor([&] { return givesUp.failures.load() == 1; }));
-    EXPECT_EQ(givesUp.connections.load(), 0);
 }
 
 // Sends this process's log (stderr) to a file while it lives.
@@ -185,30 +143,6 @@ TEST(UnixIpcManagerTest, RunningOutOfDescriptorsNeitherSpinsNorFloodsTheLog) {
         EXPECT_EQ(recv(fd, reply, sizeof(reply), MSG_WAITALL), 20) << "never served";
         close(fd);
     }
-}
-
-TEST(UnixIpcManagerTest, ServerOutlastsASquatter) {
-    CapturedLog log("/data/unix_ipc_manager_test.log");
-    // Someone holds the name when the server starts, and lets go a second
-    // later: the server listens then, having logged only a few failures.
-    RawIpcClient probe(kSocket);
-    ASSERT_FALSE(probe.connected());
-    const int squatter = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr;
-    ASSERT_EQ(bind(squatter, reinterpret_cast<sockaddr*>(&addr), AbstractAddress(kSocket, &addr)),
-              0);
-    ASSERT_EQ(listen(squatter, 4), 0);
-    std::thread leaver([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-        close(squatter);
-    });
-    EchoServer server;
-    leaver.join();
-    ASSERT_TRUE(server.listening);
-    EXPECT_LE(log.lines("Create server Socket failed"), 4u);
-    RawIpcClient first(kSocket);
-    ASSERT_TRUE(first.send(Frame(2, "hello")));
-    EXPECT_EQ(ReadEcho(&first), "hello");
 }
 
 }  // namespace

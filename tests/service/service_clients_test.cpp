@@ -1,11 +1,11 @@
-// Clients of the running service: subscriptions, fan-out, hostile and stalled
-// peers. The service never becomes ready, so records enter through
-// EventManager::AppendEvent as the monitors would hand them over.
+// The service's lifecycle and its clients: subscriptions, fan-out, hostile
+// and stalled peers. The service becomes ready only at the end, so records
+// enter through EventManager::AppendEvent as the monitors would hand them over.
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <future>
 #include <memory>
@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "diag/quor_bpf_time.h"
 #include "quor/bpf_service_main.h"
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
@@ -23,6 +24,7 @@
 
 using namespace Quor::Bpf;
 using namespace quortest;
+using android::base::SetProperty;
 
 namespace {
 
@@ -41,61 +43,77 @@ void Append(const std::string& record) {
     EventManager::GetInstance()->AppendEvent(&copy[0], copy.size());
 }
 
-// Collects what a library client receives.
-struct Received {
+// A library client that keeps what it receives.
+struct LibClient {
     std::mutex mutex;
     std::vector<std::string> records;
+    QuorBpfClient client{[this](uint32_t, const uint8_t* data, size_t len) {
+        std::lock_guard<std::mutex> lock(mutex);
+        records.emplace_back(reinterpret_cast<const char*>(data), len);
+    }};
 
-    size_t size() { return snapshot().size(); }
     std::vector<std::string> snapshot() {
         std::lock_guard<std::mutex> lock(mutex);
         return records;
     }
-};
-
-// Sends a request through the library and waits for its status.
-int32_t Ask(QuorBpfClient* client, uint32_t command, int32_t type) {
-    auto answer = std::make_shared<std::promise<int32_t>>();
-    auto future = answer->get_future();
-    if (!client->sendRequest(command, type,
-                             [answer](int32_t status) { answer->set_value(status); })) {
-        return INT32_MIN;
+    size_t size() { return snapshot().size(); }
+    // Sends a request and waits for its status.
+    int32_t ask(uint32_t command, int32_t type) {
+        auto answer = std::make_shared<std::promise<int32_t>>();
+        auto future = answer->get_future();
+        if (!client.sendRequest(command, type,
+                                [answer](int32_t status) { answer->set_value(status); }))
+            return INT32_MIN;
+        return future.wait_for(std::chrono::seconds(5)) == std::future_status::ready ? future.get()
+                                                                                     : INT32_MAX;
     }
-    if (future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) return INT32_MAX;
-    return future.get();
-}
-
-std::unique_ptr<QuorBpfClient> Connect(Received* got) {
-    auto client = std::make_unique<QuorBpfClient>([got](uint32_t, const uint8_t* data, size_t len) {
-        std::lock_guard<std::mutex> lock(got->mutex);
-        got->records.emplace_back(reinterpret_cast<const char*>(data), len);
-    });
-    return client->connect(5000) ? std::move(client) : nullptr;
-}
+};
 
 size_t Observers(int32_t type) {
     return EventManager::GetInstance()->GetEventObservers(type).size();
 }
 
+// The service singleton lives once per process: the suite starts it (after a
+// start the disable property refuses) and stops it at the end, after it
+// became ready.
 class ServiceClientsTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework"), 0);
-        android::base::SetProperty("sys.quor_bpf_ready", "0");
+        ASSERT_EQ(WaitBpfService(), -1);  // nothing started yet
+        ASSERT_EQ(StopBpfService(), -1);
+        SetProperty("persist.sys.stability.bpfframework.disable", "1");
+        ASSERT_EQ(BpfServiceMain(), 0);
+        EXPECT_EQ(ThreadsNamed("BpfServicePoll"), 0);
+        SetProperty("persist.sys.stability.bpfframework.disable", "11");  // only "1" disables
+        ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework && "
+                         "echo previous > /data/quorlog/stability/quorbpfframework/error.log"),
+                  0);
+        SetProperty("sys.quor_bpf_ready", "0");
         ASSERT_EQ(BpfServiceMain(), 1);
+        EXPECT_EQ(access("/data/quorlog/stability/quorbpfframework/error.old.log", F_OK), 0);
         ASSERT_TRUE(WaitFor([] { return RawIpcClient(kSocket).connected(); }));
+    }
+    static void TearDownTestSuite() {
+        // Never ready so far: the producer kept waiting and prepared nothing.
+        EXPECT_EQ(GetBasetime(), 0);
+        EXPECT_EQ(ThreadsNamed("BpfServicePGpl"), 0);
+        SetProperty("sys.quor_bpf_ready", "1");
+        EXPECT_TRUE(WaitFor([] { return GetBasetime() != 0; }));
+        EXPECT_EQ(StopBpfService(), 0);
+        auto joined = std::async(std::launch::async, [] { return WaitBpfService(); });
+        ASSERT_EQ(joined.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_EQ(joined.get(), 0);
     }
 };
 
 TEST_F(ServiceClientsTest, SubscribeReceiveUnsubscribeAndUnknownCommand) {
-    Received got;
-    auto client = Connect(&got);
-    ASSERT_NE(client, nullptr);
+    LibClient got;
+    ASSERT_TRUE(got.client.connect(5000));
 
-    ASSERT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
-    ASSERT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_TASK_NEW), 0);
-    EXPECT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);  // twice
-    EXPECT_EQ(Ask(client.get(), 77, QUOR_EVENT_TASK_CREATE), -1);
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_TASK_NEW), 0);
+    EXPECT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);  // twice
+    EXPECT_EQ(got.ask(77, QUOR_EVENT_TASK_CREATE), -1);
 
     const std::string fork = Record(QUOR_EVENT_TASK_CREATE, 1, sizeof(quor_fork_record));
     const std::string composed = Record(QUOR_SERVICE_TASK_NEW, 3, sizeof(quor_task_new_event));
@@ -105,8 +123,8 @@ TEST_F(ServiceClientsTest, SubscribeReceiveUnsubscribeAndUnknownCommand) {
     ASSERT_TRUE(WaitFor([&] { return got.size() == 2; }));
     EXPECT_EQ(got.snapshot(), (std::vector<std::string>{fork, composed}));
 
-    ASSERT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
-    EXPECT_EQ(Ask(client.get(), QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_DMABUF_SIZE), 0);
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
+    EXPECT_EQ(got.ask(QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_DMABUF_SIZE), 0);
     Append(fork);
     Append(composed);  // still subscribed: marks the end of what may arrive
     ASSERT_TRUE(WaitFor([&] { return got.size() == 3; }));
@@ -116,36 +134,30 @@ TEST_F(ServiceClientsTest, SubscribeReceiveUnsubscribeAndUnknownCommand) {
 TEST_F(ServiceClientsTest, OnlyProducedTypesAreSubscribedAndEmptyListsGo) {
     RawIpcClient raw(kSocket);
     ASSERT_TRUE(raw.connected());
-    // Pipelined: a batch of subscriptions to types the service never
-    // produces, each followed by its unsubscription; -1 then 0 for each.
-    auto bogus = [&](int32_t first, int32_t count) {
-        constexpr int32_t kBatch = 256;
-        std::string requests;
-        std::string answers;
-        for (int32_t at = 0; at < count; at += kBatch) {
-            requests.clear();
-            const int32_t n = std::min(kBatch, count - at);
-            for (int32_t i = 0; i < n; ++i) {
-                requests += Request(i, 51, first + at + i);
-                requests += Request(i, 52, first + at + i);
-            }
-            if (!raw.send(requests) || !raw.readExact(80 * n, &answers)) return false;
-            for (int32_t i = 0; i < n; ++i) {
-                if (GetU32(answers, 80 * i + 20) != 0xffffffffu || GetU32(answers, 80 * i + 60))
-                    return false;
-            }
-        }
-        return true;
-    };
     EventManager* events = EventManager::GetInstance();
     ASSERT_TRUE(WaitFor([&] { return events->CountIndexEntries() == 0; }));
-    ASSERT_TRUE(bogus(8, 50001 - 8));
-    ASSERT_TRUE(bogus(50005, static_cast<int32_t>(Scaled(100000))));
-    ASSERT_TRUE(bogus(-1000, 1000));
-    EXPECT_EQ(events->CountIndexEntries(), 0u);
+    // Response 1, body 24: request id 5, status 0, and zeros, not stale bytes.
+    ASSERT_TRUE(raw.send(Request(5, 51, QUOR_SERVICE_THREAD_CHANGE)));
+    std::string response;
+    ASSERT_TRUE(raw.readExact(40, &response));
+    std::string expected;
+    for (uint32_t word : {1u, 24u, 5u, 0u}) Put(&expected, word);
+    EXPECT_EQ(response, RawFrame(32, expected + std::string(16, '\0')));
+    // Twelve body bytes cannot hold the event type: refused, nothing changes.
+    ASSERT_TRUE(raw.send(Frame(0, Request(7, 52, 0).substr(16, 12))));
+    ASSERT_TRUE(raw.readExact(40, &response));
+    EXPECT_EQ(std::make_pair(GetU32(response, 16), GetU32(response, 20)),
+              std::make_pair(7u, 0xffffffffu));
+    EXPECT_EQ(Observers(QUOR_SERVICE_THREAD_CHANGE), 1u);
+    ASSERT_EQ(raw.ask(6, 52, QUOR_SERVICE_THREAD_CHANGE), 0);
 
-    // Every produced type is accepted; unsubscribing and closing leave no
-    // empty list behind.
+    // Types next to the produced ones are refused, and unsubscribing them
+    // leaves no empty list behind.
+    for (const int32_t type : {INT32_MIN, -1, 9, 50000, 50005, INT32_MAX}) {
+        EXPECT_EQ(raw.ask(1, 51, type), -1) << type;
+        EXPECT_EQ(raw.ask(2, 52, type), 0) << type;
+    }
+    EXPECT_EQ(events->CountIndexEntries(), 0u);
     for (const int32_t type : kAllTypes) ASSERT_EQ(raw.ask(1, 51, type), 0) << type;
     EXPECT_EQ(events->CountIndexEntries(), 13u);
     for (const int32_t type : kAllTypes) ASSERT_EQ(raw.ask(2, 52, type), 0) << type;
@@ -155,31 +167,11 @@ TEST_F(ServiceClientsTest, OnlyProducedTypesAreSubscribedAndEmptyListsGo) {
     EXPECT_TRUE(WaitFor([&] { return events->CountIndexEntries() == 0; }));
 }
 
-TEST_F(ServiceClientsTest, ResponseFrameLayoutAndShortRequestBody) {
-    RawIpcClient raw(kSocket);
-    ASSERT_TRUE(raw.connected());
-    ASSERT_TRUE(raw.send(Request(5, 51, QUOR_SERVICE_THREAD_CHANGE)));
-    std::string response;
-    ASSERT_TRUE(raw.readExact(40, &response));
-    // Response 1, body 24: request id 5, status 0, and zeros, not stale bytes.
-    std::string expected;
-    for (uint32_t word : {1u, 24u, 5u, 0u}) PutU32(&expected, word);
-    EXPECT_EQ(response, RawFrame(32, expected + std::string(16, '\0')));
-
-    // Twelve body bytes cannot hold the event type: refused, nothing changes.
-    ASSERT_TRUE(raw.send(Frame(0, Request(7, 52, 0).substr(16, 12))));
-    ASSERT_TRUE(raw.readExact(40, &response));
-    EXPECT_EQ(response.substr(8, 16),
-              std::string("\x01\0\0\0\x18\0\0\0\x07\0\0\0\xff\xff\xff\xff", 16));
-    EXPECT_EQ(Observers(QUOR_SERVICE_THREAD_CHANGE), 1u);
-}
-
 TEST_F(ServiceClientsTest, HostileFramesNeverDisturbAnotherClientsStream) {
     constexpr int32_t kType = QUOR_EVENT_CGROUP_ATTACH;
-    Received got;
-    auto victim = Connect(&got);
-    ASSERT_NE(victim, nullptr);
-    ASSERT_EQ(Ask(victim.get(), QUOR_BPF_COMMAND_SUBSCRIBE, kType), 0);
+    LibClient got;
+    ASSERT_TRUE(got.client.connect(5000));
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, kType), 0);
 
     const std::string innerTooLong("\0\0\0\0\xe8\x03\0\0xxxxxxxx", 16);  // body length 1000
     const std::vector<std::string> attacks = {
@@ -224,7 +216,7 @@ TEST_F(ServiceClientsTest, HostileFramesNeverDisturbAnotherClientsStream) {
     EXPECT_TRUE(ErrorLogCount(2) > 0);  // the damaged frames were recorded
     // Every hostile subscriber is gone again; the victim is the one left.
     EXPECT_TRUE(WaitFor([&] { return Observers(kType) == 1; }));
-    EXPECT_EQ(Ask(victim.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_RSS_CHANGE), 0);
+    EXPECT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_RSS_CHANGE), 0);
 }
 
 TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
@@ -263,9 +255,8 @@ TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
 // A client that floods requests and never reads its answers: its full
 // socket costs the socket thread little, and another client is answered.
 TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne) {
-    Received got;
-    auto reader = Connect(&got);
-    ASSERT_NE(reader, nullptr);
+    LibClient got;
+    ASSERT_TRUE(got.client.connect(5000));
     RawIpcClient flooder(kSocket);
     timeval patience = {0, 100000};
     ASSERT_EQ(setsockopt(flooder.fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience)), 0);
@@ -284,7 +275,7 @@ TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne)
     int answered = 0;
     for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
          std::chrono::steady_clock::now() < end; ++answered) {
-        ASSERT_EQ(Ask(reader.get(), QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_EXIT), 0);
+        ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_EXIT), 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     const long cpuMs = ThreadCpuMs("BpfServiceTr") - cpuBefore;

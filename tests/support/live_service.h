@@ -5,8 +5,6 @@
 
 #include <android-base/properties.h>
 #include <bpf/bpf.h>
-#include <dirent.h>
-#include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -14,19 +12,13 @@
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <iterator>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "diag/quor_bpf_error_log.h"
 #include "quor/bpf_service_main.h"
@@ -123,24 +115,9 @@ inline size_t HeapBytes() {
 #endif
 }
 
-// Sanitized builds run several times slower: long loops shrink to a fifth.
-constexpr uint64_t Scaled(uint64_t count) {
-#ifdef QUOR_TEST_SANITIZER_HEAP
-    return count / 5;
-#else
-    return count;
-#endif
-}
-
-// Records in the service's error log with `code`.
+// Records in the service's error log with `code` (codes are one digit).
 inline size_t ErrorLogCount(int code) {
-    const std::string text = ReadFile(Quor::Bpf::BPF_SERVICE_ERROR_LOG);
-    const std::string needle = "ErrorCode: " + std::to_string(code) + "\n";
-    size_t count = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++count;
-    }
-    return count;
+    return CountLines(Quor::Bpf::BPF_SERVICE_ERROR_LOG, "ErrorCode: " + std::to_string(code));
 }
 
 // Subscribes `client` (a QuorBpfClient) to `type`; true once the service

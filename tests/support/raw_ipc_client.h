@@ -12,9 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <string>
-#include <thread>
 
 #include "tests/support/proc_self.h"
 
@@ -23,9 +21,6 @@ namespace quortest {
 template <typename T>
 void Put(std::string* out, T v) {
     out->append(reinterpret_cast<const char*>(&v), sizeof(v));
-}
-inline void PutU32(std::string* out, uint32_t v) {
-    Put(out, v);
 }
 inline uint32_t GetU32(const std::string& s, size_t at) {
     uint32_t v;
@@ -111,8 +106,9 @@ public:
         return true;
     }
 
-    // One whole frame: its package type and body (checked against L).
-    bool readFrame(uint32_t* type, std::string* body, int timeoutMs = 5000) {
+    // The body of the next frame, which must hold a package of `type` whose
+    // body length agrees with the frame's.
+    bool readPackage(uint32_t type, std::string* body, int timeoutMs = 5000) {
         std::string header, package;
         if (!readExact(8, &header, timeoutMs)) return false;
         int64_t length;
@@ -122,15 +118,9 @@ public:
             pending_.insert(0, header);  // whole frames or nothing
             return false;
         }
-        *type = GetU32(package, 0);
         *body = package.substr(8);
-        return GetU32(package, 4) == static_cast<uint64_t>(length) - 8;
-    }
-
-    // The body of the next frame, which must hold a package of `type`.
-    bool readPackage(uint32_t type, std::string* body, int timeoutMs = 5000) {
-        uint32_t got = 0;
-        return readFrame(&got, body, timeoutMs) && got == type;
+        return GetU32(package, 0) == type &&
+               GetU32(package, 4) == static_cast<uint64_t>(length) - 8;
     }
 
     // Sends a request; its response's status (INT32_MIN when none came).
