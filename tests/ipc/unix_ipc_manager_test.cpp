@@ -145,4 +145,26 @@ TEST(UnixIpcManagerTest, RunningOutOfDescriptorsNeitherSpinsNorFloodsTheLog) {
     }
 }
 
+TEST(UnixIpcManagerTest, ServerOutlastsASquatter) {
+    CapturedLog log("/data/unix_ipc_manager_test.log");
+    // Someone holds the name when the server starts, and lets go a second
+    // later: the server listens then, having logged only a few failures.
+    const int squatter = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr;
+    ASSERT_EQ(bind(squatter, reinterpret_cast<sockaddr*>(&addr), AbstractAddress(kSocket, &addr)),
+              0);
+    ASSERT_EQ(listen(squatter, 4), 0);
+    std::thread leaver([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        close(squatter);
+    });
+    EchoServer server;
+    leaver.join();
+    ASSERT_TRUE(server.listening);
+    EXPECT_LE(log.lines("Create server Socket failed"), 4u);
+    RawIpcClient first(kSocket);
+    ASSERT_TRUE(first.send(Frame(2, "hello")));
+    EXPECT_EQ(ReadEcho(&first), "hello");
+}
+
 }  // namespace
