@@ -9,16 +9,9 @@
 #include <string>
 
 #include "bpf/quor_bpf_compat.h"
+#include "fuzz/fuzz_support.h"
 
 using namespace Quor::Bpf;
-
-namespace {
-
-void Require(bool condition) {
-    if (!condition) __builtin_trap();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     __android_log_set_minimum_priority(ANDROID_LOG_SILENT);

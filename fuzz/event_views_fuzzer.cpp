@@ -4,16 +4,12 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz/fuzz_support.h"
 #include "quor/quorbpf_event_views.h"
 
 using namespace Quor::Bpf;
 
 namespace {
-
-void Require(bool condition) {
-    if (!condition) __builtin_trap();
-}
-
 // Every record struct of the type list: valid exactly for a whole record of
 // its own type, and then a faithful copy.
 template <typename Record>

@@ -12,18 +12,14 @@
 
 #include "bpf/quor_bpf_line_reader.h"
 #include "bpf/quor_bpf_proc_info.h"
+#include "fuzz/fuzz_support.h"
 #include "service/quor_bpf_service.h"
 
 using namespace Quor::Bpf;
 
 namespace {
-
 int gFile = -1;
 std::string gPath;
-
-void Require(bool condition) {
-    if (!condition) __builtin_trap();
-}
 
 }  // namespace
 

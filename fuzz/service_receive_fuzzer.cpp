@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "fuzz/fuzz_support.h"
 #include "ipc/ipc_package.h"
 #include "ipc/unix_ipc_manager.h"
 #include "service/event_manager.h"
@@ -20,15 +21,10 @@ using Quor::Bpf::EventManager;
 using Quor::Bpf::QuorBpfService;
 
 namespace {
-
 constexpr int kBufferSize = 32768;  // the service's buffer size
 constexpr int kResponseFrameSize = 40;
 
 UnixIpcManager* gTransport = nullptr;
-
-void Require(bool condition) {
-    if (!condition) __builtin_trap();
-}
 
 // The service's server settings; its loop never runs: the fuzzer plays it.
 UnixIpcManager* MakeTransport(QuorBpfService* service) {

@@ -182,11 +182,13 @@ TEST_F(DmabufMapsTest, SeedsBuffersHoldersAndMappingsFromProc) {
     };
     EXPECT_EQ(std::make_tuple(holds(100, 5001), holds(100, 5002), holds(200, 5002)),
               std::make_tuple(2u, 1u, 1u));
-    EXPECT_EQ(Count(kMmap), 2u);
-    EXPECT_EQ(Value<uint64_t>(kMmap, quor_process_mmap_key{100, 0, 0x7f0000}), 5001u);
-    EXPECT_EQ(Value<uint64_t>(kMmap, quor_process_mmap_key{100, 0, 0x7f5000}), 5002u);
-    EXPECT_EQ(buffer(5005).size, 0u);  // of the ended process
-    EXPECT_EQ(Value<dmabuf_stat>(kSize, int32_t{250}).total_size, 0u);
+    const auto mapped = [this](uint64_t start) {
+        return Value<uint64_t>(kMmap, quor_process_mmap_key{100, 0, start});
+    };
+    EXPECT_EQ(std::make_tuple(Count(kMmap), mapped(0x7f0000), mapped(0x7f5000)),
+              std::make_tuple(size_t{2}, 5001u, 5002u));
+    // Nothing of the ended process.
+    EXPECT_EQ(buffer(5005).size + Value<dmabuf_stat>(kSize, int32_t{250}).total_size, 0u);
 }
 
 TEST_F(DmabufMapsTest, MissingOrForeignMapSeedsNothing) {
@@ -240,8 +242,8 @@ TEST_F(DmabufMapsTest, CleanUpRemovesOnlyThatProcess) {
     // Before initBpfMap there is nothing to clean: 0, no change.
     ChildRun run = RunInChild("", cleanUp(100));
     EXPECT_EQ(run.out, "0 0 0") << run.log;
-    EXPECT_EQ(Count(kInode), 100u);
-    EXPECT_EQ(Count(kMmap), 150u);
+    EXPECT_EQ(std::make_pair(Count(kInode), Count(kMmap)),
+              std::make_pair(size_t{100}, size_t{150}));
     // Every value is non-zero: zero means no entry.
     EXPECT_EQ(Value<uint64_t>(kInode, quor_process_inode_key{200, 0, 2}), 2u);
     EXPECT_EQ(Value<uint64_t>(kInode, quor_process_inode_key{100, 0, 1}), 0u);
@@ -285,9 +287,7 @@ TEST_F(DmabufMapsTest, OpenDescriptorCountsOfRealProcesses) {
     for (const int fd : extra) close(fd);
     const auto after = Value<quor_open_fd_value>(kOpenFd, self);
     EXPECT_GT(before.open_fds, 0u);
-    EXPECT_EQ(after.open_fds, before.open_fds + 25);
-    EXPECT_EQ(after.open_fds_again, after.open_fds);
-    EXPECT_EQ(after.pid, self);
-    EXPECT_EQ(after.comm[15], '\0');
+    EXPECT_EQ(std::make_tuple(after.open_fds, after.open_fds_again, after.pid, after.comm[15]),
+              std::make_tuple(before.open_fds + 25, before.open_fds + 25, self, '\0'));
     EXPECT_GT(Count(kOpenFd), 1u);  // every process, not only this one
 }

@@ -1,6 +1,5 @@
 // Procfs readers against the real /proc (this test process) and against
 // crafted file text.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -18,18 +17,11 @@
 #include "diag/quor_bpf_time.h"
 #include "fake_proc.h"
 #include "service/quor_bpf_service.h"
+#include "tests/support/proc_self.h"
 
 using namespace Quor::Bpf;
 
 namespace {
-
-size_t CountEntries(const std::string& dirPath) {
-    size_t n = 0;
-    DIR* dir = opendir(dirPath.c_str());
-    while (const dirent* e = dir == nullptr ? nullptr : readdir(dir)) n += e->d_name[0] != '.';
-    if (dir != nullptr) closedir(dir);
-    return n;
-}
 
 // Field 20 (num_threads) of /proc/self/stat, read without the code under test.
 std::string OwnStatThreadsField() {
@@ -60,7 +52,7 @@ TEST(FdinfoTest, FirstKeyedLineOrZeroAndNoDescriptorLeft) {
     dir.File("dmabuf", "pos:\t0\nflags:\t02000002\nsize:\t4096\nino:\t123456789012\nsize:\t1\n");
     dir.File("noino", "pos:\t0\nsize:\t 77 bytes\n");
     dir.File("garbage", std::string("size:\tlots\nino:\t99999999999999999999999\0", 40));
-    const size_t fdsBefore = CountEntries("/proc/self/fd");
+    const size_t fdsBefore = quortest::OpenDescriptors();
     const std::tuple<const char*, int64_t, uint64_t> cases[] = {
         {"dmabuf", 4096, 123456789012u}, {"noino", 77, 0}, {"garbage", 0, ULLONG_MAX}};
     for (const auto& [name, size, inode] : cases) {
@@ -68,7 +60,7 @@ TEST(FdinfoTest, FirstKeyedLineOrZeroAndNoDescriptorLeft) {
         EXPECT_EQ(QuorBpfService::GetFdInode(dir.root() + "/" + name), inode) << name;
     }
     EXPECT_EQ(QuorBpfService::GetFdSize(dir.root() + "/missing"), 0);
-    EXPECT_EQ(CountEntries("/proc/self/fd"), fdsBefore);
+    EXPECT_EQ(quortest::OpenDescriptors(), fdsBefore);
 }
 
 TEST(ProcessInfoTest, ReadsThisProcessFromRealProcAndLeavesAVanishedOneAlone) {
@@ -79,9 +71,7 @@ TEST(ProcessInfoTest, ReadsThisProcessFromRealProcAndLeavesAVanishedOneAlone) {
     EXPECT_GE(record.header.timestamp_ns, static_cast<uint64_t>(before));
     EXPECT_EQ(std::make_tuple(record.pid, record.ppid, record.uid),
               std::make_tuple(getpid(), getppid(), static_cast<int32_t>(getuid())));
-    std::string comm;
-    std::getline(std::ifstream("/proc/self/comm"), comm);
-    EXPECT_EQ(std::string(record.comm), comm.substr(0, 15));
+    EXPECT_EQ(std::string(record.comm) + "\n", quortest::ReadFile("/proc/self/comm"));
     EXPECT_GT(record.rss_anon, 0);
     EXPECT_EQ(record.rss_anon % 1024, 0);
     // Started at most a few minutes ago, on the base's clock.
@@ -116,7 +106,7 @@ TEST(ProcessInfoTest, ReadsThisProcessFromRealProcAndLeavesAVanishedOneAlone) {
     // its own stat file with a synthetic copy whose thread count is 0.
     if (OwnStatThreadsField() == "0")
         GTEST_SKIP() << "this process's stat file is an emulator's synthetic copy";
-    EXPECT_EQ(record.thread_count, static_cast<int32_t>(CountEntries("/proc/self/task")));
+    EXPECT_EQ(record.thread_count, quortest::KernelThreadCount(getpid()));
 }
 
 TEST(ProcessInfoTest, CraftedStatusAndStatText) {

@@ -12,11 +12,12 @@
 #include <set>
 #include <string>
 
-#include "quor/quor_bpf_records.h"
-#include "tools/loader/quor_bpf_loader.h"
+#include "tests/kernel/kernel_test_env.h"
 
 using Quor::Bpf::QuorBpfLoader;
 using Quor::Bpf::QuorBpfLoadReport;
+using quor_test::StatusGet;
+using quor_test::StatusSet;
 
 namespace {
 
@@ -53,10 +54,6 @@ std::set<std::string> Listing(const std::string& dir) {
         closedir(d);
     }
     return names;
-}
-
-bool Contains(const std::vector<std::string>& list, const std::string& item) {
-    return std::find(list.begin(), list.end(), item) != list.end();
 }
 
 class LoaderTest : public ::testing::Test {
@@ -113,15 +110,10 @@ TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContentsButReplacesMisshapenOnes
     close(fd);
     // A service run left the programmes switched on.
     const int statusFd = bpf_obj_get((kDir + "map_QuorBpfDefineset_ringbuf_status").c_str());
-    ASSERT_GE(statusFd, 0);
-    const uint32_t flagsKey = QUOR_STATUS_KEY_FLAGS;
-    uint64_t word = QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON;
-    ASSERT_EQ(bpf_map_update_elem(statusFd, &flagsKey, &word, BPF_ANY), 0);
-
+    ASSERT_TRUE(StatusSet(statusFd, QUOR_STATUS_KEY_FLAGS, QUOR_STATUS_CORE_ON));
     ASSERT_EQ(Load(), 0);
     // ... which do not run again before the next service has seeded.
-    EXPECT_EQ(bpf_map_lookup_elem(statusFd, &flagsKey, &word), 0);
-    EXPECT_EQ(word, 0u);
+    EXPECT_EQ(StatusGet(statusFd, QUOR_STATUS_KEY_FLAGS), 0u);
     close(statusFd);
     // Every map is reused; only the programmes are pinned again.
     const std::set<std::string> pins = ExpectedPins();
@@ -140,7 +132,7 @@ TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContentsButReplacesMisshapenOnes
     ASSERT_EQ(unlink((kDir + kFdMap).c_str()), 0);
     PinMap(BPF_MAP_TYPE_HASH, 8, kFdMap);
     ASSERT_EQ(Load(), 0);
-    EXPECT_TRUE(Contains(report_.removed, kFdMap));
+    EXPECT_EQ(std::count(report_.removed.begin(), report_.removed.end(), kFdMap), 1);
     fd = bpf_obj_get((kDir + kFdMap).c_str());
     ASSERT_GE(fd, 0);
     bpf_map_info info = {};
@@ -151,9 +143,8 @@ TEST_F(LoaderTest, ReloadKeepsPinnedMapsAndTheirContentsButReplacesMisshapenOnes
 }
 
 TEST_F(LoaderTest, MountsBpffsWhenAbsent) {
-    // The test runs in a private mount namespace: unmounting is local to it.
-    // The private bpffs may cover the host's own (a systemd host mounts one):
-    // unmount until none is left.
+    // Local to the test's mount namespace; the private bpffs may cover the
+    // host's own (a systemd host mounts one): unmount until none is left.
     struct statfs fs = {};
     for (int i = 0; statfs("/sys/fs/bpf", &fs) == 0 &&
                     static_cast<long>(fs.f_type) == static_cast<long>(BPF_FS_MAGIC);
@@ -165,7 +156,8 @@ TEST_F(LoaderTest, MountsBpffsWhenAbsent) {
     ASSERT_EQ(Load(), 0);
     ASSERT_EQ(statfs("/sys/fs/bpf", &fs), 0);
     EXPECT_EQ(static_cast<long>(fs.f_type), static_cast<long>(BPF_FS_MAGIC));
-    EXPECT_TRUE(Contains(report_.notes, "mounted bpffs on /sys/fs/bpf"));
+    EXPECT_EQ(
+        std::count(report_.notes.begin(), report_.notes.end(), "mounted bpffs on /sys/fs/bpf"), 1);
     EXPECT_EQ(Listing(kDir), ExpectedPins());
 }
 

@@ -11,16 +11,16 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 #include "bpf/quor_bpf_prog_attach.h"
 #include "service/quor_bpf_service.h"
 #include "tests/kernel/kernel_test_env.h"
+#include "tests/support/proc_self.h"
 #include "tests/support/vgem_dmabuf.h"
 
-using Quor::Bpf::QuorBpfLoader;
-using Quor::Bpf::QuorBpfLoadReport;
-using Quor::Bpf::QuorBpfService;
+using namespace Quor::Bpf;
 using namespace quor_test;
 using namespace std::chrono_literals;
 
@@ -37,22 +37,24 @@ uint64_t MonotonicNs() {  // the programmes' clock
     return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-// A child that names itself and, when `busy`, starts and joins a thread and
-// touches memory; returns its pid once it has been reaped.
-pid_t RunChild(bool busy = true) {
+// A child that names itself and runs `body`; returns its pid once reaped.
+pid_t RunChild(const std::function<void()>& body) {
     const pid_t pid = fork();
     if (pid == 0) {
         prctl(PR_SET_NAME, kChildComm, 0, 0, 0);
-        if (busy) {
-            std::thread([] {}).join();
-            void* mem = mmap(nullptr, kTouchBytes, PROT_READ | PROT_WRITE,
-                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-            if (mem != MAP_FAILED) memset(mem, 1, kTouchBytes);
-        }
+        body();
         _exit(0);
     }
     (void)waitpid(pid, nullptr, 0);
     return pid;
+}
+
+// Starts and joins a thread and touches memory.
+void Busy() {
+    std::thread([] {}).join();
+    void* mem =
+        mmap(nullptr, kTouchBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mem != MAP_FAILED) memset(mem, 1, kTouchBytes);
 }
 
 // The pid a record is about: right after the header, but for a fork record,
@@ -76,8 +78,8 @@ protected:
         g_skip = LoadProgrammeSets();
         if (!g_skip.empty()) return;
         // Kprobe rows fail on kernels without kprobes; tracepoints must attach.
-        (void)Quor::Bpf::AttachAllQuorBpfProgram(kDir, QuorBpfService::PROG_EVENT_MAP);
-        (void)Quor::Bpf::AttachAllQuorBpfProgram(kDir, QuorBpfService::PROG_GPL_EVENT_MAP);
+        (void)AttachAllQuorBpfProgram(kDir, QuorBpfService::PROG_EVENT_MAP);
+        (void)AttachAllQuorBpfProgram(kDir, QuorBpfService::PROG_GPL_EVENT_MAP);
     }
     void SetUp() override {
         if (!g_skip.empty()) GTEST_SKIP() << g_skip;
@@ -101,7 +103,7 @@ protected:
         EXPECT_TRUE(reader.ok());
         EXPECT_TRUE(StatusSet(status_, QUOR_STATUS_KEY_FLAGS, flags));
         // Records are only taken in Drain and PollUntil, after the pid is known.
-        child_ = RunChild();
+        child_ = RunChild(Busy);
         reader.keep = [this](const std::string& r) { return RecordPid(r) == child_; };
         const auto processExit = [](const std::string& r) {
             const auto exit = As<quor_exit_record>(r);
@@ -123,11 +125,18 @@ protected:
     pid_t child_ = 0;
 };
 
-TEST_F(KernelRecordsTest, ChildForkThreadMemoryAndExitAreRecorded) {
+TEST_F(KernelRecordsTest, ChildRecordsHaveTheirFieldsAndTheStatusBitsGateThem) {
+    // The core bit gates every record, the normal bit the memory ones.
+    for (const uint64_t flags : {uint64_t{0}, uint64_t{QUOR_STATUS_NORMAL_ON}})
+        EXPECT_EQ(ChildRecords(flags, /*expectExit=*/false).size(), 0u) << "flags " << flags;
+    const auto core = ChildRecords(QUOR_STATUS_CORE_ON, /*expectExit=*/true);
+    EXPECT_EQ(core.size(), 4u);  // process and thread, fork and exit
+    for (const auto& r : core)
+        EXPECT_NE(As<quor_record_header>(r).type, static_cast<uint32_t>(QUOR_EVENT_RSS_STAT));
+
     const uint64_t before = MonotonicNs();
     const auto records = ChildRecords(kAllOn, /*expectExit=*/true);
     const uint64_t after = MonotonicNs();
-
     int forks[2] = {}, exits[2] = {};  // by kind: process, thread
     int64_t maxAnon = 0;
     char selfComm[QUOR_COMM_LEN] = {};
@@ -161,29 +170,14 @@ TEST_F(KernelRecordsTest, ChildForkThreadMemoryAndExitAreRecorded) {
     EXPECT_GE(maxAnon, static_cast<int64_t>(kTouchBytes));
 }
 
-TEST_F(KernelRecordsTest, CoreBitGatesAllRecordsAndNormalBitTheMemoryOnes) {
-    for (const uint64_t flags : {uint64_t{0}, uint64_t{QUOR_STATUS_NORMAL_ON}}) {
-        EXPECT_EQ(ChildRecords(flags, /*expectExit=*/false).size(), 0u) << "flags " << flags;
-    }
-    const auto records = ChildRecords(QUOR_STATUS_CORE_ON, /*expectExit=*/true);
-    for (const auto& r : records) {
-        const uint32_t type = As<quor_record_header>(r).type;
-        EXPECT_TRUE(type == QUOR_EVENT_TASK_CREATE || type == QUOR_EVENT_TASK_EXIT) << type;
-    }
-    EXPECT_EQ(records.size(), 4u);  // process and thread, fork and exit
-}
-
 TEST_F(KernelRecordsTest, ContextSwitchesRefreshTheRingBufferFiguresWhileRecordsWait) {
     StatusSet(status_, QUOR_STATUS_KEY_REFRESHED_NS, 0);
     StatusSet(status_, QUOR_STATUS_KEY_RING_SIZE, 0);
     ASSERT_TRUE(StatusSet(status_, QUOR_STATUS_KEY_FLAGS, QUOR_STATUS_CORE_ON));
-    (void)RunChild(false);  // records nobody reads
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (StatusGet(status_, QUOR_STATUS_KEY_REFRESHED_NS) == 0 &&
-           std::chrono::steady_clock::now() < deadline) {
-        usleep(1000);  // a context switch of our own
-    }
-    EXPECT_NE(StatusGet(status_, QUOR_STATUS_KEY_REFRESHED_NS), 0u);
+    (void)RunChild([] {});  // records nobody reads
+    // Each poll sleeps: a context switch of our own.
+    EXPECT_TRUE(quortest::WaitFor(
+        [&] { return StatusGet(status_, QUOR_STATUS_KEY_REFRESHED_NS) != 0; }, 5s, 1));
     EXPECT_EQ(StatusGet(status_, QUOR_STATUS_KEY_RING_SIZE), 1u << 20);
 }
 
@@ -234,17 +228,16 @@ TEST_F(KernelRecordsTest, FullRingBufferSetsTheOverflowBit) {
     options.ringbufBytes = 16384;
     QuorBpfLoadReport report;
     ASSERT_EQ(QuorBpfLoader::Load(options, &report), 0);
-    ASSERT_GE(
-        Quor::Bpf::AttachTracepointProgram(dir, "QuorBpfDefineset", "sched_sched_process_fork",
-                                           "sched", "sched_process_fork"),
-        0);
+    ASSERT_GE(AttachTracepointProgram(dir, "QuorBpfDefineset", "sched_sched_process_fork", "sched",
+                                      "sched_process_fork"),
+              0);
     const int status = bpf_obj_get((dir + "map_QuorBpfDefineset_ringbuf_status").c_str());
     ASSERT_GE(status, 0);
     ASSERT_TRUE(StatusSet(status, QUOR_STATUS_KEY_FLAGS, kAllOn));
     // 16 KiB hold about 300 fork records.
     for (int i = 0; i < 2000 && !(StatusGet(status, QUOR_STATUS_KEY_FLAGS) & QUOR_STATUS_OVERFLOW);
          ++i) {
-        (void)RunChild(/*busy=*/false);
+        (void)RunChild([] {});
     }
     const uint64_t flags = StatusGet(status, QUOR_STATUS_KEY_FLAGS);
     StatusSet(status, QUOR_STATUS_KEY_FLAGS, 0);
@@ -271,13 +264,9 @@ TEST_F(KernelRecordsTest, FdInstallReportsEachNewBlockOfDescriptors) {
     RingReader reader(kDir + "map_QuorBpfDefineset_ringbuf_map");
     ASSERT_TRUE(reader.ok());
     ASSERT_TRUE(StatusSet(status_, QUOR_STATUS_KEY_FLAGS, kAllOn));
-    child_ = fork();
-    if (child_ == 0) {
-        prctl(PR_SET_NAME, kChildComm, 0, 0, 0);
+    child_ = RunChild([] {
         for (int fd = 0; fd >= 0 && fd < 130;) fd = open("/dev/null", O_RDONLY);
-        _exit(0);
-    }
-    (void)waitpid(child_, nullptr, 0);
+    });
     reader.keep = [this](const std::string& r) {
         return RecordPid(r) == child_ && As<quor_record_header>(r).type == QUOR_EVENT_FD_UPDATE;
     };

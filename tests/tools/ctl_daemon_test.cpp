@@ -11,8 +11,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -22,6 +20,7 @@
 #include "tests/support/vgem_dmabuf.h"
 
 using quortest::ReadFile;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -75,10 +74,6 @@ int Stop(pid_t pid) {
     return waitpid(pid, &status, 0) == pid ? ExitCode(status) : -1;
 }
 
-bool WaitFor(const std::function<bool()>& condition, int timeoutMs) {
-    return quortest::WaitFor(condition, std::chrono::milliseconds(timeoutMs), 50);
-}
-
 // The tests share one real daemon with a private pid file, started before
 // the first of them.
 class CtlDaemonTest : public ::testing::Test {
@@ -108,7 +103,7 @@ protected:
                                   " watch --count 1 --timeout 2 & w=$!; i=0;"
                                   " while kill -0 $w 2>/dev/null && [ $i -lt 25 ]; do"
                                   " sleep 0.1; i=$((i+1)); done; wait $w; }";
-        return WaitFor([&] { return Shell(watch).code == 0; }, 60000);
+        return quortest::WaitFor([&] { return Shell(watch).code == 0; }, 60s);
     }
     static int StopDaemon() {
         const int code = daemon_ > 0 ? Stop(daemon_) : -1;
@@ -166,7 +161,7 @@ TEST_F(CtlDaemonTest, ExporterCountsAKnownWorkloadOverHttp) {
     const std::string err = dir_ + "/exporter.err";
     const pid_t exporter = Spawn(Ctl("exporter --listen 127.0.0.1:0") + " 2>" + err);
     std::string url;
-    ASSERT_TRUE(WaitFor(
+    ASSERT_TRUE(quortest::WaitFor(
         [&] {
             const std::string text = ReadFile(err);
             const size_t at = text.find("serving ");
@@ -174,7 +169,7 @@ TEST_F(CtlDaemonTest, ExporterCountsAKnownWorkloadOverHttp) {
             url = text.substr(at + 8, text.find('\n', at) - at - 8);
             return true;
         },
-        20000))
+        20s))
         << ReadFile(err);
 
     if (Shell(kPython + " -c 'import sys'").code != 0) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <tuple>
 
+#include "tests/support/proc_self.h"
 #include "tools/quorbpfctl/ctl_exit_codes.h"
 #include "tools/quorbpfctl/daemon_finder.h"
 #include "tools/quorbpfctl/dump_request.h"
@@ -170,23 +171,11 @@ TEST(DaemonFinderTest, PidFileFirstWhileItNamesTheDaemonThenTheProcessList) {
     EXPECT_EQ(DaemonFinder(proc, "nothing").Find(0, "/nonexistent").exitCode, kExitNotRunning);
 }
 
-// Whether the kernel's SigCgt mask for `pid` has `signo`, read without the code under test.
-bool KernelReportsHandler(pid_t pid, int signo) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("SigCgt:", 0) == 0)
-            return (std::stoull(line.substr(7), nullptr, 16) >> (signo - 1)) & 1;
-    }
-    return false;
-}
-
-// A stand-in daemon on each `signo` replaces the file the way the real dump
-// thread does (remove, create, write), but slowly and in two parts, so a
-// reader that trusts the first bytes fails. The signal stays blocked and is
-// taken with sigwait(), so a request sent early is kept, neither lost nor
-// fatal; the handler only makes it show in SigCgt. A process without a
-// handler is never signalled (the default action would end it): the request
-// times out, and one for a process that is gone fails at once.
+// A stand-in daemon on each `signo` replaces the file as the real dump thread
+// does (remove, create, write), but slowly and in two parts, so a reader that
+// trusts the first bytes fails; sigwait() keeps a request sent early, the
+// handler only shows in SigCgt. A process without a handler is never
+// signalled (the default action would end it): the request times out.
 TEST(DumpRequestTest, WaitsForTheWholeNewFileAndSignalsOnlyAHandler) {
     const std::string path = TempDir() + "/DUMPTASK_INFO";
     const auto dump = [](const char* comm) {
@@ -235,7 +224,9 @@ TEST(DumpRequestTest, WaitsForTheWholeNewFileAndSignalsOnlyAHandler) {
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     }
     // qemu-user catches every signal itself to forward it to the guest.
-    const bool emulated = KernelReportsHandler(idle, signo + 1);
+    const std::string status = quortest::ReadFile("/proc/" + std::to_string(idle) + "/status");
+    const size_t sigCgt = status.find("SigCgt:");
+    const bool emulated = (std::stoull(status.substr(sigCgt + 7), nullptr, 16) >> signo) & 1;
     if (!emulated) {
         EXPECT_EQ(request(idle, 1000), kExitTimeout);
         EXPECT_NE(error.find("does not handle signal"), std::string::npos) << error;

@@ -1,7 +1,6 @@
 // quorbpfctl's event lines (text and JSON) from records of known bytes, and
 // its command line: type names, numbers and the errors for both.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <time.h>
 
 #include <cstring>
@@ -93,16 +92,9 @@ TEST_F(FormatTest, ServiceEventsShowChangesAndKeepOldValuesInJson) {
     const std::string json = FormatEventJson(Decode(rss), context_);
     EXPECT_NE(json.find("\"old_rss_anon\":104857600"), std::string::npos) << json;
     EXPECT_EQ(json.find("ts_ns"), std::string::npos) << "service events carry no time";
-    // A new process's third id is, for a forked one, its own task id.
-    quor_task_new_event created = {};
-    created.id = QUOR_SERVICE_TASK_NEW;
-    created.pid = created.uid = 43;
-    created.ppid = 42;
-    EXPECT_NE(FormatEventText(Decode(created), context_).find(" ppid=42 tid=43"),
-              std::string::npos);
     // Sizes: KiB up to the last KiB below one MiB, then MiB.
-    EXPECT_EQ(FormatSize(1023 * 1024), "1023 KiB");
-    EXPECT_EQ(FormatSize(1024 * 1024), "1.0 MiB");
+    EXPECT_EQ(std::make_pair(FormatSize(1023 * 1024), FormatSize(1024 * 1024)),
+              std::make_pair(std::string("1023 KiB"), std::string("1.0 MiB")));
 }
 
 TEST_F(FormatTest, HostileNamesStayOnOneLineAndValidJsonAndRefusalsSayWhy) {
@@ -117,10 +109,8 @@ TEST_F(FormatTest, HostileNamesStayOnOneLineAndValidJsonAndRefusalsSayWhy) {
               std::string::npos)
         << json;
     // Sequences that look like UTF-8 but are not: overlong, surrogate, cut.
-    EXPECT_EQ(JsonQuote("\xc0\xaf"), "\"\\u00c0\\u00af\"");
-    EXPECT_EQ(JsonQuote("\xed\xa0\x80"), "\"\\u00ed\\u00a0\\u0080\"");
-    EXPECT_EQ(JsonQuote("\xe2\x82"), "\"\\u00e2\\u0082\"");
-    EXPECT_EQ(JsonQuote("\xf0\x9f\x98\x80"), "\"\xf0\x9f\x98\x80\"");
+    EXPECT_EQ(JsonQuote("\xc0\xaf|\xed\xa0\x80|\xe2\x82|\xf0\x9f\x98\x80"),
+              "\"\\u00c0\\u00af|\\u00ed\\u00a0\\u0080|\\u00e2\\u0082|\xf0\x9f\x98\x80\"");
     // A record the decoder refuses is one line that says why.
     EXPECT_EQ(FormatEventText(Decode(exit, sizeof(exit) - 1), context_),
               "03:04:05.678 sched_task_exit truncated (39 bytes)");
@@ -140,10 +130,9 @@ TEST(WatchFilterTest, PidMatchesParentsOfForksAndCommMatchesSubstrings) {
     EXPECT_TRUE(shown(Fork(101, 100, 0, QUOR_TASK_KIND_PROCESS, "bash"), sizeof(quor_fork_record)));
     EXPECT_FALSE(shown(Fork(101, 100, 0, QUOR_TASK_KIND_PROCESS, "zsh"), sizeof(quor_fork_record)));
     // Not 100, and an exit does not match on its parent.
+    // ... nor a malformed record when the user asked for one process.
     const quor_exit_record exit = Exit(101, 0, QUOR_TASK_KIND_PROCESS, "bash");
-    EXPECT_FALSE(shown(exit, sizeof(exit)));
-    // A malformed record is not shown when the user asked for one process.
-    EXPECT_FALSE(shown(exit, 4));
+    EXPECT_FALSE(shown(exit, sizeof(exit)) || shown(exit, 4));
 }
 
 TEST(CtlOptionsTest, TypesByNameNumberAndCommaListAndMistakesSayWhat) {

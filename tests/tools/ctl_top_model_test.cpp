@@ -1,20 +1,13 @@
 // The top view's model fed with records of known bytes and a clock of the
-// test's own, and the frame drawn from it.
+// test's own.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <time.h>
 
-#include <algorithm>
-#include <cstring>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <tuple>
 
 #include "quor/quor_bpf_records.h"
 #include "tests/support/record_builders.h"
 #include "tools/quorbpfctl/top_model.h"
-#include "tools/quorbpfctl/top_screen.h"
 
 using namespace Quor::Bpf;
 using namespace Quor::Bpf::Ctl;
@@ -96,36 +89,6 @@ TEST(TopModelTest, BaselineThenCountersThenExit) {
     snap = model.Snapshot(kStartMs + 15000, 10, 5);
     ASSERT_EQ(snap.processes, 1u);
     EXPECT_EQ(snap.rows[0].pid, 10);
-}
-
-TEST(TopScreenTest, FitsTheTerminalAndDropsColumnsWhenNarrow) {
-    setenv("TZ", "UTC", 1);
-    tzset();
-    TopModel model(nullptr);
-    TaskDump dump = Baseline();
-    for (int i = 0; i < 100; ++i) {
-        dump.rows.push_back(
-            Task("a-very-long-process-name-" + std::to_string(i), 1000 + i, 1024 * i));
-    }
-    model.LoadBaseline(dump, kStartMs);
-    for (const auto& [rows, columns] :
-         std::vector<std::pair<int, int>>{{24, 80}, {40, 120}, {10, 60}, {3, 20}}) {
-        SCOPED_TRACE(std::to_string(rows) + "x" + std::to_string(columns));
-        const TopSnapshot snap = model.Snapshot(kStartMs, RowsForProcesses(rows), 5);
-        const std::string screen = RenderTopScreen(snap, "12:00:00", rows, columns);
-        // Without the escape sequences, line by line.
-        std::stringstream plain(
-            std::regex_replace(screen, std::regex("\x1b[^A-Za-z]*[A-Za-z]"), ""));
-        for (std::string line; std::getline(plain, line);) {
-            if (!line.empty() && line.back() == '\r') line.pop_back();
-            EXPECT_LE(line.size(), static_cast<size_t>(columns)) << line;
-        }
-        EXPECT_LE(std::count(screen.begin(), screen.end(), '\n') + 1, rows);
-        EXPECT_EQ(screen.find("SHMEM") != std::string::npos, columns >= 104);
-        if (rows >= 10) {
-            EXPECT_NE(screen.find("a-very-long-pro "), std::string::npos);
-        }
-    }
 }
 
 }  // namespace
