@@ -92,6 +92,13 @@ TEST_F(FormatTest, ServiceEventsShowChangesAndKeepOldValuesInJson) {
     const std::string json = FormatEventJson(Decode(rss), context_);
     EXPECT_NE(json.find("\"old_rss_anon\":104857600"), std::string::npos) << json;
     EXPECT_EQ(json.find("ts_ns"), std::string::npos) << "service events carry no time";
+    // A new process's third id is, for a forked one, its own task id.
+    quor_task_new_event created = {};
+    created.id = QUOR_SERVICE_TASK_NEW;
+    created.pid = created.uid = 43;
+    created.ppid = 42;
+    EXPECT_NE(FormatEventText(Decode(created), context_).find(" ppid=42 tid=43"),
+              std::string::npos);
     // Sizes: KiB up to the last KiB below one MiB, then MiB.
     EXPECT_EQ(std::make_pair(FormatSize(1023 * 1024), FormatSize(1024 * 1024)),
               std::make_pair(std::string("1023 KiB"), std::string("1.0 MiB")));
