@@ -57,11 +57,7 @@ TEST_F(FormatTest, KernelRecordsShowLocalTimeSizesAndEveryField) {
         "{\"time\":\"2026-01-02T03:04:04.678+0000\",\"type\":2,\"name\":\"sched_task_create\","
         "\"ts_ns\":499000000000,\"pid\":200,\"comm\":\"0123456789abcdef\",\"ppid\":1,"
         "\"tid\":201,\"kind\":\"thread\"}");
-
     const quor_rss_record rss = Rss(7, kMonoNs, QUOR_RSS_ANON, 5 * 1024 * 1024 + 512 * 1024);
-    context_.commOf = [](int32_t pid) { return pid == 7 ? std::string("app") : std::string(); };
-    EXPECT_EQ(FormatEventText(Decode(rss), context_),
-              "03:04:05.678 kmem_rss_info                   7 app              anon=5.5 MiB");
     // JSON keeps the record's own fields only, sizes in bytes.
     EXPECT_NE(FormatEventJson(Decode(rss), context_).find("\"member\":\"anon\",\"size\":5767168}"),
               std::string::npos);
