@@ -83,8 +83,6 @@ TEST_F(LoaderTest, PinsExactlyTheNamesTheServiceOpensAndUnloadsOnlyThose) {
     EXPECT_EQ(Listing(kDir), expected);
     EXPECT_EQ(std::set<std::string>(report_.pinned.begin(), report_.pinned.end()), expected);
     EXPECT_TRUE(report_.failures.empty());
-    const auto names = QuorBpfLoader::PinNames();
-    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), expected);
 
     // Unloading removes them and the emptied directory, but leaves a foreign
     // pin and its directory.
