@@ -33,57 +33,39 @@ void WriteText(const std::string& path, const std::string& text) {
 
 const char* const kHeader =
     "============ DUMP ALL QUOR TASKS INFO (count: 3, time: 1700000123) ============\n";
-const char* const kFullColumns =
-    "comm               pid         ppid        threadNum   oldThreadNum mmId        rssAnonSize  "
-    "       rssAnonOldSize      rssFileSize         rssFileOldSize      rssShmemSize        "
-    "rssShmemOldSize     rssSwapSize         rssSwapOldSize      initTimeStamp       \n";
 const char* const kNormalColumns =
     "comm               pid         ppid        threadNum   mmId        rssAnonSize         "
     "rssFileSize         rssShmemSize        rssSwapSize         initTimeStamp       \n";
 
-// A row written with the daemon's own formats, in the full or normal variant.
-std::string Row(bool full, const char* comm, int pid, long anonKb) {
+// A row written with the daemon's own format for the variant the top screen
+// and the exporter read (tasks prints the daemon's text as it is).
+std::string Row(const char* comm, int pid, long anonKb) {
     char row[512];
-    if (full) {
-        snprintf(row, sizeof(row),
-                 "   %-12d%-12d%-12d%-13d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld "
-                 "KB%17ld KB%17ld KB%20ld\n",
-                 pid, 1, 3, 2, 1000u, anonKb, anonKb - 4, 20L, 20L, 0L, 0L, 0L, 0L, 1700000000L);
-    } else {
-        snprintf(row, sizeof(row), "   %-12d%-12d%-12d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%20ld\n",
-                 pid, 1, 3, 0u, anonKb, 8L, 0L, 0L, 1700000000L);
-    }
+    snprintf(row, sizeof(row), "   %-12d%-12d%-12d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%20ld\n",
+             pid, 1, 3, 1000u, anonKb, 8L, 0L, 0L, 1700000000L);
     std::string name = comm;
     name.resize(std::max<size_t>(16, name.size()), ' ');
     return name + row;
 }
 
-TEST(TaskDumpTest, ParsesBothVariantsWithAwkwardNamesAndRejectsTheRest) {
-    const std::string full = std::string(kHeader) + kFullColumns +
-                             Row(true, "web content", 10, 900) +
-                             Row(true, "0123456789abcdef", 11, -5) + Row(true, "x", 12, 0);
+TEST(TaskDumpTest, ParsesAwkwardNamesAndRejectsTheRest) {
+    const std::string text = std::string(kHeader) + kNormalColumns + Row("web content", 10, 900) +
+                             Row("0123456789abcdef", 11, -5) + Row("x", 12, 0);
     TaskDump dump;
     std::string error;
-    ASSERT_TRUE(ParseTaskDump(full, &dump, &error)) << error;
+    ASSERT_TRUE(ParseTaskDump(text, &dump, &error)) << error;
     EXPECT_EQ(std::make_tuple(dump.full, dump.count, dump.time),
-              std::make_tuple(true, 3u, int64_t{1700000123}));
+              std::make_tuple(false, 3u, int64_t{1700000123}));
     ASSERT_EQ(dump.rows.size(), 3u);
     const TaskRow& row = dump.rows[0];
-    EXPECT_EQ(std::make_tuple(row.comm, row.anonKb, row.oldAnonKb, row.oldThreads, row.uid),
-              std::make_tuple(std::string("web content"), int64_t{900}, int64_t{896}, 2, 1000u));
+    EXPECT_EQ(std::make_tuple(row.comm, row.anonKb, row.fileKb, row.uid, row.initTimestamp),
+              std::make_tuple(std::string("web content"), int64_t{900}, int64_t{8}, 1000u,
+                              int64_t{1700000000}));
     EXPECT_EQ(std::tie(dump.rows[1].comm, dump.rows[1].anonKb, dump.rows[2].comm),
               std::make_tuple("0123456789abcdef", -5, "x"));
-
-    const std::string normal =
-        std::string(kHeader) + kNormalColumns + Row(false, "kworker/0:1", 20, 0);
-    ASSERT_TRUE(ParseTaskDump(normal, &dump, &error)) << error;
-    EXPECT_FALSE(dump.full);
-    ASSERT_EQ(dump.rows.size(), 1u);
-    EXPECT_EQ(std::make_tuple(dump.rows[0].comm, dump.rows[0].fileKb, dump.rows[0].initTimestamp),
-              std::make_tuple(std::string("kworker/0:1"), int64_t{8}, int64_t{1700000000}));
     // Text that is no dump, or a row that is no row, is refused.
     EXPECT_FALSE(ParseTaskDump("hello\nworld\n", &dump, &error));
-    EXPECT_FALSE(ParseTaskDump(std::string(kHeader) + kFullColumns + "a 1 2 3\n", &dump, &error));
+    EXPECT_FALSE(ParseTaskDump(std::string(kHeader) + kNormalColumns + "a 1 2 3\n", &dump, &error));
 }
 
 // Statistics with the daemon's formats: newest second first.
