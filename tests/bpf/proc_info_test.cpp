@@ -7,7 +7,6 @@
 
 #include <climits>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -93,12 +92,6 @@ TEST(ProcessInfoTest, ReadsThisProcessFromRealProcAndLeavesAVanishedOneAlone) {
               std::string(sizeof(info), 0x5a));
     quor_task_init_record goneRecord;
     EXPECT_FALSE(ReadTaskInitRecord(std::to_string(gone), &goneRecord));
-
-    std::set<std::string> pids;
-    ASSERT_EQ(ForEachProcPid([&pids](const std::string& name) { pids.insert(name); }), 0);
-    EXPECT_EQ(pids.count(std::to_string(getpid())), 1u);
-    EXPECT_EQ(pids.count("1"), 1u);
-    EXPECT_EQ(pids.count("self"), 0u);
 
     // Last, as it may end the test: qemu-user answers a process's reads of
     // its own stat file with a synthetic copy whose thread count is 0.
