@@ -7,7 +7,6 @@
 
 #include <climits>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -47,12 +46,11 @@ std::string StatLine(size_t count, const std::vector<std::pair<size_t, std::stri
 
 }  // namespace
 
-TEST(FdinfoTest, FirstKeyedLineOrZeroAndNoDescriptorLeft) {
+TEST(FdinfoTest, FirstKeyedLineOrZero) {
     FakeProc dir;
     dir.File("dmabuf", "pos:\t0\nflags:\t02000002\nsize:\t4096\nino:\t123456789012\nsize:\t1\n");
     dir.File("noino", "pos:\t0\nsize:\t 77 bytes\n");
     dir.File("garbage", std::string("size:\tlots\nino:\t99999999999999999999999\0", 40));
-    const size_t fdsBefore = quortest::OpenDescriptors();
     const std::tuple<const char*, int64_t, uint64_t> cases[] = {
         {"dmabuf", 4096, 123456789012u}, {"noino", 77, 0}, {"garbage", 0, ULLONG_MAX}};
     for (const auto& [name, size, inode] : cases) {
@@ -60,7 +58,6 @@ TEST(FdinfoTest, FirstKeyedLineOrZeroAndNoDescriptorLeft) {
         EXPECT_EQ(QuorBpfService::GetFdInode(dir.root() + "/" + name), inode) << name;
     }
     EXPECT_EQ(QuorBpfService::GetFdSize(dir.root() + "/missing"), 0);
-    EXPECT_EQ(quortest::OpenDescriptors(), fdsBefore);
 }
 
 TEST(ProcessInfoTest, ReadsThisProcessFromRealProcAndLeavesAVanishedOneAlone) {
@@ -95,12 +92,6 @@ TEST(ProcessInfoTest, ReadsThisProcessFromRealProcAndLeavesAVanishedOneAlone) {
               std::string(sizeof(info), 0x5a));
     quor_task_init_record goneRecord;
     EXPECT_FALSE(ReadTaskInitRecord(std::to_string(gone), &goneRecord));
-
-    std::set<std::string> pids;
-    ASSERT_EQ(ForEachProcPid([&pids](const std::string& name) { pids.insert(name); }), 0);
-    EXPECT_EQ(pids.count(std::to_string(getpid())), 1u);
-    EXPECT_EQ(pids.count("1"), 1u);
-    EXPECT_EQ(pids.count("self"), 0u);
 
     // Last, as it may end the test: qemu-user answers a process's reads of
     // its own stat file with a synthetic copy whose thread count is 0.

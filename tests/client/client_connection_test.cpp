@@ -152,7 +152,6 @@ TEST(ClientConnectionTest, ResubscribesAfterTheServerRestarts) {
     std::promise<int32_t> answered;
     ASSERT_TRUE(client.subscribe(5, [&](int32_t status) { answered.set_value(status); }));
     EXPECT_EQ(answered.get_future().get(), 0);
-    EXPECT_EQ(Status(&client, 1234, 2), -1);
 
     // A request the server never answers is answered "disconnected" when the
     // connection goes.
@@ -171,12 +170,6 @@ TEST(ClientConnectionTest, ResubscribesAfterTheServerRestarts) {
         std::lock_guard<std::mutex> lock(events.mutex);
         return events.received == std::vector<std::pair<uint32_t, size_t>>{{5u, 40u}};
     }));
-
-    client.disconnect();
-    EXPECT_EQ(downs.load(), 2);
-    EXPECT_TRUE(WaitFor([&] { return server->subscribers(5) == 0; }));
-    ASSERT_TRUE(client.connect(2000));  // and again, with the same subscriptions
-    EXPECT_TRUE(WaitFor([&] { return server->subscribers(5) == 1; }));
 }
 
 TEST(ClientConnectionTest, AServerUnderAnotherUidIsRefusedUnlessNamed) {

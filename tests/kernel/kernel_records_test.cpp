@@ -17,7 +17,6 @@
 #include "bpf/quor_bpf_prog_attach.h"
 #include "service/quor_bpf_service.h"
 #include "tests/kernel/kernel_test_env.h"
-#include "tests/support/proc_self.h"
 #include "tests/support/vgem_dmabuf.h"
 
 using namespace Quor::Bpf;
@@ -168,17 +167,6 @@ TEST_F(KernelRecordsTest, ChildRecordsHaveTheirFieldsAndTheStatusBitsGateThem) {
     }
     EXPECT_EQ(std::make_tuple(forks[0], forks[1], exits[0], exits[1]), std::make_tuple(1, 1, 1, 1));
     EXPECT_GE(maxAnon, static_cast<int64_t>(kTouchBytes));
-}
-
-TEST_F(KernelRecordsTest, ContextSwitchesRefreshTheRingBufferFiguresWhileRecordsWait) {
-    StatusSet(status_, QUOR_STATUS_KEY_REFRESHED_NS, 0);
-    StatusSet(status_, QUOR_STATUS_KEY_RING_SIZE, 0);
-    ASSERT_TRUE(StatusSet(status_, QUOR_STATUS_KEY_FLAGS, QUOR_STATUS_CORE_ON));
-    (void)RunChild([] {});  // records nobody reads
-    // Each poll sleeps: a context switch of our own.
-    EXPECT_TRUE(quortest::WaitFor(
-        [&] { return StatusGet(status_, QUOR_STATUS_KEY_REFRESHED_NS) != 0; }, 5s, 1));
-    EXPECT_EQ(StatusGet(status_, QUOR_STATUS_KEY_RING_SIZE), 1u << 20);
 }
 
 TEST_F(KernelRecordsTest, GplSetWritesNoExitRecordsButReportsCgroupMoves) {

@@ -46,19 +46,15 @@ inline bool TracepointExists(const std::string& subsystem, const std::string& ev
     return PathExists("/sys/kernel/tracing/events/" + subsystem + "/" + event);
 }
 
-inline void KernelVersion(int* major, int* minor) {
-    utsname name = {};
-    (void)uname(&name);
-    (void)sscanf(name.release, "%d.%d", major, minor);
-}
-
 // Loads both programme sets into the private bpffs and gives the service's
 // compatibility rules the running kernel's version; "" or why to skip.
 inline std::string LoadProgrammeSets() {
     if (geteuid() != 0) return "needs root to load BPF programmes";
     if (!PathExists("/sys/kernel/btf/vmlinux")) return "the kernel has no BTF";
+    utsname name = {};
+    (void)uname(&name);
     int major = 0, minor = 0;
-    KernelVersion(&major, &minor);
+    (void)sscanf(name.release, "%d.%d", &major, &minor);
     android::base::SetProperty("ro.kernel.version",
                                std::to_string(major) + "." + std::to_string(minor));
     Quor::Bpf::QuorBpfLoadReport report;

@@ -34,8 +34,7 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
     FILE* out = open_memstream(&buffer, &size);
     TraceWriter writer(out);
     TraceModel model(&writer, [](int32_t) { return std::string("fromproc"); });
-    // The child is listed before its parent: still grouped with it.
-    model.AddRunning({{50, 100, "sleep", 1, 4096}, {100, 1, "sh", 1, 4096}}, 1000);
+    model.AddRunning({{100, 1, "sh", 1, 4096}}, 1000);
     const auto feed = [&](uint32_t type, const uint8_t* data, size_t length) {
         model.OnRecord(type, data, length, 999999999);
     };
@@ -59,24 +58,22 @@ TEST(TraceModelTest, AProcessLifeIsOneSliceWithCountersOnItsTrack) {
     EXPECT_EQ(text.rfind("{\"displayTimeUnit\":\"ms\",\"traceEvents\":[\n", 0), 0u);
     EXPECT_EQ(text.substr(text.size() - 4), "\n]}\n");
     EXPECT_EQ(model.undecodable(), 1u);
-    // The slice; the name the exit record carries; the window's last memory value only.
+    // The slice, the threads counter, the exit's name; the window's last memory value only.
     const std::string life = Lines(text, "\"pid\":200,");
     EXPECT_EQ(Lines(life, "\"name\":\"memory\""),
               "{\"ph\":\"C\",\"ts\":3.200,\"pid\":200,\"tid\":200,\"name\":\"memory\","
               "\"args\":{\"anon\":1835008,\"file\":0,\"swap\":0,\"shmem\":0}},\n");
     for (const char* line : {"{\"ph\":\"B\",\"ts\":2.000,\"pid\":200,\"tid\":200,\"name\":\"sh\","
                              "\"args\":{\"ppid\":100}}",
-                             "\"name\":\"process_labels\",\"args\":{\"labels\":\"parent: sh 100\"}",
                              "{\"ph\":\"C\",\"ts\":2.500,\"pid\":200,\"tid\":200,\"name\":"
                              "\"threads\",\"args\":{\"value\":2}}",
                              "{\"ph\":\"M\",\"ts\":4.000,\"pid\":200,\"name\":\"process_name\","
                              "\"args\":{\"name\":\"worker\"}}",
                              "{\"ph\":\"E\",\"ts\":4.000,\"pid\":200,\"tid\":200}"})
         EXPECT_NE(life.find(line), std::string::npos) << line;
-    // The seeded child shares its parent's group; open slices close at the end.
+    // A process known from procfs only is named from there; open slices close at the end.
     for (const char* line :
-         {"\"pid\":50,\"name\":\"process_labels\",\"args\":{\"labels\":\"parent: sh 100\"}",
-          "\"pid\":300,\"name\":\"process_name\",\"args\":{\"name\":\"fromproc\"}",
+         {"\"pid\":300,\"name\":\"process_name\",\"args\":{\"name\":\"fromproc\"}",
           "{\"ph\":\"E\",\"ts\":7.000,\"pid\":100,", "{\"ph\":\"E\",\"ts\":7.000,\"pid\":300,"})
         EXPECT_NE(text.find(line), std::string::npos) << line;
 }
