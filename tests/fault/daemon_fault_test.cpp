@@ -121,6 +121,10 @@ uint32_t MapId(const char* pin) {
     return id;
 }
 
+bool LogHas(const std::string& text) {
+    return ReadFile(kLogFile).find(text) != std::string::npos;
+}
+
 class DaemonFaultTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -168,13 +172,9 @@ TEST_F(DaemonFaultTest, RestartsOverKeptPinsServeAgainAndAMissingPinFailsOnlyIts
     daemon = std::make_unique<Daemon>(
         std::vector<std::string>{"--no-load", "--property", "sys.quor_bpf_ready=1"});
     ASSERT_TRUE(daemon->running());
-    EXPECT_TRUE(WaitFor(
-        [] {
-            return ReadFile(kLogFile).find(
-                       "[eventMonitor] QUORBPF: get ringbuf status map failed") !=
-                   std::string::npos;
-        },
-        std::chrono::seconds(30)));
+    EXPECT_TRUE(
+        WaitFor([] { return LogHas("[eventMonitor] QUORBPF: get ringbuf status map failed"); },
+                std::chrono::seconds(30)));
     EXPECT_TRUE(client.markerArrives(RINGBUF_MAP_PATHS[RINGBUF_GPL]));
     EXPECT_EQ(daemon->stop(), 0);
 }
