@@ -11,6 +11,7 @@
 
 #include "diag/quor_bpf_event_names.h"
 #include "diag/quor_bpf_state.h"
+#include "diag/quor_bpf_time.h"
 #include "tests/support/proc_self.h"
 
 using namespace Quor::Bpf;
@@ -66,7 +67,12 @@ TEST_F(StateTest, DumpSignalBeforeTheTimeBaseKeepsTheWindowSmall) {
     ASSERT_EQ(GetBasetime(), 0);
     QuorBpfDataState::GetInstance()->RecordEvent(1, 1);
     ASSERT_TRUE(InitBasetime());
-    ASSERT_GT(GetBasetime(), 0);
+    // The base is the boot time; the clocks read from the monotonic time on.
+    const std::string stat = quortest::ReadFile("/proc/stat");
+    ASSERT_EQ(GetBasetime(), std::stoll(stat.substr(stat.find("\nbtime ") + 7)));
+    const std::chrono::nanoseconds sinceBoot = std::chrono::steady_clock::now().time_since_epoch();
+    EXPECT_NEAR(GetSystemBootNanosencondsTime(), sinceBoot.count(), 1e9);
+    EXPECT_NEAR(GetSystemSecondsTime() - GetBasetime(), sinceBoot.count() / 1e9, 1);
     QuorBpfDataState::GetInstance()->RecordEvent(1, 1);
     QuorBpfDataState::GetInstance()->DumpState();
     const auto rows = ReadRows();

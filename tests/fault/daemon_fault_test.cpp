@@ -95,11 +95,11 @@ public:
         marker.header.type = kMarkerType;
         marker.pid = 4000003;
         const uint64_t before = markers_.load();
-        return PollUntil(
+        return WaitFor(
             [&] {
                 (void)injector.Inject(marker);
-                return PollUntil([&] { return markers_.load() > before; },
-                                 std::chrono::milliseconds(200), 5);
+                return WaitFor([&] { return markers_.load() > before; },
+                               std::chrono::milliseconds(200), 5);
             },
             std::chrono::seconds(30), 0);
     }
@@ -162,7 +162,7 @@ TEST_F(DaemonFaultTest, RestartsOverKeptPinsServeAgainAndAMissingPinFailsOnlyIts
 
     daemon = std::make_unique<Daemon>();
     ASSERT_TRUE(daemon->running());
-    EXPECT_TRUE(PollUntil([&] { return client.connections() == 2; }, std::chrono::seconds(30)));
+    EXPECT_TRUE(WaitFor([&] { return client.connections() == 2; }, std::chrono::seconds(30)));
     EXPECT_TRUE(client.markerArrives(RINGBUF_MAP_PATHS[RINGBUF_MAIN]));
     EXPECT_EQ(MapId(RINGBUF_MAP_PATHS[RINGBUF_MAIN]), ringId);
     EXPECT_EQ(MapId(RINGBUF_STATUS_PATHS[RINGBUF_MAIN]), statusId);
@@ -173,8 +173,8 @@ TEST_F(DaemonFaultTest, RestartsOverKeptPinsServeAgainAndAMissingPinFailsOnlyIts
         std::vector<std::string>{"--no-load", "--property", "sys.quor_bpf_ready=1"});
     ASSERT_TRUE(daemon->running());
     EXPECT_TRUE(
-        PollUntil([] { return LogHas("[eventMonitor] QUORBPF: get ringbuf status map failed"); },
-                  std::chrono::seconds(30)));
+        WaitFor([] { return LogHas("[eventMonitor] QUORBPF: get ringbuf status map failed"); },
+                std::chrono::seconds(30)));
     EXPECT_TRUE(client.markerArrives(RINGBUF_MAP_PATHS[RINGBUF_GPL]));
     EXPECT_EQ(daemon->stop(), 0);
 }

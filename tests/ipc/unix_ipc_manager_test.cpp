@@ -8,8 +8,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +19,10 @@ using namespace quortest;
 namespace {
 
 constexpr const char* kSocket = "quor-ipc-test";
+// This process's log (stderr) goes to a file: two tests count its lines.
+constexpr const char* kLogFile = "/data/unix_ipc_manager_test.log";
+const int gLog =
+    dup2(open(kLogFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), STDERR_FILENO);
 
 // Answers every type-2 package with a type-3 package holding the same body.
 class EchoServer : public PackageServer {
@@ -65,47 +67,7 @@ TEST(UnixIpcManagerTest, FramesSplitAcrossReceivesOrSharingOne) {
     EXPECT_EQ(ReadEcho(&client), "tail");
 }
 
-// Waiting to retry a connection must not hold up the endpoint's end (the
-// library client waits 5 s between attempts).
-TEST(UnixIpcManagerTest, StoppingEndsTheWaitBetweenConnectionAttempts) {
-    std::atomic<int> failures{0};
-    auto client = std::make_unique<UnixIpcManager>(false, 32768, kSocket, IpcHandlerState(), 4, 16);
-    client->setConnectRetryInterval(20);
-    client->setConnectFailureObserver([&failures](int) {
-        failures.fetch_add(1);
-        return true;
-    });
-    ASSERT_TRUE(client->start());
-    ASSERT_TRUE(WaitFor([&] { return failures.load() >= 1; }));  // nobody listens
-    client->setConnectRetryInterval(60000);
-    const int failed = failures.load();
-    ASSERT_TRUE(WaitFor([&] { return failures.load() > failed; }));  // now waits a minute
-    const auto before = std::chrono::steady_clock::now();
-    client.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
-}
-
-// Sends this process's log (stderr) to a file while it lives.
-class CapturedLog {
-public:
-    explicit CapturedLog(const char* path) : path_(path), saved_(dup(STDERR_FILENO)) {
-        const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        (void)dup2(fd, STDERR_FILENO);
-        close(fd);
-    }
-    ~CapturedLog() {
-        (void)dup2(saved_, STDERR_FILENO);
-        close(saved_);
-    }
-    size_t lines(const char* needle) const { return CountLines(path_, needle); }
-
-private:
-    const char* path_;
-    int saved_;
-};
-
 TEST(UnixIpcManagerTest, RunningOutOfDescriptorsNeitherSpinsNorFloodsTheLog) {
-    CapturedLog log("/data/unix_ipc_manager_test.log");
     EchoServer server;
     ASSERT_TRUE(server.listening);
     sockaddr_un addr;
@@ -130,7 +92,7 @@ TEST(UnixIpcManagerTest, RunningOutOfDescriptorsNeitherSpinsNorFloodsTheLog) {
     for (int fd : fillers) close(fd);  // reading procfs takes descriptors too
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
     const long cpuMs = ThreadCpuMs("TestServer") - cpuBefore;
-    const size_t failures = log.lines("Accept client failed");
+    const size_t failures = CountLines(kLogFile, "Accept client failed");
     EXPECT_LT(cpuMs, 200);
     EXPECT_TRUE(failures >= 1 && failures <= 6) << failures;
     for (int fd : clients) {
@@ -146,7 +108,6 @@ TEST(UnixIpcManagerTest, RunningOutOfDescriptorsNeitherSpinsNorFloodsTheLog) {
 }
 
 TEST(UnixIpcManagerTest, ServerOutlastsASquatter) {
-    CapturedLog log("/data/unix_ipc_manager_test.log");
     // Someone holds the name when the server starts, and lets go a second
     // later: the server listens then, having logged only a few failures.
     const int squatter = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -161,7 +122,7 @@ TEST(UnixIpcManagerTest, ServerOutlastsASquatter) {
     EchoServer server;
     leaver.join();
     ASSERT_TRUE(server.listening);
-    EXPECT_LE(log.lines("Create server Socket failed"), 4u);
+    EXPECT_LE(CountLines(kLogFile, "Create server Socket failed"), 4u);
     RawIpcClient first(kSocket);
     ASSERT_TRUE(first.send(Frame(2, "hello")));
     EXPECT_EQ(ReadEcho(&first), "hello");

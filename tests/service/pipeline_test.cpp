@@ -286,8 +286,8 @@ TEST(PipelineTest, AProcessEndsOnceWhenTheLossSweepCameBeforeItsExitRecord) {
 TEST(PipelineTest, ARestartedProducerRunsItsMonitorOnly) {
     QuorBpfService* service = QuorBpfService::GetInstance();
     const auto gplMonitors = [](int n) {
-        return quortest::PollUntil([n] { return quortest::ThreadsNamed("BpfServicePGpl") == n; },
-                                   std::chrono::seconds(10));
+        return quortest::WaitFor([n] { return quortest::ThreadsNamed("BpfServicePGpl") == n; },
+                                 std::chrono::seconds(10));
     };
     ASSERT_TRUE(gplMonitors(0));
     const size_t fdsBefore = quortest::OpenDescriptors();
@@ -302,7 +302,7 @@ TEST(PipelineTest, ARestartedProducerRunsItsMonitorOnly) {
     ASSERT_EQ(rename(kGplPinAway.c_str(), RINGBUF_MAP_PATHS[RINGBUF_GPL]), 0);
     service->superviseProducers();
     EXPECT_TRUE(gplMonitors(1));
-    EXPECT_TRUE(quortest::PollUntil(
+    EXPECT_TRUE(quortest::WaitFor(
         [] {
             return quortest::StatusWord(RINGBUF_GPL) ==
                    (QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON);

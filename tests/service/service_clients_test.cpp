@@ -1,11 +1,19 @@
-// The service's lifecycle and its clients: subscriptions, fan-out, hostile
-// and stalled peers. The service becomes ready only at the end, so records
-// enter through EventManager::AppendEvent as the monitors would hand them over.
+// The service's lifecycle and its clients: who may connect and how many at
+// once, subscriptions, fan-out, hostile and stalled peers. The service becomes
+// ready only at the end, so records enter through EventManager::AppendEvent as
+// the monitors would hand them over. Its log (stderr) goes to a file, so that
+// the refusals can be checked.
 #include <android-base/properties.h>
+#include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <memory>
@@ -19,6 +27,7 @@
 #include "quor/quor_bpf_records.h"
 #include "quor/quorbpf_client.h"
 #include "service/event_manager.h"
+#include "service/quor_bpf_service.h"
 #include "tests/support/live_service.h"
 #include "tests/support/raw_ipc_client.h"
 
@@ -29,6 +38,8 @@ using android::base::SetProperty;
 namespace {
 
 constexpr const char* kSocket = "/mnt/bpfframework/quorbpfdispatcher";
+constexpr const char* kLogFile = "/data/service_clients_test_stderr.log";
+constexpr int32_t kAccessType = QUOR_EVENT_FD_UPDATE;
 
 // A record of `type` and `size` bytes whose bytes after the type carry `seq`.
 std::string Record(uint32_t type, uint32_t seq, size_t size = 48) {
@@ -57,20 +68,55 @@ struct LibClient {
         return records;
     }
     size_t size() { return snapshot().size(); }
-    // Sends a request and waits for its status.
     int32_t ask(uint32_t command, int32_t type) {
-        auto answer = std::make_shared<std::promise<int32_t>>();
-        auto future = answer->get_future();
-        if (!client.sendRequest(command, type,
-                                [answer](int32_t status) { answer->set_value(status); }))
-            return INT32_MIN;
-        return future.wait_for(std::chrono::seconds(5)) == std::future_status::ready ? future.get()
-                                                                                     : INT32_MAX;
+        return Answer([&](auto done) { return client.sendRequest(command, type, done); });
     }
 };
 
 size_t Observers(int32_t type) {
     return EventManager::GetInstance()->GetEventObservers(type).size();
+}
+
+bool LogHas(const std::string& text) {
+    return WaitFor([&] { return ReadFile(kLogFile).find(text) != std::string::npos; });
+}
+
+// Connects as another user in a forked child (system calls only: safe after
+// a fork in a threaded process) and sends a subscription request: accepted if
+// an answer comes back, refused if the service closes the connection. With
+// supplementary groups the child first checks that the kernel reports them
+// (SO_PEERGROUPS; qemu's user-mode emulator does not pass the option on).
+enum class ProbeResult { kAccepted, kRefused, kError, kGroupsUnseen };  // 0 to 3 in test output
+
+ProbeResult ProbeAs(uid_t uid, gid_t gid, const std::vector<gid_t>& groups) {
+    const std::string request = Request(7, 51, 2);
+    sockaddr_un addr;
+    const socklen_t addrLen = AbstractAddress(kSocket, &addr);
+    const pid_t child = fork();
+    if (child < 0) return ProbeResult::kError;
+    if (child == 0) {
+        if (setgroups(groups.size(), groups.data()) != 0 || setgid(gid) != 0 || setuid(uid) != 0)
+            _exit(2);
+        int sv[2];
+        gid_t seen[8] = {};
+        socklen_t len = sizeof(seen);
+        if (!groups.empty() && (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0 ||
+                                getsockopt(sv[0], SOL_SOCKET, SO_PEERGROUPS, seen, &len) != 0 ||
+                                len != groups.size() * sizeof(gid_t)))
+            _exit(3);
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), addrLen) != 0) _exit(2);
+        if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(request.size())) {
+            _exit(1);  // already closed
+        }
+        pollfd p = {fd, POLLIN, 0};
+        char reply[64];
+        _exit(poll(&p, 1, 5000) != 1 ? 2 : recv(fd, reply, sizeof(reply), 0) > 0 ? 0 : 1);
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return ProbeResult::kError;
+    return static_cast<ProbeResult>(std::min(WEXITSTATUS(status), 3));
 }
 
 // The service singleton lives once per process: the suite starts it (after a
@@ -88,9 +134,15 @@ protected:
         ASSERT_EQ(system("mkdir -p /data/quorlog/stability/quorbpfframework && "
                          "echo previous > /data/quorlog/stability/quorbpfframework/error.log"),
                   0);
+        const int log = open(kLogFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        ASSERT_EQ(dup2(log, STDERR_FILENO), STDERR_FILENO);
+        close(log);
         SetProperty("sys.quor_bpf_ready", "0");
+        // The allow-lists are read at start; malformed entries are ignored.
+        SetProperty(QUOR_BPF_ALLOW_UIDS_PROPERTY, "1000, 65534,nobody,-1,65534x,4294967295");
+        SetProperty(QUOR_BPF_ALLOW_GIDS_PROPERTY, "4242,4343");
         ASSERT_EQ(BpfServiceMain(), 1);
-        EXPECT_EQ(access("/data/quorlog/stability/quorbpfframework/error.old.log", F_OK), 0);
+        EXPECT_EQ(ReadFile("/data/quorlog/stability/quorbpfframework/error.old.log"), "previous\n");
         ASSERT_TRUE(WaitFor([] { return RawIpcClient(kSocket).connected(); }));
     }
     static void TearDownTestSuite() {
@@ -106,29 +158,66 @@ protected:
     }
 };
 
-TEST_F(ServiceClientsTest, SubscribeReceiveUnsubscribeAndUnknownCommand) {
-    LibClient got;
-    ASSERT_TRUE(got.client.connect(5000));
+TEST_F(ServiceClientsTest, SixtyFifthClientIsRefusedAndTheOthersCarryOn) {
+    const size_t kLimit = QuorBpfService::MAX_CLIENT_CONNECTIONS;
+    std::vector<std::unique_ptr<RawIpcClient>> clients;
+    for (size_t i = 0; i < kLimit; ++i) {
+        clients.push_back(std::make_unique<RawIpcClient>(kSocket));
+        ASSERT_EQ(clients.back()->ask(i, 51, kAccessType), 0) << "client " << i;
+    }
+    ASSERT_EQ(Observers(kAccessType), kLimit);
 
-    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
-    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_TASK_NEW), 0);
-    EXPECT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);  // twice
-    EXPECT_EQ(got.ask(77, QUOR_EVENT_TASK_CREATE), -1);
+    // One more: the kernel completes the connection, the service closes it
+    // without reading or answering, and says so.
+    RawIpcClient extra(kSocket);
+    ASSERT_TRUE(extra.connected());
+    (void)extra.send(Request(999, 51, kAccessType));
+    EXPECT_TRUE(extra.waitClosed());
+    EXPECT_TRUE(LogHas("Refused client: 64 clients connected"));
+    EXPECT_EQ(Observers(kAccessType), kLimit);
 
-    const std::string fork = Record(QUOR_EVENT_TASK_CREATE, 1, sizeof(quor_fork_record));
-    const std::string composed = Record(QUOR_SERVICE_TASK_NEW, 3, sizeof(quor_task_new_event));
-    Append(fork);
-    Append(Record(QUOR_EVENT_TASK_EXIT, 2));  // not subscribed
-    Append(composed);
-    ASSERT_TRUE(WaitFor([&] { return got.size() == 2; }));
-    EXPECT_EQ(got.snapshot(), (std::vector<std::string>{fork, composed}));
+    // A place that frees up can be taken again.
+    clients.pop_back();
+    ASSERT_TRUE(WaitFor([&] { return Observers(kAccessType) == kLimit - 1; }));
+    RawIpcClient late(kSocket);
+    EXPECT_EQ(late.ask(1000, 51, kAccessType), 0);
+}
 
-    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_TASK_CREATE), 0);
-    EXPECT_EQ(got.ask(QUOR_BPF_COMMAND_UNSUBSCRIBE, QUOR_EVENT_DMABUF_SIZE), 0);
-    Append(fork);
-    Append(composed);  // still subscribed: marks the end of what may arrive
-    ASSERT_TRUE(WaitFor([&] { return got.size() == 3; }));
-    EXPECT_EQ(got.snapshot().back(), composed);
+TEST_F(ServiceClientsTest, PeersAreJudgedByTheirCredentialsAtAccept) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to connect as other users";
+    ASSERT_TRUE(WaitFor([] { return Observers(kAccessType) == 0; }));  // the last test's gone
+    struct Case {
+        const char* what;
+        uid_t uid;
+        gid_t gid;
+        std::vector<gid_t> groups;
+        ProbeResult expected;
+    };
+    const Case cases[] = {
+        {"root always", 0, 0, {}, ProbeResult::kAccepted},
+        {"an allowed uid", 65534, 65534, {}, ProbeResult::kAccepted},
+        {"a stranger", 65533, 65533, {}, ProbeResult::kRefused},
+        {"an allowed primary group", 65532, 4242, {}, ProbeResult::kAccepted},
+        {"an allowed supplementary group", 65531, 65531, {17, 4343}, ProbeResult::kAccepted},
+        {"groups not allowed", 65530, 65530, {17, 4344}, ProbeResult::kRefused},
+        {"a uid is not a gid", 65529, 1000, {}, ProbeResult::kRefused},
+    };
+    std::string notJudged;
+    for (const Case& c : cases) {
+        const ProbeResult result = ProbeAs(c.uid, c.gid, c.groups);
+        if (result == ProbeResult::kGroupsUnseen)
+            notJudged += std::string(notJudged.empty() ? "" : ", ") + c.what;
+        else
+            EXPECT_EQ(result, c.expected) << c.what << ": " << static_cast<int>(result);
+    }
+    EXPECT_TRUE(LogHas("uid 65533 gid 65533 is not allowed"));
+    EXPECT_TRUE(LogHas("ignored malformed id '65534x'"));
+    // The refused never got as far as a subscription.
+    EXPECT_TRUE(WaitFor([] { return Observers(kAccessType) == 0; }));
+    if (!notJudged.empty())
+        GTEST_SKIP() << "SO_PEERGROUPS reports no supplementary groups here (an emulator?); "
+                        "not judged: "
+                     << notJudged;
 }
 
 TEST_F(ServiceClientsTest, OnlyProducedTypesAreSubscribedAndEmptyListsGo) {
@@ -140,16 +229,15 @@ TEST_F(ServiceClientsTest, OnlyProducedTypesAreSubscribedAndEmptyListsGo) {
     ASSERT_TRUE(raw.send(Request(5, 51, QUOR_SERVICE_THREAD_CHANGE)));
     std::string response;
     ASSERT_TRUE(raw.readExact(40, &response));
-    std::string expected;
-    for (uint32_t word : {1u, 24u, 5u, 0u}) Put(&expected, word);
-    EXPECT_EQ(response, RawFrame(32, expected + std::string(16, '\0')));
+    EXPECT_EQ(response,
+              RawFrame(32, std::string("\1\0\0\0\x18\0\0\0\5", 9) + std::string(23, '\0')));
     // Twelve body bytes cannot hold the event type: refused, nothing changes.
     ASSERT_TRUE(raw.send(Frame(0, Request(7, 52, 0).substr(16, 12))));
     ASSERT_TRUE(raw.readExact(40, &response));
-    EXPECT_EQ(std::make_pair(GetU32(response, 16), GetU32(response, 20)),
-              std::make_pair(7u, 0xffffffffu));
+    EXPECT_EQ(response.substr(16, 8), std::string("\7\0\0\0\xff\xff\xff\xff", 8));
     EXPECT_EQ(Observers(QUOR_SERVICE_THREAD_CHANGE), 1u);
     ASSERT_EQ(raw.ask(6, 52, QUOR_SERVICE_THREAD_CHANGE), 0);
+    EXPECT_EQ(raw.ask(8, 77, QUOR_SERVICE_THREAD_CHANGE), -1);  // no such command
 
     // Types next to the produced ones are refused, and unsubscribing them
     // leaves no empty list behind.
@@ -172,6 +260,7 @@ TEST_F(ServiceClientsTest, HostileFramesNeverDisturbAnotherClientsStream) {
     LibClient got;
     ASSERT_TRUE(got.client.connect(5000));
     ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, kType), 0);
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, kType), 0);  // twice: still one copy each
 
     const std::string innerTooLong("\0\0\0\0\xe8\x03\0\0xxxxxxxx", 16);  // body length 1000
     const std::vector<std::string> attacks = {
@@ -216,7 +305,14 @@ TEST_F(ServiceClientsTest, HostileFramesNeverDisturbAnotherClientsStream) {
     EXPECT_TRUE(ErrorLogCount(2) > 0);  // the damaged frames were recorded
     // Every hostile subscriber is gone again; the victim is the one left.
     EXPECT_TRUE(WaitFor([&] { return Observers(kType) == 1; }));
-    EXPECT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_RSS_CHANGE), 0);
+    // The victim is still answered, and what it unsubscribes no longer comes.
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_UNSUBSCRIBE, kType), 0);
+    ASSERT_EQ(got.ask(QUOR_BPF_COMMAND_SUBSCRIBE, QUOR_SERVICE_RSS_CHANGE), 0);
+    const std::string last = Record(QUOR_SERVICE_RSS_CHANGE, 1, sizeof(quor_rss_change_event));
+    Append(Record(kType, 0, sizeof(quor_cgroup_attach_record)));
+    Append(last);  // marks the end of what may arrive
+    ASSERT_TRUE(WaitFor([&] { return got.size() == kRecords + 1; }));
+    EXPECT_EQ(got.snapshot().back(), last);
 }
 
 TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {

@@ -36,7 +36,6 @@ constexpr int kThreadsPerChild = 3;
 constexpr int32_t kMarkerPid = 4000001;
 
 std::string gStartError;
-std::string gSelf;
 
 // The storm driver: children that start threads and exit, a few at a time.
 int RunStorm(int seconds) {
@@ -69,7 +68,6 @@ int RunStorm(int seconds) {
     return 0;
 }
 
-// One connection subscribed to everything, counting what it gets.
 struct Counter {
     std::atomic<uint64_t> records{0};
     std::atomic<uint64_t> markers{0};
@@ -110,7 +108,7 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
         Counter warm;
         ASSERT_TRUE(warm.connect());
     }
-    ASSERT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(10)));
+    ASSERT_TRUE(WaitFor([] { return Subscribers() == 0; }, std::chrono::seconds(10)));
     const size_t fdsBefore = OpenDescriptors();
     const size_t heapBefore = HeapBytes();
 
@@ -122,10 +120,10 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
 
     const char* text = getenv("QUOR_STRESS_SECONDS");
     const std::string secondsText = std::to_string(text && atoi(text) > 0 ? atoi(text) : 60);
-    char* argv[] = {const_cast<char*>(gSelf.c_str()), const_cast<char*>("--storm"),
+    char* argv[] = {const_cast<char*>("storm"), const_cast<char*>("--storm"),
                     const_cast<char*>(secondsText.c_str()), nullptr};
     pid_t driver = -1;
-    ASSERT_EQ(posix_spawn(&driver, gSelf.c_str(), nullptr, nullptr, argv, environ), 0);
+    ASSERT_EQ(posix_spawn(&driver, "/proc/self/exe", nullptr, nullptr, argv, environ), 0);
 
     std::atomic<bool> storming{true};
     std::atomic<uint64_t> churned{0};
@@ -134,13 +132,13 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
         churners.emplace_back([&] {
             while (storming.load()) {
                 // Hang-ups are noticed late: never hold more than 64.
-                if (!PollUntil([] { return Subscribers() < kClients; }, std::chrono::seconds(5))) {
+                if (!WaitFor([] { return Subscribers() < kClients; }, std::chrono::seconds(5))) {
                     continue;
                 }
                 Counter c;
                 if (!c.connect()) continue;
-                PollUntil([&] { return c.records.load() > 50 || !storming.load(); },
-                          std::chrono::seconds(2));
+                WaitFor([&] { return c.records.load() > 50 || !storming.load(); },
+                        std::chrono::seconds(2));
                 churned.fetch_add(1);
             }
         });
@@ -160,7 +158,7 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     uint64_t least = UINT64_MAX, total = 0;
     for (size_t i = 0; i < stable.size(); ++i) {
         EXPECT_TRUE(
-            PollUntil([&] { return stable[i]->markers.load() == 1; }, std::chrono::seconds(60)))
+            WaitFor([&] { return stable[i]->markers.load() == 1; }, std::chrono::seconds(60)))
             << "client " << i << " no longer receives";
         EXPECT_EQ(stable[i]->malformed.load(), 0u);
         least = std::min<uint64_t>(least, stable[i]->records.load());
@@ -173,7 +171,7 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     // counts of the processes whose records were lost are read again.
     quor_fd_update_record nudge = {};
     nudge.header.type = QUOR_EVENT_FD_UPDATE;
-    EXPECT_TRUE(PollUntil(
+    EXPECT_TRUE(WaitFor(
         [&] {
             (void)injector.Inject(nudge);  // the monitor checks while records flow
             return (StatusWord(RINGBUF_MAIN) & QUOR_STATUS_OVERFLOW) == 0;
@@ -209,15 +207,15 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
     EXPECT_EQ(wrong, "") << "registered thread counts that differ from the kernel's";
 
     stable.clear();
-    EXPECT_TRUE(PollUntil([] { return Subscribers() == 0; }, std::chrono::seconds(30)));
-    EXPECT_TRUE(PollUntil([&] { return OpenDescriptors() <= fdsBefore; }, std::chrono::seconds(30)))
+    EXPECT_TRUE(WaitFor([] { return Subscribers() == 0; }, std::chrono::seconds(30)));
+    EXPECT_TRUE(WaitFor([&] { return OpenDescriptors() <= fdsBefore; }, std::chrono::seconds(30)))
         << OpenDescriptors() << " descriptors open, " << fdsBefore << " before";
     // The block pool may keep 4 MiB of freed blocks and the registry a few
     // processes whose exit was dropped; a leak per connection (two 32 KiB
     // buffers) or per record would exceed this many times over.
     const size_t allowance = size_t{5} << 20;
-    EXPECT_TRUE(PollUntil([&] { return HeapBytes() <= heapBefore + allowance; },
-                          std::chrono::seconds(30), 200))
+    EXPECT_TRUE(WaitFor([&] { return HeapBytes() <= heapBefore + allowance; },
+                        std::chrono::seconds(30), 200))
         << "heap " << HeapBytes() << " bytes after, " << heapBefore << " before";
     printf("%llu churned connections; records to stable clients: %llu (least %llu)\n",
            static_cast<unsigned long long>(churned.load()), static_cast<unsigned long long>(total),
@@ -227,9 +225,6 @@ TEST(ClientStormStressTest, SixtyFourClientsThroughAForkThreadAndExitStorm) {
 int main(int argc, char** argv) {
     if (argc == 3 && std::string(argv[1]) == "--storm") return RunStorm(atoi(argv[2]));
     ::testing::InitGoogleTest(&argc, argv);
-    char self[4096] = {};
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    gSelf = n > 0 ? std::string(self, static_cast<size_t>(n)) : argv[0];
     gStartError = StartLiveService();
     const int result = RUN_ALL_TESTS();
     (void)StopBpfService();

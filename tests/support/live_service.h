@@ -40,18 +40,12 @@ namespace quortest {
 
 using Clock = std::chrono::steady_clock;
 
-// Every type a client can subscribe to.
 inline constexpr auto kAllTypes = [] {
     std::array<int32_t, std::size(Quor::Bpf::kQuorEventTypes)> types = {};
     for (size_t i = 0; i < types.size(); ++i)
         types[i] = static_cast<int32_t>(Quor::Bpf::kQuorEventTypes[i].type);
     return types;
 }();
-
-inline bool PollUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit,
-                      int pollMs = 10) {
-    return WaitFor(condition, limit, pollMs);
-}
 
 inline uint64_t StatusWord(int index) {
     const int fd = bpf_obj_get(Quor::Bpf::RINGBUF_STATUS_PATHS[index]);
@@ -86,7 +80,7 @@ inline std::string StartLiveService(const std::function<void()>& beforeStart = n
     android::base::SetProperty("sys.quor_bpf_ready", "1");
     if (beforeStart) beforeStart();
     if (Quor::Bpf::BpfServiceMain() != 1) return "BpfServiceMain did not start the service";
-    const bool enabled = PollUntil(
+    const bool enabled = WaitFor(
         [] {
             return StatusWord(Quor::Bpf::RINGBUF_MAIN) ==
                    (QUOR_STATUS_CORE_ON | QUOR_STATUS_NORMAL_ON);
@@ -120,17 +114,22 @@ inline size_t ErrorLogCount(int code) {
     return CountLines(Quor::Bpf::BPF_SERVICE_ERROR_LOG, "ErrorCode: " + std::to_string(code));
 }
 
+// The status the service answers to the request `send` makes with the
+// callback it is given; INT32_MIN when none came within `limit`.
+template <typename Send>
+int32_t Answer(const Send& send, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    auto answer = std::make_shared<std::promise<int32_t>>();
+    auto future = answer->get_future();
+    if (!send([answer](int32_t status) { answer->set_value(status); })) return INT32_MIN;
+    return future.wait_for(limit) == std::future_status::ready ? future.get() : INT32_MIN;
+}
+
 // Subscribes `client` (a QuorBpfClient) to `type`; true once the service
 // accepted within `limit`.
 template <typename Client>
 bool Subscribed(Client& client, int32_t type,
                 std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-    auto answer = std::make_shared<std::promise<int32_t>>();
-    auto future = answer->get_future();
-    if (!client.subscribe(type, [answer](int32_t status) { answer->set_value(status); })) {
-        return false;
-    }
-    return future.wait_for(limit) == std::future_status::ready && future.get() == 0;
+    return Answer([&](auto done) { return client.subscribe(type, done); }, limit) == 0;
 }
 
 }  // namespace quortest

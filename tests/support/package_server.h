@@ -59,26 +59,12 @@ public:
 
     // Queues a package, or a response, for the client on `fd`.
     void send(int fd, uint32_t type, char* body, long length) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            const auto queue = queues_.find(fd);
-            if (queue == queues_.end()) return;
-            queue->second->buildAndAppendSecondIpcPackage(type, body, length);
-        }
-        server_->notifyNeedWriteData(fd);
+        append(fd, [&](IpcPackageManager* queue) {
+            queue->buildAndAppendSecondIpcPackage(type, body, length);
+        });
     }
     void respond(int fd, QuorRespIpcPackage* response) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            const auto queue = queues_.find(fd);
-            if (queue == queues_.end()) return;
-            queue->second->appendRespIpcPackage(response);
-        }
-        server_->notifyNeedWriteData(fd);
-    }
-    size_t clients() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return queues_.size();
+        append(fd, [&](IpcPackageManager* queue) { queue->appendRespIpcPackage(response); });
     }
 
     std::atomic<int> receives{0};
@@ -86,6 +72,17 @@ public:
     bool listening = false;
 
 private:
+    template <typename Append>
+    void append(int fd, const Append& add) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            const auto queue = queues_.find(fd);
+            if (queue == queues_.end()) return;
+            add(queue->second.get());
+        }
+        server_->notifyNeedWriteData(fd);
+    }
+
     std::mutex mutex_;
     std::map<int, std::unique_ptr<IpcPackageManager>> queues_;
     std::unique_ptr<IpcPackageHandler> packages_;

@@ -41,7 +41,6 @@ inline std::vector<std::string> ReadLines(const std::string& path) {
     return lines;
 }
 
-// Open descriptors of this process.
 inline size_t OpenDescriptors() {
     size_t count = 0;
     DIR* dir = opendir("/proc/self/fd");
@@ -51,17 +50,20 @@ inline size_t OpenDescriptors() {
     return count - 1;  // the directory stream itself
 }
 
-// Threads of this process named `name`.
-inline int ThreadsNamed(const std::string& name) {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/task");
-    while (const dirent* entry = dir ? readdir(dir) : nullptr) {
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string text;
-        count += std::getline(comm, text) && text == name;
+// The /proc/self/task directories of this process's threads named `name`.
+inline std::vector<std::string> ThreadDirs(const std::string& name) {
+    std::vector<std::string> dirs;
+    DIR* tasks = opendir("/proc/self/task");
+    while (const dirent* task = tasks != nullptr ? readdir(tasks) : nullptr) {
+        const std::string dir = std::string("/proc/self/task/") + task->d_name;
+        if (task->d_name[0] != '.' && ReadFile(dir + "/comm") == name + "\n") dirs.push_back(dir);
     }
-    if (dir) closedir(dir);
-    return count;
+    if (tasks != nullptr) closedir(tasks);
+    return dirs;
+}
+
+inline int ThreadsNamed(const std::string& name) {
+    return static_cast<int>(ThreadDirs(name).size());
 }
 
 // The "Threads:" line of a process's status file; -1 when it is gone.
@@ -72,7 +74,6 @@ inline int KernelThreadCount(int pid) {
     return -1;
 }
 
-// Lines of the file at `path` that contain `needle`.
 inline size_t CountLines(const std::string& path, const std::string& needle) {
     size_t count = 0;
     for (const std::string& line : ReadLines(path)) count += line.find(needle) != std::string::npos;
@@ -82,23 +83,17 @@ inline size_t CountLines(const std::string& path, const std::string& needle) {
 // CPU time (user + system, ms) used so far by this process's thread named
 // `name`; -1 when there is none.
 inline long ThreadCpuMs(const std::string& name) {
-    DIR* tasks = opendir("/proc/self/task");
-    long result = -1;
-    while (const dirent* task = tasks != nullptr && result < 0 ? readdir(tasks) : nullptr) {
-        const std::string dir = std::string("/proc/self/task/") + task->d_name;
-        if (task->d_name[0] == '.' || ReadFile(dir + "/comm") != name + "\n") continue;
-        // Fields 14 and 15 (utime, stime) follow the ")" that ends the name.
-        const std::string stat = ReadFile(dir + "/stat");
-        const size_t end = stat.rfind(')');
-        unsigned long utime = 0, stime = 0;
-        if (end != std::string::npos &&
-            sscanf(stat.c_str() + end + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
-                   &utime, &stime) == 2) {
-            result = static_cast<long>((utime + stime) * 1000 / sysconf(_SC_CLK_TCK));
-        }
+    const std::vector<std::string> dirs = ThreadDirs(name);
+    // Fields 14 and 15 (utime, stime) follow the ")" that ends the name.
+    const std::string stat = dirs.empty() ? "" : ReadFile(dirs[0] + "/stat");
+    const size_t end = stat.rfind(')');
+    unsigned long utime = 0, stime = 0;
+    if (end == std::string::npos ||
+        sscanf(stat.c_str() + end + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
+               &utime, &stime) != 2) {
+        return -1;
     }
-    if (tasks != nullptr) closedir(tasks);
-    return result;
+    return static_cast<long>((utime + stime) * 1000 / sysconf(_SC_CLK_TCK));
 }
 
 }  // namespace quortest

@@ -28,7 +28,6 @@ inline uint32_t GetU32(const std::string& s, size_t at) {
     return v;
 }
 
-// The abstract address `name` and its length.
 inline socklen_t AbstractAddress(const std::string& name, sockaddr_un* addr) {
     *addr = {};
     addr->sun_family = AF_UNIX;
@@ -60,7 +59,6 @@ inline std::string Request(uint32_t reqId, uint32_t command, int32_t eventType) 
 
 class RawIpcClient {
 public:
-    // Connects to the abstract socket `name`.
     explicit RawIpcClient(const std::string& name)
         : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un addr;
@@ -141,7 +139,6 @@ public:
         return total;
     }
 
-    // True once the peer has closed the connection.
     bool waitClosed(int timeoutMs = 5000) {
         char chunk[4096];
         return WaitFor(

@@ -77,10 +77,7 @@ inline VgemDmabuf ExportVgemBuffer(int vgem, uint32_t width, uint32_t height) {
         close(prime.fd);
         return buffer;
     }
-    buffer.fd = prime.fd;
-    buffer.inode = st.st_ino;
-    buffer.size = dumb.size;
-    return buffer;
+    return {prime.fd, st.st_ino, dumb.size};
 }
 
 }  // namespace quor_test
