@@ -12,14 +12,16 @@
 // A producer that hands over records in batches (a ring-buffer reader
 // draining what has come since its last round) says so once
 // (BatchThisThread) and calls PublishPending after each batch: its records
-// bound for the same clients are framed one after the other into a pending
-// run, which is queued on all of them at once, with one notice to the
-// socket server per client, when the batch ends, when the run is full, when
-// a record for other clients comes and before any subscription changes.
-// Each client's share of a batch then costs one queue entry, one copy and
-// one wake-up instead of one per record. Any other thread's records are
-// queued at once. Records reach each client in the order they were
-// appended.
+// are framed one after the other into a run of its own, without a lock, and
+// the run goes to the clients when the batch ends or the run is full. Only
+// then are the records routed, by the subscriptions of that moment: the
+// frames for the same clients are queued on all of them at once, with one
+// notice to the socket server per client. A batch then costs one lock per
+// run instead of one per record, and each client's share of it one queue
+// entry, one copy and one wake-up. A client that subscribes meanwhile
+// receives the run's records of its types, one that unsubscribes does not.
+// Any other thread's records are queued at once. Records from one thread
+// reach each client in the order they were appended.
 //
 // Wiring: the service, holding quorRawEventManagerLock, sets the client map
 // (descriptor -> outgoing queue) and the server once at construction.
@@ -31,8 +33,8 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -58,16 +60,11 @@ public:
     // Records appended by the calling thread wait for its PublishPending
     // (or a full run) from now on.
     void BatchThisThread();
-    // Queues the pending run on its clients' queues now.
+    // Queues the calling thread's run on its subscribers' queues now.
     void PublishPending();
 
-    // The caller holds quorRawEventManagerLock. A pending run belongs to the
-    // clients of the map it was built for: it goes with it.
-    void setClientMapLocked(ClientMap* clients) {
-        pendingBytes_ = 0;
-        pendingFrames_ = 0;
-        clients_ = clients;
-    }
+    // The caller holds quorRawEventManagerLock.
+    void setClientMapLocked(ClientMap* clients) { clients_ = clients; }
     void setServerLocked(UnixIpcManager* server) { server_ = server; }
 
     // Types fd subscribed to, in subscription order.
@@ -82,11 +79,16 @@ private:
     EventManager() = default;
 
     // The caller holds the lock; overflows are left in *overflow.
-    void publishLocked(IpcPackageManager::Overflow* overflow);
-    // Queues one record on every client in `fds` by itself (records too
-    // large for a run).
+    // Routes a run of whole frames to the current subscribers of each.
+    void publishRunLocked(const char* run, size_t bytes, IpcPackageManager::Overflow* overflow);
+    // Queues `bytes` of whole frames on every client in `fds` as one entry.
+    void queueFramesLocked(const char* frames, size_t bytes, const std::vector<int>& fds,
+                           IpcPackageManager::Overflow* overflow);
+    // Queues one record on every client in `fds` by itself.
     void appendAloneLocked(char* data, unsigned long len, const std::vector<int>& fds,
                            IpcPackageManager::Overflow* overflow);
+    // Subscribers of eventType; null for none.
+    const std::vector<int>* subscribersLocked(int32_t eventType) const;
     // fd's queue; null, with a log, when fd is no client of the server.
     IpcPackageManager* clientLocked(int fd);
     // Asks the server to write to fd when its queue was empty (or now and
@@ -99,14 +101,6 @@ private:
     UnixIpcManager* server_ = nullptr;
     // Whether events_ holds anything; written under the lock, read without.
     std::atomic<bool> anySubscriber_{false};
-
-    // The pending run: whole frames for pendingFds_, in append order.
-    static constexpr size_t kRunBytes = 16384;
-    std::unique_ptr<char[]> pending_{new char[kRunBytes]};
-    size_t pendingBytes_ = 0;
-    uint32_t pendingFrames_ = 0;
-    std::vector<int> pendingFds_;
-    int32_t pendingType_ = 0;  // of the run's last record
 
     // Read without the lock on every record; created under it.
     static std::atomic<EventManager*> instance;
