@@ -348,6 +348,38 @@ TEST_F(ServiceClientsTest, ReusedDescriptorStartsCleanAfterEitherClose) {
     }
 }
 
+// A reader's batch holds several types: each client gets exactly the records
+// of its own types, in order, and a type nobody wants is dropped.
+TEST_F(ServiceClientsTest, ABatchOfMixedTypesReachesEachClientInOrder) {
+    constexpr int32_t kA = QUOR_EVENT_FD_UPDATE;
+    constexpr int32_t kB = QUOR_EVENT_DMABUF_UPDATE;
+    constexpr int32_t kC = QUOR_SERVICE_RSS_CHANGE;
+    LibClient ab, ac;
+    ASSERT_TRUE(ab.client.connect(5000) && ac.client.connect(5000));
+    for (const int32_t type : {kA, kB}) ASSERT_EQ(ab.ask(QUOR_BPF_COMMAND_SUBSCRIBE, type), 0);
+    for (const int32_t type : {kA, kC}) ASSERT_EQ(ac.ask(QUOR_BPF_COMMAND_SUBSCRIBE, type), 0);
+    const std::vector<int32_t> types = {kA, kB, kB, QUOR_EVENT_TASK_INIT, kA, kC, kA};
+    std::thread reader([&] {
+        EventManager::GetInstance()->BatchThisThread();
+        for (int round = 0; round < 300; ++round) {  // several runs, some split where they fill
+            for (size_t i = 0; i < types.size(); ++i) Append(Record(types[i], round * 10 + i));
+            if (round % 100 == 99) EventManager::GetInstance()->PublishPending();
+        }
+    });
+    reader.join();
+    std::vector<std::string> wantAb, wantAc;
+    for (int round = 0; round < 300; ++round) {
+        for (size_t i = 0; i < types.size(); ++i) {
+            const std::string record = Record(types[i], round * 10 + i);
+            if (types[i] == kA || types[i] == kB) wantAb.push_back(record);
+            if (types[i] == kA || types[i] == kC) wantAc.push_back(record);
+        }
+    }
+    ASSERT_TRUE(WaitFor([&] { return ab.size() >= wantAb.size() && ac.size() >= wantAc.size(); }));
+    EXPECT_TRUE(ab.snapshot() == wantAb);
+    EXPECT_TRUE(ac.snapshot() == wantAc);
+}
+
 // A client that floods requests and never reads its answers: its full
 // socket costs the socket thread little, and another client is answered.
 TEST_F(ServiceClientsTest, ARequestFloodWithoutReadingCostsLittleAndStallsNoOne) {
