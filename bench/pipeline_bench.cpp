@@ -593,11 +593,13 @@ int main() {
         }
         fprintf(stderr,
                 "rep %d: 1 client %.0f/s, 8 clients %.0f/s each, baseline %.0f/s, 8 sockets "
-                "%.0f/s each; cpu %.0f vs %.0f ns/rec; p99 at 200/s %.0f us (low latency %.0f, "
+                "%.0f/s each; cpu %.0f vs %.0f ns/rec (8 clients %.0f vs %.0f); p99 at 200/s %.0f us "
+                "(low latency %.0f, "
                 "baseline %.0f), at 100k/s %.0f us (%.0f, %.0f)\n",
                 i, rep.one.perClientPerS, rep.eight.perClientPerS, rep.baseline.perClientPerS,
                 rep.baselineEight.perClientPerS, rep.one.cpuNsPerRecord,
-                rep.baseline.cpuNsPerRecord, rep.latency[1].p99Us, rep.lowLatency[1].p99Us,
+                rep.baseline.cpuNsPerRecord, rep.eight.cpuNsPerRecord,
+                rep.baselineEight.cpuNsPerRecord, rep.latency[1].p99Us, rep.lowLatency[1].p99Us,
                 rep.baselineLatency[1].p99Us, rep.latency[3].p99Us, rep.lowLatency[3].p99Us,
                 rep.baselineLatency[3].p99Us);
         reps.push_back(rep);
