@@ -19,6 +19,25 @@ std::atomic<QuorTaskManager*> QuorTaskManager::instance{nullptr};
 
 namespace {
 
+// Set while the calling thread holds quorTaskManagerLock for a batch.
+thread_local bool tBatchHeld = false;
+
+// The registry's lock, unless this thread already holds it for its batch.
+class RegistryLock {
+public:
+    RegistryLock() : taken_(!tBatchHeld) {
+        if (taken_) QuorTaskManager::quorTaskManagerLock.lock();
+    }
+    ~RegistryLock() {
+        if (taken_) QuorTaskManager::quorTaskManagerLock.unlock();
+    }
+    RegistryLock(const RegistryLock&) = delete;
+    RegistryLock& operator=(const RegistryLock&) = delete;
+
+private:
+    const bool taken_;
+};
+
 constexpr const char* TASK_DUMP_HEADER =
     "============ DUMP ALL QUOR TASKS INFO (count: %u, time: %lu) ============\n";
 constexpr const char* TASK_COLUMNS_FULL[3] = {
@@ -72,10 +91,20 @@ void WriteRow(FILE* out, const QuorTask& t, bool full) {
 
 }  // namespace
 
+QuorTaskManager::BatchHold::BatchHold() {
+    quorTaskManagerLock.lock();
+    tBatchHeld = true;
+}
+
+QuorTaskManager::BatchHold::~BatchHold() {
+    tBatchHeld = false;
+    quorTaskManagerLock.unlock();
+}
+
 QuorTaskManager* QuorTaskManager::GetInstance() {
     QuorTaskManager* current = instance.load(std::memory_order_acquire);
     if (current != nullptr) return current;
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     current = instance.load(std::memory_order_relaxed);
     if (current == nullptr) {
         current = new QuorTaskManager();
@@ -85,20 +114,20 @@ QuorTaskManager* QuorTaskManager::GetInstance() {
 }
 
 int QuorTaskManager::AddQuorTask(int32_t pid, QuorTask task) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     // Assignment keeps the node, so pointers to a replaced record stay valid.
     quorTaskMap_[pid] = task;
     return 0;
 }
 
 QuorTask* QuorTaskManager::GetQuorTask(int32_t pid) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     auto it = quorTaskMap_.find(pid);
     return it == quorTaskMap_.end() ? nullptr : &it->second;
 }
 
 bool QuorTaskManager::GetQuorTaskCopy(int32_t pid, QuorTask* out) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     auto it = quorTaskMap_.find(pid);
     if (it == quorTaskMap_.end()) return false;
     if (out != nullptr) *out = it->second;
@@ -106,7 +135,7 @@ bool QuorTaskManager::GetQuorTaskCopy(int32_t pid, QuorTask* out) {
 }
 
 bool QuorTaskManager::UpdateQuorTask(int32_t pid, const std::function<void(QuorTask&)>& fn) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     auto it = quorTaskMap_.find(pid);
     if (it == quorTaskMap_.end()) return false;
     if (fn) fn(it->second);
@@ -114,7 +143,7 @@ bool QuorTaskManager::UpdateQuorTask(int32_t pid, const std::function<void(QuorT
 }
 
 int QuorTaskManager::DelQuorTask(int32_t pid) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     errno = 0;
     auto it = quorTaskMap_.find(pid);
     if (it == quorTaskMap_.end()) {
@@ -132,19 +161,19 @@ int QuorTaskManager::DelQuorTask(int32_t pid) {
 }
 
 QuorTask* QuorTaskManager::GetQuorTaskByMmid(uint32_t mmId) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     auto it = mmIdIndex_.find(mmId);
     return it == mmIdIndex_.end() ? nullptr : it->second;
 }
 
 int QuorTaskManager::AddMmidIndex(uint32_t mmId, QuorTask* task) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     mmIdIndex_[mmId] = task;
     return 0;
 }
 
 int QuorTaskManager::DelMmidIndex(uint32_t mmId) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     errno = 0;
     if (mmIdIndex_.erase(mmId) == 0) {
         errno = ENOENT;
@@ -154,19 +183,19 @@ int QuorTaskManager::DelMmidIndex(uint32_t mmId) {
 }
 
 int QuorTaskManager::AddRssTempTask(uint32_t mmId, QuorTask task) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     rssTempTaskMap_[mmId] = task;
     return 0;
 }
 
 QuorTask* QuorTaskManager::GetRssTempTask(uint32_t mmId) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     auto it = rssTempTaskMap_.find(mmId);
     return it == rssTempTaskMap_.end() ? nullptr : &it->second;
 }
 
 int QuorTaskManager::DelRssTempTask(uint32_t mmId) {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     errno = 0;
     // Absence is reported through errno only; callers rely on the 0.
     if (rssTempTaskMap_.erase(mmId) == 0) errno = ENOENT;
@@ -174,12 +203,12 @@ int QuorTaskManager::DelRssTempTask(uint32_t mmId) {
 }
 
 uint32_t QuorTaskManager::GetQuorTaskCount() {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     return static_cast<uint32_t>(quorTaskMap_.size());
 }
 
 std::vector<int32_t> QuorTaskManager::GetQuorTaskPids() {
-    std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+    RegistryLock lock;
     std::vector<int32_t> pids;
     pids.reserve(quorTaskMap_.size());
     for (const auto& entry : quorTaskMap_) pids.push_back(entry.first);
@@ -209,7 +238,7 @@ void QuorTaskManager::dump(bool full, bool ignoreKernel) {
     std::vector<QuorTask> tasks;
     uint32_t count = 0;
     {
-        std::lock_guard<std::mutex> lock(quorTaskManagerLock);
+        RegistryLock lock;
         count = static_cast<uint32_t>(quorTaskMap_.size());
         tasks.reserve(quorTaskMap_.size());
         for (const auto& entry : quorTaskMap_) {

@@ -1,9 +1,11 @@
 // Kernel records -> task registry updates and the service's own events.
 //
 // Handlers run on both producer threads. Registry records are changed only
-// through QuorTaskManager::UpdateQuorTask (under the registry lock), procfs is
-// read outside that lock, and events are sent after it is released, so no
-// handler holds two locks at once.
+// through QuorTaskManager::UpdateQuorTask (under the registry lock), and
+// events are sent after it returns. The main reader holds the registry lock
+// for each drain of its ring buffer, so its handlers run with it held and take
+// the service's other locks inside it; no thread takes the registry lock while
+// it holds another of them.
 #include <signal.h>
 #include <time.h>
 
@@ -274,7 +276,7 @@ int QuorBpfService::handleKmem_RssStat(char* data, long len) {
 
     // One registry visit in the common case; a process still carrying a
     // generic name is re-read from procfs (at most every 2 seconds) outside
-    // the registry lock, and then visited again.
+    // the update, and then visited again.
     QuorTaskManager* tasks = QuorTaskManager::GetInstance();
     RssUpdate update;
     update.rec = &rec;

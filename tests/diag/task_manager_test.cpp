@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "diag/quor_bpf_task_manager.h"
@@ -85,6 +88,26 @@ TEST_F(TaskManagerTest, ReplacedInPlaceAndDeletedWithItsIndexEntries) {
     EXPECT_EQ(tasks->GetQuorTaskByMmid(101), nullptr);
     EXPECT_EQ(tasks->GetQuorTaskByMmid(200), tasks->GetQuorTask(43));
     EXPECT_EQ(tasks->DelMmidIndex(200), 0);
+}
+
+// A batch's holder uses the registry freely; another thread waits for the
+// batch to end, and what it reads then is the batch's work.
+TEST_F(TaskManagerTest, ABatchKeepsOtherThreadsOutUntilItEnds) {
+    std::atomic<bool> counted{false};
+    std::thread other;
+    {
+        QuorTaskManager::BatchHold hold;
+        Add(MakeTask(50, "batch", 0));
+        other = std::thread([&] {
+            EXPECT_EQ(tasks->GetQuorTaskCount(), 2u);
+            counted.store(true);
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(counted.load());
+        Add(MakeTask(51, "batch", 0));
+    }
+    other.join();
+    EXPECT_TRUE(counted.load());
 }
 
 TEST_F(TaskManagerTest, DumpsOrderRowsAndSkipKernelTasks) {
