@@ -208,10 +208,11 @@ struct RssUpdate {
     quor_rss_change_event event = {};
 
     static bool MayRefresh(const std::map<std::string, std::string>& names, const char* comm) {
-        if (names.empty()) return false;
-        const size_t length = strnlen(comm, QUOR_COMM_LEN);
+        // comm holds QUOR_COMM_LEN bytes, not always terminated.
         for (const auto& name : names) {
-            if (name.first.size() == length && memcmp(name.first.data(), comm, length) == 0) {
+            const size_t length = name.first.size();
+            if (length <= QUOR_COMM_LEN && memcmp(name.first.data(), comm, length) == 0 &&
+                (length == QUOR_COMM_LEN || comm[length] == '\0')) {
                 return true;
             }
         }
@@ -239,12 +240,14 @@ struct RssUpdate {
                                SubAbs(task.rssAnonSize, task.rssAnonOldSize) +
                                SubAbs(task.rssSwapSize, task.rssSwapOldSize) +
                                SubAbs(task.rssShmemSize, task.rssShmemOldSize);
-        // Cheapest first: most records move a process by less than a report.
+        // Cheapest first: most records move a process by less than a report,
+        // and a young process's records (its old sizes stay until its first
+        // report) would otherwise all reach the name comparisons.
         if (change < kRssReportBytes) return;
-        if (ExcludedFromRssReports(task)) return;
         if (static_cast<int64_t>(rec->header.timestamp_ns) - task.createTime < kSettleTimeNs) {
             return;
         }
+        if (ExcludedFromRssReports(task)) return;
         event = {QUOR_SERVICE_RSS_CHANGE,
                  task.pid,
                  task.ppid,

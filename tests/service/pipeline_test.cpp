@@ -193,6 +193,43 @@ TEST(PipelineTest, ChildLifetimeReachesTheClientInOrder) {
     EXPECT_FALSE(Registered(child));
 }
 
+// A process still carrying its parent's generic name ("main") is named from
+// procfs when its memory changes, at most every 2 seconds.
+TEST(PipelineTest, AGenericNameIsReadFromProcfsWhenMemoryChanges) {
+    char selfComm[16] = {};
+    int ready[2];
+    ASSERT_EQ(prctl(PR_GET_NAME, selfComm), 0);
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(prctl(PR_SET_NAME, "main"), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)prctl(PR_SET_NAME, "named");
+        (void)!write(ready[1], "x", 1);
+        pause();
+        _exit(0);
+    }
+    (void)prctl(PR_SET_NAME, selfComm);
+    ASSERT_GT(child, 0);
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    close(ready[1]);
+    ASSERT_TRUE(gEnv->events.waitFor(child, QUOR_SERVICE_TASK_NEW, 1));
+    EXPECT_STREQ(gEnv->events.of(child, QUOR_EVENT_TASK_CREATE).front().as<quor_fork_record>().comm,
+                 "main");
+    // The child's own first records may have found it not yet renamed.
+    const bool named = quortest::WaitFor(
+        [&] {
+            Inject(Rss(child, 3 * kSecond, QUOR_RSS_ANON, 4096));
+            const QuorTask task = gEnv->Checkpoint() ? TaskOf(child) : QuorTask{};
+            return strncmp(task.comm, "named", sizeof(task.comm)) == 0 && task.ppid == getpid();
+        },
+        std::chrono::seconds(5), 200);
+    (void)kill(child, SIGKILL);
+    (void)waitpid(child, nullptr, 0);
+    EXPECT_TRUE(named);
+}
+
 TEST(PipelineTest, ThreadChangesAreReportedAfterThreeSecondsAndElevenThreads) {
     const int32_t pid = kFakePidBase + 1;
     const uint64_t t0 = 1000 * kSecond;
