@@ -283,7 +283,8 @@ int main(int argc, char** argv) {
 
     if (!shutRatios.empty()) {
         AddRow("3.6 storm rate, programmes attached, gate shut (storms/s)",
-               Format("%.0f", Median(shutRates)), "without", Median(shutRatios), "-", "");
+               Format("%.0f", Median(shutRates)),
+               Format("%.0f (without)", Median(series[0].without)), Median(shutRatios), "-", "");
     }
 
     // Each programme's own time: statistics on, working and then with the
