@@ -232,6 +232,9 @@ int QuorBpfService::runMonitor(int index) {
     tRoundTally = &tally;
     int consecutiveErrors = 0;
     while (true) {
+        // Events this thread produced between rounds (a loss sweep's exits)
+        // must not wait for the next record.
+        EventManager::GetInstance()->PublishPending();
         if (!running_.load()) {
             QLOGW(QUOR_TAG_SERVICE, "%s", kMonitorText[index].stopMessage);
             // Whoever reads next is woken by the pacing rule until it says
