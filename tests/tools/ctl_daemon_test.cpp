@@ -164,8 +164,9 @@ TEST_F(CtlDaemonTest, ExporterCountsAKnownWorkloadOverHttp) {
     if (Shell(kPython + " -c 'import prometheus_client'").code != 0) {
         GTEST_SKIP() << "python3-prometheus-client is missing (scripts/install-deps.sh)";
     }
-    // Scrapes until connected, forks 20 short children, scrapes until they
-    // are counted.
+    // Scrapes until connected and a first child is counted (the exporter
+    // says it is connected before the service has its subscriptions), forks
+    // 20 short children, scrapes until they are counted.
     const Output check = Shell(
         kPython +
         " -c \"import os, sys, time, urllib.request\n"
@@ -182,11 +183,14 @@ TEST_F(CtlDaemonTest, ExporterCountsAKnownWorkloadOverHttp) {
         "        if ok(m): return m\n"
         "        time.sleep(0.1)\n"
         "    raise AssertionError(m)\n"
-        "before = wait(lambda m: m[('quorbpf_exporter_connected', ())] == 1)\n"
-        "for _ in range(20):\n"
+        "def child():\n"
         "    pid = os.fork()\n"
         "    if pid == 0: os._exit(0)\n"
         "    os.waitpid(pid, 0)\n"
+        "first = wait(lambda m: m[('quorbpf_exporter_connected', ())] == 1)\n"
+        "before = wait(lambda m: child() or m[('quorbpf_processes_ended_total', ())] >\n"
+        "              first[('quorbpf_processes_ended_total', ())])\n"
+        "for _ in range(20): child()\n"
         "names = [('quorbpf_processes_started_total', ()), ('quorbpf_processes_ended_total', ()),\n"
         "         ('quorbpf_events_total', (('type', 'sched_task_create'),))]\n"
         "after = wait(lambda m: all(m[n] - before[n] >= 20 for n in names))\n"
