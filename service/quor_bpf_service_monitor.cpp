@@ -232,9 +232,6 @@ int QuorBpfService::runMonitor(int index) {
     tRoundTally = &tally;
     int consecutiveErrors = 0;
     while (true) {
-        // Events this thread produced between rounds (a loss sweep's exits)
-        // must not wait for the next record.
-        EventManager::GetInstance()->PublishPending();
         if (!running_.load()) {
             QLOGW(QUOR_TAG_SERVICE, "%s", kMonitorText[index].stopMessage);
             // Whoever reads next is woken by the pacing rule until it says
@@ -328,6 +325,9 @@ int QuorBpfService::checkBpfRingBuffStatus(int index, bool force) {
     // Lost exit records would leave dead processes in the registry for good.
     if (index == RINGBUF_MAIN) {
         const size_t reaped = reapLostExits();
+        // This thread batches: the sweep's exits must not wait for its next
+        // round, which may be the next record.
+        EventManager::GetInstance()->PublishPending();
         if (reaped != 0) {
             QLOGW(QUOR_TAG_SERVICE,
                   "[QuorBpfService][checkBpfRingBuffStatus] %zu exited processes whose exit "
